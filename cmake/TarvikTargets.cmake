@@ -1,0 +1,62 @@
+# What every target of the tree has in common, as functions.
+
+add_library(tarvik_options INTERFACE)
+target_compile_features(tarvik_options INTERFACE cxx_std_20)
+target_compile_options(tarvik_options INTERFACE -Wall -Wextra -Wpedantic)
+if(TARVIK_WERROR)
+  target_compile_options(tarvik_options INTERFACE -Werror)
+endif()
+if(TARVIK_SANITIZE)
+  target_compile_options(tarvik_options INTERFACE -fsanitize=${TARVIK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(tarvik_options INTERFACE -fsanitize=${TARVIK_SANITIZE})
+endif()
+
+# tarvik_library(NAME ALIAS KIND SOURCES...): a library of this layer, its
+# include/ folder public and each of its headers compiled alone by the target
+# all_verify_interface_header_sets.
+function(tarvik_library name alias kind)
+  add_library(${name} ${kind} ${ARGN})
+  add_library(${alias} ALIAS ${name})
+  file(GLOB_RECURSE headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/include/*.hpp)
+  target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${CMAKE_CURRENT_SOURCE_DIR}/include FILES ${headers})
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:tarvik_options>)
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON VERIFY_INTERFACE_HEADER_SETS ON)
+endfunction()
+
+# Where module libraries stand: beside each other, so that the host finds them.
+set(TARVIK_MODULE_OUTPUT_DIR ${CMAKE_BINARY_DIR}/modules)
+set(TARVIK_MODULE_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/tarvik/modules)
+
+# tarvik_module(NAME ENTRY LIBRARY): the loadable library libNAME.so made of the
+# entry point's source and an object-code library; it exports what
+# EXPORTS lists (linker patterns) besides the entry point, and nothing else.
+function(tarvik_module name entry library)
+  cmake_parse_arguments(PARSE_ARGV 3 module "" "" "EXPORTS")
+  add_library(${name} MODULE ${entry})
+  target_link_libraries(${name} PRIVATE tarvik_options ${library})
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.exports)
+  list(JOIN module_EXPORTS " " exports)
+  file(WRITE ${script} "{ global: zbLoadModule; ${exports} local: *; };\n")
+  target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,--no-undefined)
+  set_target_properties(${name} PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${TARVIK_MODULE_OUTPUT_DIR}
+    CXX_VISIBILITY_PRESET hidden
+    LINK_DEPENDS ${script})
+  install(TARGETS ${name} LIBRARY DESTINATION ${TARVIK_MODULE_INSTALL_DIR} COMPONENT platform)
+endfunction()
+
+# tarvik_test(NAME LABEL SOURCES... LIBRARIES ...): a test program whose tests
+# ctest runs one by one.
+function(tarvik_test name label)
+  cmake_parse_arguments(PARSE_ARGV 2 test "" "TIMEOUT" "SOURCES;LIBRARIES")
+  if(NOT TARVIK_BUILD_TESTS)
+    return()
+  endif()
+  if(NOT test_TIMEOUT)
+    set(test_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${test_SOURCES})
+  target_link_libraries(${name} PRIVATE tarvik_options ${test_LIBRARIES} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} PROPERTIES LABELS ${label} TIMEOUT ${test_TIMEOUT} DISCOVERY_TIMEOUT 60)
+endfunction()

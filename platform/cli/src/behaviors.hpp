@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "context.hpp"
+
+namespace Tarvik
+{
+
+constexpr auto behaviorManagerName = "ZBBehaviorManager";
+
+/// The behavior manager of a host, seen from a client. The session must
+/// outlive it.
+class Behaviors
+{
+public:
+  /// Throws a vu::ServiceError when the host has no behavior manager.
+  explicit Behaviors(vu::RemoteSession& session);
+
+  const vu::Object& object() const { return _object; }
+
+  std::vector<std::string> installed() const { return names("getInstalledBehaviors"); }
+  std::vector<std::string> names(const std::string& method) const { return _object.call<std::vector<std::string>>(method); }
+
+  /// The name that state lists and signals use. Throws a CommandError that
+  /// names what is meant, perhaps, when no such behavior is installed.
+  std::string resolve(const std::string& name) const;
+
+private:
+  vu::Object _object;
+};
+
+/// Why `name` is not accepted, with the installed behavior that is probably meant.
+std::string unknownBehaviorText(const std::string& name, const std::vector<std::string>& installed);
+
+} // namespace Tarvik

@@ -1,0 +1,76 @@
+#include "context.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <vu/os.hpp>
+
+namespace Tarvik
+{
+
+namespace
+{
+
+std::string firstLine(const std::filesystem::path& path)
+{
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line;
+}
+
+std::filesystem::path rootDirectory(const std::string& given)
+{
+  const auto fromEnvironment = [](const char* name)
+  {
+    const auto* value = std::getenv(name);
+    return std::filesystem::path(value ? value : "");
+  };
+  if (!given.empty())
+    return given;
+  if (const auto root = fromEnvironment("TARVIK_ROOT"); !root.empty())
+    return root;
+  if (const auto data = fromEnvironment("XDG_DATA_HOME"); !data.empty())
+    return data / "tarvik";
+  return std::filesystem::path(vu::os::home()) / ".local/share/tarvik";
+}
+
+/// The address and token that the host of this root has written.
+void readFromRoot(HostOptions& host)
+{
+  const auto root = rootDirectory(host.root);
+  const auto run = root / "run";
+  host.url = firstLine(run / "endpoint");
+  host.tokenFile = (run / "token").string();
+  if (host.url.empty())
+    throw CommandError("no host runs on " + root.string() + " (there is no " + (run / "endpoint").string() + "); start one with \"tarvikd --root " + root.string() +
+                         "\", or name another with --root or --url",
+                       ExitCode::NoHost);
+}
+
+} // namespace
+
+std::unique_ptr<vu::RemoteSession> Context::connect()
+{
+  if (host.url.empty())
+    readFromRoot(host);
+  vu::RemoteSession::Options options;
+  options.url = host.url;
+  options.token = firstLine(host.tokenFile);
+  if (options.token.empty())
+    throw CommandError("no token can be read from " + host.tokenFile + "; name a file that holds one, and that you may read, with --token-file");
+  try
+  {
+    return std::make_unique<vu::RemoteSession>(options);
+  }
+  catch (const vu::ServiceError& error)
+  {
+    if (error.kind() != vu::ServiceError::Kind::ConnectionLost)
+      throw;
+    throw CommandError("no host reached at " + host.url + ": " + error.description() + "; start one with \"tarvikd\", or name another with --root or --url",
+                       ExitCode::NoHost);
+  }
+}
+
+} // namespace Tarvik

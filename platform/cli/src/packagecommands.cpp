@@ -1,0 +1,136 @@
+#include <algorithm>
+#include <filesystem>
+
+#include <cli/text.hpp>
+#include <vu/packageinfo.hpp>
+
+#include "behaviors.hpp"
+#include "mailbox.hpp"
+
+namespace Tarvik
+{
+
+namespace
+{
+
+constexpr std::chrono::seconds announcementLimit(10);
+
+/// What the behavior manager says about added or removed behaviors, heard from
+/// before the change is asked for, so that none is missed.
+class Announcements
+{
+public:
+  Announcements(const Behaviors& behaviors, const std::string& signal)
+  {
+    const std::function<void(std::vector<std::string>)> callback = [mailbox = _mailbox](std::vector<std::string> names) { mailbox->put(std::move(names)); };
+    behaviors.object().connect(signal, callback).value();
+  }
+
+  /// Whether one about the package comes in time. One about no behavior at all
+  /// is taken for it only when the package has none.
+  bool waitFor(const vu::PackageInfo& package) const
+  {
+    const auto deadline = std::chrono::steady_clock::now() + announcementLimit;
+    const auto about = [&package](const std::string& name) { return name == package.uuid() || name.starts_with(package.uuid() + "/"); };
+    while (const auto names = _mailbox->take(deadline))
+      if (package.behaviors().empty() ? names->empty() : std::any_of(names->begin(), names->end(), about))
+        return true;
+    return false;
+  }
+
+private:
+  const std::shared_ptr<Mailbox<std::vector<std::string>>> _mailbox = std::make_shared<Mailbox<std::vector<std::string>>>();
+};
+
+std::vector<std::string> behaviorNames(const vu::PackageInfo& package)
+{
+  std::vector<std::string> names;
+  for (const auto& behavior : package.behaviors())
+    names.push_back(behavior.path() == "." ? package.uuid() : package.uuid() + "/" + behavior.path());
+  return names;
+}
+
+void finish(const Context& context, const vu::PackageInfo& package, const std::string& state, bool announced)
+{
+  if (context.json)
+    context.print({{"uuid", package.uuid()}, {"version", package.version()}, {"state", state}, {"behaviors", behaviorNames(package)}, {"announced", announced}});
+  else
+  {
+    context.out << package.uuid() << " " << state << "\n";
+    for (const auto& name : behaviorNames(package))
+      context.out << "  " << name << "\n";
+  }
+  context.out.flush();
+  if (!announced)
+    throw CommandError("the package \"" + package.uuid() + "\" is " + state + ", but the behavior manager did not announce it within 10 s; see the host's log");
+}
+
+void install(Context& context, const std::string& path)
+{
+  const auto session = context.connect();
+  const Behaviors behaviors(*session);
+  const Announcements announcements(behaviors, "behaviorsAdded");
+  const auto manager = session->service("PackageManager").value();
+  const auto uuid = manager.call<std::string>("install", std::filesystem::absolute(path).string(), std::string("tarvik"));
+  const auto package = manager.call<vu::PackageInfo>("package", uuid);
+  finish(context, package, "installed", announcements.waitFor(package));
+}
+
+void remove(Context& context, const std::string& uuid)
+{
+  const auto session = context.connect();
+  const Behaviors behaviors(*session);
+  const Announcements announcements(behaviors, "behaviorsRemoved");
+  const auto manager = session->service("PackageManager").value();
+  if (!manager.call<bool>("hasPackage", uuid))
+    throw CommandError("no package \"" + uuid + "\" is installed; \"tarvik package list\" shows those that are");
+  const auto package = manager.call<vu::PackageInfo>("package", uuid);
+  manager.call<void>("remove", uuid);
+  finish(context, package, "removed", announcements.waitFor(package));
+}
+
+void list(Context& context)
+{
+  const auto session = context.connect();
+  const auto packages = session->service("PackageManager").value().call<std::vector<vu::PackageInfo>>("packages");
+  if (context.json)
+    return context.print(packages);
+  if (packages.empty())
+  {
+    context.out << "no package is installed; \"tarvik package install PATH\" installs one\n";
+    return;
+  }
+  std::vector<std::vector<std::string>> table{{"PACKAGE", "VERSION", "INSTALLER", "BEHAVIORS", "NAME"}};
+  for (const auto& package : packages)
+    table.push_back({package.uuid(), package.version(), package.installer(), std::to_string(package.behaviors().size()), package.name("en_US")});
+  context.out << formatTable(table);
+}
+
+void check(Context& context, const std::string& path)
+{
+  const auto session = context.connect();
+  const auto package = session->service("PackageManager").value().call<vu::PackageInfo>("check", std::filesystem::absolute(path).string());
+  if (context.json)
+    return context.print(package);
+  context.out << path << " is the package " << package.uuid() << " " << package.version() << ", without a fault\n";
+  for (const auto& name : behaviorNames(package))
+    context.out << "  " << name << "\n";
+}
+
+} // namespace
+
+void addPackageCommands(Commands& commands)
+{
+  auto* group = commands.addGroup("package", "Packages of behaviors");
+  const auto text = std::make_shared<std::string>();
+  commands.add(*group, "install", "Installs a directory or a zip archive; replaces the package if it is there", [text](Context& context) { install(context, *text); })
+    ->add_option("PATH", *text, "The package")
+    ->required();
+  commands.add(*group, "remove", "Removes a package", [text](Context& context) { remove(context, *text); })->add_option("UUID", *text, "The package")->required();
+  commands.add(*group, "list", "Lists the packages", list);
+  commands.add(*group, "check", "Tells whether a directory or a zip archive could be installed", [text](Context& context) { check(context, *text); })
+    ->add_option("PATH", *text, "The package")
+    ->required();
+}
+
+} // namespace Tarvik

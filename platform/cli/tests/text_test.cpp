@@ -1,0 +1,102 @@
+#include <cli/text.hpp>
+
+#include <gmock/gmock.h>
+
+namespace Tarvik
+{
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using vu::Value;
+
+TEST(Argument, isJsonWhereTheTextIsJsonAndElseAString)
+{
+  const std::vector<std::pair<std::string, Value>> cases{{"1", 1},
+                                                         {"-1.5", -1.5},
+                                                         {"true", true},
+                                                         {"null", nullptr},
+                                                         {"\"1\"", "1"},
+                                                         {R"(["a", [1]])", Value::array({"a", Value::array({1})})},
+                                                         {R"({"a": 1})", {{"a", 1}}},
+                                                         {"{}", Value::object()},
+                                                         {"greetings/hello", "greetings/hello"},
+                                                         {"1.2.3", "1.2.3"},
+                                                         {"[1,", "[1,"},
+                                                         {"", ""},
+                                                         {"True", "True"}};
+  for (const auto& [text, value] : cases)
+  {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(argumentFromText(text), value);
+  }
+}
+
+TEST(MethodName, isSplitAtItsLastDotAndRefusedWithoutBothParts)
+{
+  EXPECT_EQ(splitMethodName("ZBMemory.getData"), std::pair(std::string("ZBMemory"), std::string("getData")));
+  EXPECT_EQ(splitMethodName("a.b.c"), std::pair(std::string("a.b"), std::string("c")));
+  for (const auto* text : {"", "getData", ".getData", "ZBMemory."})
+  {
+    SCOPED_TRACE(text);
+    EXPECT_THROW(splitMethodName(text), std::invalid_argument);
+  }
+}
+
+TEST(Table, alignsColumnsByCharactersWithoutSpacesAtTheEndOfALine)
+{
+  EXPECT_EQ(formatTable({{"NAME", "STATE", "TAGS"}, {"grüße/a", "running", ""}, {"b", "", "x, y"}}),
+            "NAME     STATE    TAGS\n"
+            "grüße/a  running\n"
+            "b                 x, y\n");
+}
+
+TEST(Value, isShownBareAsStringAndNotAtAllAsNull)
+{
+  EXPECT_EQ(formatValue("a \"b\""), "a \"b\"\n");
+  EXPECT_EQ(formatValue(nullptr), "");
+  EXPECT_EQ(formatValue(true), "true\n");
+  EXPECT_EQ(formatValue(Value::array({1})), "[\n  1\n]\n");
+}
+
+TEST(SingleLine, hasNoControlCharacters)
+{
+  EXPECT_EQ(singleLine("a\nb\tc\x1b[2J\n"), "a b c [2J");
+}
+
+TEST(Description, showsSignaturesInAdvertisedOrder)
+{
+  vu::ObjectDescription description{"Clock", "Tells the time.", {}, {{"struck", {"int", "[string]"}}}};
+  description.methods.push_back({"wind", "", {{"turns", "How often.", "int"}, {"", "", "value"}}, std::nullopt, false});
+  description.methods.push_back({"await", "Waits.", {}, vu::ParameterDescription{"hour", "The next hour.", "future<int>"}, true});
+  const auto text = formatDescription(description);
+  EXPECT_EQ(text, "Clock\n"
+                  "  Tells the time.\n"
+                  "\nmethods\n"
+                  "  wind(turns: int, value)\n"
+                  "      turns: How often.\n"
+                  "  await() -> future<int>\n"
+                  "      Waits.\n"
+                  "      returns The next hour.\n"
+                  "\nsignals\n"
+                  "  struck(int, [string])\n");
+}
+
+TEST(Notification, isOneLineForPeopleAndAnObjectForPrograms)
+{
+  const std::chrono::system_clock::time_point time(std::chrono::milliseconds(1'700'000'000'042));
+  const Value event{{"link", 7}, {"key", "a\nb"}, {"value", {{"x", "1\n2"}}}};
+  EXPECT_THAT(formatNotification("event", event, time), EndsWith(R"(.042  event   a b  {"x":"1\n2"})"));
+  EXPECT_EQ(notificationValue("event", event, time), Value({{"time", "2023-11-14T22:13:20.042Z"}, {"kind", "event"}, {"key", "a\nb"}, {"value", {{"x", "1\n2"}}}}));
+
+  const Value signal{{"link", 8}, {"service", "S"}, {"signal", "s"}, {"arguments", Value::array({"x", 2})}};
+  EXPECT_THAT(formatNotification("signal", signal, time), EndsWith(R"(.042  signal  S.s("x", 2))"));
+  EXPECT_EQ(notificationValue("signal", signal, time)["arguments"], Value::array({"x", 2}));
+  EXPECT_FALSE(notificationValue("signal", signal, time).contains("link"));
+}
+
+TEST(Notification, withBytesThatAreNoTextIsShownAllTheSame)
+{
+  EXPECT_THAT(formatNotification("event", {{"key", "k"}, {"value", "\xff"}}, {}), HasSubstr("\xEF\xBF\xBD"));
+}
+
+} // namespace Tarvik

@@ -1,0 +1,171 @@
+#include <gateway/gateway.hpp>
+
+#include <stdexcept>
+#include <thread>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <vu/log.hpp>
+
+#include "server.hpp"
+
+namespace Tarvik
+{
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+namespace
+{
+
+std::unique_ptr<asio::ssl::context> loadTls(const Gateway::Options& options)
+{
+  if (options.tlsCertificate.empty() != options.tlsKey.empty())
+    throw std::runtime_error("TLS needs both a certificate and a key");
+  if (options.tlsCertificate.empty())
+    return nullptr;
+  auto context = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
+  context->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 | asio::ssl::context::no_sslv3 |
+                       asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
+  error_code error;
+  context->use_certificate_chain_file(options.tlsCertificate, error);
+  if (error)
+    throw std::runtime_error("the certificate " + options.tlsCertificate + " cannot be used: " + error.message());
+  context->use_private_key_file(options.tlsKey, asio::ssl::context::pem, error);
+  if (error)
+    throw std::runtime_error("the key " + options.tlsKey + " cannot be used: " + error.message());
+  return context;
+}
+
+} // namespace
+
+struct Gateway::Implementation
+{
+  explicit Implementation(Options options) : acceptor(*io), deadline(*io), pause(*io) { server->options = std::move(options); }
+
+  void accept()
+  {
+    acceptor.async_accept(
+      [this](error_code error, tcp::socket socket)
+      {
+        if (*server->stopped)
+          return;
+        if (error)
+        {
+          // Out of files, most likely: what is open must end first.
+          vu::log::warning("gateway", "accept", error.message());
+          pause.expires_after(std::chrono::milliseconds(100));
+          pause.async_wait(
+            [this](error_code cancelled)
+            {
+              if (!cancelled)
+                accept();
+            });
+          return;
+        }
+        serveHttp(server, io, std::move(socket), server->connections.size() >= server->options.limits.connections);
+        accept();
+      });
+  }
+
+  void shutdown()
+  {
+    error_code ignored;
+    acceptor.close(ignored);
+    pause.cancel();
+    deadline.expires_after(server->options.limits.close);
+    deadline.async_wait(
+      [this](error_code error)
+      {
+        if (!error)
+          each(&Connection::abort);
+      });
+    server->connectionEnded = [this]
+    {
+      if (server->connections.empty())
+        deadline.cancel();
+    };
+    each(&Connection::shutdown);
+    if (server->connections.empty())
+      deadline.cancel();
+  }
+
+  void each(void (Connection::*action)())
+  {
+    const auto connections = server->connections; // they leave meanwhile
+    for (const auto& [key, weak] : connections)
+      if (const auto connection = weak.lock())
+        ((*connection).*action)();
+  }
+
+  const std::shared_ptr<asio::io_context> io = std::make_shared<asio::io_context>(1);
+  const std::shared_ptr<Server> server = std::make_shared<Server>();
+  tcp::acceptor acceptor;
+  asio::steady_timer deadline;
+  asio::steady_timer pause;
+  std::thread thread;
+};
+
+Gateway::Gateway(Options options) : _implementation(std::make_unique<Implementation>(std::move(options))) {}
+
+Gateway::~Gateway() { stop(); }
+
+std::string Gateway::listen()
+{
+  const auto& server = _implementation->server;
+  auto& acceptor = _implementation->acceptor;
+  const auto& options = server->options;
+  const auto where = (options.address.find(':') == std::string::npos ? options.address : "[" + options.address + "]") + ":" + std::to_string(options.port);
+  error_code error;
+  const auto address = asio::ip::make_address(options.address, error);
+  if (error)
+    throw std::runtime_error("cannot listen on " + where + ": '" + options.address + "' is no IP address");
+  server->tls = loadTls(options);
+  if (!address.is_loopback() && !server->tls && !options.insecure)
+    throw std::runtime_error("cannot listen on " + where +
+                             " without TLS, since tokens could be read on their way: give --tls-cert and --tls-key, or --insecure");
+  const tcp::endpoint endpoint(address, options.port);
+  acceptor.open(endpoint.protocol(), error);
+  if (!error)
+    acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+  if (!error)
+    acceptor.bind(endpoint, error);
+  if (!error)
+    acceptor.listen(asio::socket_base::max_listen_connections, error);
+  if (error)
+    throw std::runtime_error("cannot listen on " + where + ": " + error.message());
+  const auto port = std::to_string(acceptor.local_endpoint().port());
+  return (server->tls ? "https://" : "http://") + where.substr(0, where.rfind(':') + 1) + port;
+}
+
+void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
+{
+  auto& implementation = *_implementation;
+  if (!implementation.acceptor.is_open() || implementation.thread.joinable())
+    throw std::logic_error("a gateway starts once, after it has begun to listen");
+  implementation.server->dispatcher.emplace(broker, implementation.server->options.limits.openCalls);
+  implementation.server->broker = std::move(broker);
+  implementation.accept();
+  implementation.thread = std::thread([&implementation] { implementation.io->run(); });
+}
+
+void Gateway::stop()
+{
+  auto& implementation = *_implementation;
+  *implementation.server->stopped = true;
+  if (!implementation.thread.joinable())
+  {
+    error_code ignored;
+    implementation.acceptor.close(ignored);
+    return;
+  }
+  asio::post(*implementation.io, [&implementation] { implementation.shutdown(); });
+  implementation.thread.join();
+  implementation.server->connectionEnded = {};
+  implementation.server->dispatcher.reset();
+  implementation.server->broker.reset();
+}
+
+} // namespace Tarvik

@@ -1,0 +1,175 @@
+#include "jsonrpc.hpp"
+
+#include <stdexcept>
+
+#include <vu/future.hpp>
+
+namespace Tarvik::JsonRpc
+{
+
+namespace
+{
+
+bool isTooDeep(std::string_view text)
+{
+  std::size_t depth = 0;
+  bool inText = false;
+  for (std::size_t i = 0; i < text.size(); ++i)
+  {
+    const char c = text[i];
+    if (inText)
+    {
+      if (c == '\\')
+        ++i;
+      else if (c == '"')
+        inText = false;
+    }
+    else if (c == '"')
+      inText = true;
+    else if ((c == '[' || c == '{') && ++depth > maximumDepth)
+      return true;
+    else if ((c == ']' || c == '}') && depth > 0)
+      --depth;
+  }
+  return false;
+}
+
+std::variant<Request, std::string> parseEntry(const vu::Value& value)
+{
+  const auto invalid = [](const vu::Value& id, const std::string& why) { return error(id, InvalidRequest, "invalid request: " + why); };
+  if (!value.is_object())
+    return invalid(nullptr, "it is no object");
+  Request request;
+  if (const auto id = value.find("id"); id == value.end())
+    request.notification = true;
+  else if (!id->is_string() && !id->is_number() && !id->is_null())
+    return invalid(nullptr, "\"id\" must be a string, a number or null");
+  else
+    request.id = *id;
+  if (const auto version = value.find("jsonrpc"); version == value.end() || *version != "2.0")
+    return invalid(request.id, "\"jsonrpc\" must be \"2.0\"");
+  const auto method = value.find("method");
+  if (method == value.end() || !method->is_string())
+    return invalid(request.id, "\"method\" must be a string");
+  const auto& name = method->get_ref<const std::string&>();
+  const auto dot = name.rfind('.');
+  if (dot == std::string::npos)
+  {
+    if (request.notification)
+      return std::string();
+    return error(request.id, MethodNotFound, "'" + name + "' is no method: name it \"Service.method\"", {{"unknown", "method"}});
+  }
+  request.service = name.substr(0, dot);
+  request.method = name.substr(dot + 1);
+  if (const auto params = value.find("params"); params != value.end())
+  {
+    if (!params->is_array())
+    {
+      if (request.notification)
+        return std::string();
+      return error(request.id, InvalidParams, "\"params\" must be an array: parameters are taken by position");
+    }
+    request.params = *params;
+  }
+  return request;
+}
+
+Code codeOf(vu::ServiceError::Kind kind)
+{
+  using Kind = vu::ServiceError::Kind;
+  switch (kind)
+  {
+  case Kind::UnknownService:
+  case Kind::UnknownMethod:
+    return MethodNotFound;
+  case Kind::InvalidArguments:
+    return InvalidParams;
+  case Kind::NotAllowed:
+    return NotAllowed;
+  case Kind::Overloaded:
+    return Overloaded;
+  case Kind::Service:
+  case Kind::ConnectionLost:
+    break;
+  }
+  return ServiceFailed;
+}
+
+} // namespace
+
+Message parse(std::string_view text)
+{
+  Message message;
+  if (isTooDeep(text))
+  {
+    message.entries.emplace_back(
+      error(nullptr, InvalidRequest, "invalid request: values may be nested " + std::to_string(maximumDepth) + " deep"));
+    return message;
+  }
+  vu::Value value;
+  try
+  {
+    value = vu::Value::parse(text);
+  }
+  catch (const vu::Value::exception& fault)
+  {
+    message.entries.emplace_back(error(nullptr, ParseError, std::string("the message is no JSON: ") + fault.what()));
+    return message;
+  }
+  if (!value.is_array())
+    message.entries.push_back(parseEntry(value));
+  else if (value.empty())
+    message.entries.emplace_back(error(nullptr, InvalidRequest, "invalid request: an empty batch"));
+  else
+  {
+    message.batch = true;
+    for (const auto& entry : value)
+      message.entries.push_back(parseEntry(entry));
+  }
+  return message;
+}
+
+std::string result(const vu::Value& id, const vu::Value& value) { return dump({{"jsonrpc", "2.0"}, {"id", id}, {"result", value}}); }
+
+std::string error(const vu::Value& id, Code code, const std::string& message, const vu::Value& data)
+{
+  vu::Value error{{"code", static_cast<int>(code)}, {"message", message}};
+  if (!data.is_null())
+    error["data"] = data;
+  return dump({{"jsonrpc", "2.0"}, {"id", id}, {"error", error}});
+}
+
+std::string error(const vu::Value& id, const Request& request, const std::exception_ptr& failure)
+{
+  using Kind = vu::ServiceError::Kind;
+  const auto known = toServiceError(failure, request.service, request.method);
+  vu::Value data{{"module", known.module()}, {"method", known.method()}, {"description", known.description()}};
+  if (known.kind() == Kind::UnknownService || known.kind() == Kind::UnknownMethod)
+    data["unknown"] = known.kind() == Kind::UnknownService ? "service" : "method";
+  return error(id, codeOf(known.kind()), known.description(), data);
+}
+
+std::string notification(const std::string& method, const vu::Value& params)
+{
+  return dump({{"jsonrpc", "2.0"}, {"method", method}, {"params", params}});
+}
+
+vu::ServiceError toServiceError(const std::exception_ptr& failure, const std::string& service, const std::string& method)
+{
+  try
+  {
+    std::rethrow_exception(failure);
+  }
+  catch (const vu::ServiceError& known)
+  {
+    return {known.module(), known.method(), known.description(), known.kind()};
+  }
+  catch (...)
+  {
+    return {service, method, vu::errorText(std::current_exception())};
+  }
+}
+
+std::string dump(const vu::Value& value) { return value.dump(-1, ' ', false, vu::Value::error_handler_t::replace); }
+
+} // namespace Tarvik::JsonRpc

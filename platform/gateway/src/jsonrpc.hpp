@@ -1,0 +1,65 @@
+#pragma once
+
+#include <exception>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include <vu/error.hpp>
+#include <vu/value.hpp>
+
+/// JSON-RPC 2.0 as text and back; docs/protocol.md tells the codes.
+namespace Tarvik::JsonRpc
+{
+
+enum Code
+{
+  ParseError = -32700,
+  InvalidRequest = -32600,
+  MethodNotFound = -32601,
+  InvalidParams = -32602,
+  ServiceFailed = -32000,
+  NotAllowed = -32001,
+  Overloaded = -32002
+};
+
+/// Deeper values are refused: they would be walked recursively.
+constexpr std::size_t maximumDepth = 128;
+
+struct Request
+{
+  vu::Value id;              ///< null for a notification
+  bool notification = false; ///< nobody wants an answer
+  std::string service;
+  std::string method;
+  vu::Value params = vu::Value::array();
+
+  std::string fullName() const { return service + "." + method; }
+};
+
+/// What a message holds: each entry a request, or the ready answer to what is none.
+struct Message
+{
+  bool batch = false;
+  std::vector<std::variant<Request, std::string>> entries;
+};
+
+/// Never throws for bad input; the answers say what is wrong.
+Message parse(std::string_view text);
+
+std::string result(const vu::Value& id, const vu::Value& value);
+std::string error(const vu::Value& id, Code code, const std::string& message, const vu::Value& data = {});
+/// The answer for what a call has thrown.
+std::string error(const vu::Value& id, const Request& request, const std::exception_ptr& failure);
+
+std::string notification(const std::string& method, const vu::Value& params);
+
+/// What went wrong, whole: for errors that are no ServiceError, `service` and
+/// `method` are those that were called.
+vu::ServiceError toServiceError(const std::exception_ptr& failure, const std::string& service, const std::string& method);
+
+/// JSON whatever bytes its texts hold: what is no UTF-8 is replaced.
+std::string dump(const vu::Value& value);
+
+} // namespace Tarvik::JsonRpc

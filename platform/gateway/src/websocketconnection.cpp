@@ -1,0 +1,271 @@
+#include <map>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+
+#include <vu/log.hpp>
+#include <vu/objectbuilder.hpp>
+
+#include "outbox.hpp"
+#include "server.hpp"
+
+namespace Tarvik
+{
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using boost::system::error_code;
+using Kind = vu::ServiceError::Kind;
+
+namespace
+{
+
+class WebSocketConnection final : public Connection, public std::enable_shared_from_this<WebSocketConnection>
+{
+public:
+  WebSocketConnection(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client)
+    : _io(std::move(io)), _server(std::move(server)), _client(std::move(client)), _webSocket(std::move(stream)), _timer(*_io)
+  {
+  }
+
+  void accept(const Request& request)
+  {
+    const auto& limits = _server->options.limits;
+    _outbox = std::make_shared<Outbox>(limits.queuedMessages, limits.queuedBytes,
+                                       [io = _io, self = weak_from_this()]
+                                       {
+                                         asio::post(*io,
+                                                    [self]
+                                                    {
+                                                      if (const auto alive = self.lock())
+                                                        alive->write();
+                                                    });
+                                       });
+    _server->enter(shared_from_this());
+    _webSocket.set_option(websocket::stream_base::timeout{limits.close, limits.idle, true});
+    _webSocket.read_message_max(limits.messageBytes);
+    _webSocket.text(true);
+    _webSocket.async_accept(request, [self = shared_from_this()](error_code error) { error ? self->end() : self->read(); });
+  }
+
+  void shutdown() override { close(websocket::close_code::going_away, "the host is shutting down"); }
+
+  void abort() override
+  {
+    error_code ignored;
+    beast::get_lowest_layer(_webSocket).socket().close(ignored);
+    end();
+  }
+
+private:
+  struct Link
+  {
+    std::shared_ptr<vu::LocalObject> object;
+    vu::SignalLink link;
+  };
+
+  void read()
+  {
+    _webSocket.async_read(_incoming,
+                          [self = shared_from_this()](error_code error, std::size_t)
+                          {
+                            if (error)
+                              return self->end();
+                            if (!self->_closing)
+                              self->handle(beast::buffers_to_string(self->_incoming.data()));
+                            self->_incoming.clear();
+                            self->read();
+                          });
+  }
+
+  void handle(const std::string& text)
+  {
+    auto message = JsonRpc::parse(text);
+    // In a batch, whose answer comes when all of it has been carried out,
+    // nothing is held back.
+    if (const auto* const request = message.batch ? nullptr : std::get_if<JsonRpc::Request>(&message.entries.front());
+        request && request->service == "session" && (request->method == "connect" || request->method == "subscribe") && !request->notification)
+    {
+      const auto slot = _outbox->reserve();
+      _outbox->fill(slot, answerLink(*request));
+      return;
+    }
+    _server->dispatcher->handle(
+      std::move(message), _client, _openCalls,
+      [this](const JsonRpc::Request& request) -> std::optional<std::string>
+      {
+        if (request.method == "connect" || request.method == "subscribe" || request.method == "disconnect")
+          return answerLink(request);
+        return std::nullopt;
+      },
+      [outbox = _outbox](std::string answer)
+      {
+        if (!answer.empty())
+          outbox->push(std::move(answer));
+      });
+  }
+
+  std::string answerLink(const JsonRpc::Request& request)
+  {
+    try
+    {
+      return JsonRpc::result(request.id, link(request));
+    }
+    catch (...)
+    {
+      return JsonRpc::error(request.id, request, std::current_exception());
+    }
+  }
+
+  vu::Value link(const JsonRpc::Request& request)
+  {
+    const auto& params = request.params;
+    const auto text = [&](std::size_t index) { return index < params.size() && params[index].is_string(); };
+    const auto wrong = [&request](const std::string& wanted)
+    { return vu::ServiceError(request.service, request.method, request.fullName() + " takes " + wanted, Kind::InvalidArguments); };
+    if (request.method == "disconnect")
+    {
+      if (params.size() != 1 || !params[0].is_number_unsigned())
+        throw wrong("a link's number");
+      disconnect(params[0].get<std::uint64_t>());
+      return nullptr;
+    }
+    if (_links.size() >= _server->options.limits.links)
+      throw vu::ServiceError(request.service, request.method, "this connection has " + std::to_string(_links.size()) + " links already",
+                             Kind::Overloaded);
+    const auto number = _lastLink + 1;
+    if (request.method == "connect")
+    {
+      if (params.size() != 2 || !text(0) || !text(1))
+        throw wrong("the names of a service and a signal");
+      const auto service = params[0].get<std::string>();
+      const auto signal = params[1].get<std::string>();
+      connect(service, signal, number,
+              [outbox = _outbox, number, service, signal](const vu::Value& arguments)
+              {
+                outbox->push(
+                  JsonRpc::notification("signal", {{"link", number}, {"service", service}, {"signal", signal}, {"arguments", arguments}}));
+              });
+    }
+    else
+    {
+      if (params.size() != 1 || !text(0))
+        throw wrong("an event's key, or \"*\"");
+      connect("ZBMemory", "eventRaised", number,
+              [outbox = _outbox, number, key = params[0].get<std::string>()](const vu::Value& event)
+              {
+                if (key == "*" || event[0] == key)
+                  outbox->push(JsonRpc::notification("event", {{"link", number}, {"key", event[0]}, {"value", event[1]}}));
+              });
+    }
+    return number;
+  }
+
+  /// `callback` runs inside emissions: it only puts a text into the outbox.
+  void connect(const std::string& service, const std::string& signal, std::uint64_t number, vu::SignalBase::ValuesCallback callback)
+  {
+    const auto object = _server->broker->session()->find(service);
+    if (!object)
+      throw vu::ServiceError(service, signal, "there is no service " + service, Kind::UnknownService);
+    const auto link = object->connect(signal, std::move(callback)).value(); // ready: the service is local
+    _lastLink = number;
+    _links.emplace(number, Link{object, link});
+  }
+
+  void disconnect(std::uint64_t number)
+  {
+    const auto found = _links.find(number);
+    if (found == _links.end())
+      return;
+    const auto link = found->second;
+    _links.erase(found);
+    // Waits for a callback under way, which waits for nobody.
+    link.object->disconnect(link.link);
+  }
+
+  void write()
+  {
+    if (_outbox->overflowed())
+      return close(websocket::close_code::policy_error, "this client does not keep up with its signals and answers");
+    if (_writing || _closing || _ended)
+      return;
+    auto text = _outbox->take();
+    if (!text)
+      return;
+    _outgoing = std::move(*text);
+    _writing = true;
+    _webSocket.async_write(asio::buffer(_outgoing),
+                           [self = shared_from_this()](error_code error, std::size_t)
+                           {
+                             self->_writing = false;
+                             if (error)
+                               return self->end();
+                             self->write();
+                           });
+  }
+
+  /// What is being written is finished first, as long as the client takes it
+  /// within the time; then comes the reason.
+  void close(websocket::close_code code, const std::string& reason)
+  {
+    if (_closing || _ended)
+      return;
+    _closing = true;
+    letGo();
+    vu::log::info("gateway", __func__, _client.identity.name + " at " + _client.address + " is disconnected: " + reason);
+    _timer.expires_after(_server->options.limits.close);
+    _timer.async_wait(
+      [self = shared_from_this()](error_code error)
+      {
+        if (!error)
+          self->abort();
+      });
+    _webSocket.async_close(websocket::close_reason(code, reason), [self = shared_from_this()](error_code) { self->end(); });
+  }
+
+  void letGo()
+  {
+    while (!_links.empty())
+      disconnect(_links.begin()->first);
+    _outbox->close();
+  }
+
+  void end()
+  {
+    if (_ended)
+      return;
+    _ended = true;
+    letGo();
+    _timer.cancel();
+    error_code ignored;
+    beast::get_lowest_layer(_webSocket).socket().close(ignored);
+    _server->leave(this);
+  }
+
+  const IoContext _io; // destroyed last
+  const std::shared_ptr<Server> _server;
+  const Client _client;
+  websocket::stream<Stream> _webSocket;
+  asio::steady_timer _timer;
+  std::shared_ptr<Outbox> _outbox;
+  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = Dispatcher::makeOpenCalls();
+  std::map<std::uint64_t, Link> _links; ///< by number on the wire
+  std::uint64_t _lastLink = 0;
+  beast::flat_buffer _incoming;
+  std::string _outgoing;
+  bool _writing = false;
+  bool _closing = false;
+  bool _ended = false;
+};
+
+} // namespace
+
+void serveWebSocket(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client, const Request& request)
+{
+  std::make_shared<WebSocketConnection>(std::move(server), std::move(io), std::move(stream), std::move(client))->accept(request);
+}
+
+} // namespace Tarvik

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <gtest/gtest.h>
+
+/// A folder of the test's own, with what packages are made of.
+class PackageFixture : public testing::Test
+{
+protected:
+  PackageFixture()
+  {
+    auto name = (std::filesystem::path(testing::TempDir()) / "packages-XXXXXX").string();
+    directory = mkdtemp(name.data());
+  }
+  ~PackageFixture() override { std::filesystem::remove_all(directory); }
+
+  static void write(const std::filesystem::path& file, const std::string& content)
+  {
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << content;
+  }
+
+  static std::string read(const std::filesystem::path& file)
+  {
+    std::ostringstream content;
+    content << std::ifstream(file).rdbuf();
+    return content.str();
+  }
+
+  static std::string manifest(const std::string& uuid, const std::string& version = "1")
+  {
+    return "<package uuid=\"" + uuid + "\" version=\"" + version + "\">\n  <behavior path=\"hello\"/>\n</package>\n";
+  }
+
+  /// A package with the behavior "hello", in a folder called `name`.
+  std::filesystem::path makePackage(const std::string& name, const std::string& uuid, const std::string& version = "1") const
+  {
+    const auto package = directory / name;
+    write(package / "manifest.xml", manifest(uuid, version));
+    write(package / "hello" / "behavior.xar", "<project format=\"1\" name=\"hello\"/>");
+    return package;
+  }
+
+  /// Names of all that stands in a folder, hidden or not.
+  static std::vector<std::string> names(const std::filesystem::path& folder)
+  {
+    std::vector<std::string> result;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+      result.push_back(entry.path().filename().string());
+    return result;
+  }
+
+  /// The description of the error, with which nothing but an `Error` is thrown.
+  template <typename Error, typename F> static std::string errorOf(const F& function)
+  {
+    try
+    {
+      function();
+    }
+    catch (const Error& error)
+    {
+      return error.what();
+    }
+    ADD_FAILURE() << "no error";
+    return {};
+  }
+
+  std::filesystem::path directory;
+};
+
+/// Writes zip archives, hostile ones too.
+class ZipWriter
+{
+public:
+  explicit ZipWriter(const std::filesystem::path& file, const char* options = nullptr) : _archive(archive_write_new(), &archive_write_free)
+  {
+    archive_write_set_format_zip(_archive.get());
+    if (options)
+    {
+      archive_write_set_passphrase(_archive.get(), "secret");
+      EXPECT_EQ(archive_write_set_options(_archive.get(), options), ARCHIVE_OK);
+    }
+    EXPECT_EQ(archive_write_open_filename(_archive.get(), file.c_str()), ARCHIVE_OK);
+  }
+
+  ZipWriter& file(const std::string& name, const std::string& content, unsigned mode = 0644) { return add(name, AE_IFREG, mode, content); }
+  ZipWriter& folder(const std::string& name) { return add(name, AE_IFDIR, 0755); }
+  ZipWriter& link(const std::string& name, const std::string& target) { return add(name, AE_IFLNK, 0777, {}, target); }
+  ZipWriter& package(const std::string& manifest) { return file("manifest.xml", manifest).file("hello/behavior.xar", "<project format=\"1\" name=\"hello\"/>"); }
+
+  ZipWriter& add(const std::string& name, unsigned type, unsigned mode, const std::string& content = {}, const std::string& target = {})
+  {
+    const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), &archive_entry_free);
+    archive_entry_set_pathname(entry.get(), name.c_str());
+    archive_entry_set_filetype(entry.get(), type);
+    archive_entry_set_perm(entry.get(), mode);
+    archive_entry_set_size(entry.get(), static_cast<la_int64_t>(content.size()));
+    if (!target.empty())
+      archive_entry_set_symlink(entry.get(), target.c_str());
+    EXPECT_EQ(archive_write_header(_archive.get(), entry.get()), ARCHIVE_OK) << archive_error_string(_archive.get());
+    EXPECT_EQ(archive_write_data(_archive.get(), content.data(), content.size()), static_cast<la_ssize_t>(content.size()));
+    return *this;
+  }
+
+private:
+  const std::unique_ptr<archive, int (*)(archive*)> _archive;
+};

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+namespace vu
+{
+
+/// A pool of threads that does not starve.
+///
+/// Tasks may block. When work waits and no task has begun or ended for a few
+/// milliseconds, one thread is added, up to `Limits::maximum`; threads beyond
+/// `Limits::threads` leave again after some idle seconds. Every task runs with the caller's
+/// name (see vu/caller.hpp) of the thread that posted it. What a task throws
+/// is logged. Thread-safe.
+class ThreadPool
+{
+public:
+  using Task = std::function<void()>;
+
+  struct Limits
+  {
+    std::size_t threads = 2;   ///< kept at all times, at least 1
+    std::size_t maximum = 512; ///< never more than these
+    std::size_t queue = 4096;  ///< calls that may wait once all `maximum` threads are busy
+  };
+
+  ThreadPool();
+  explicit ThreadPool(Limits limits);
+  /// Closes.
+  ~ThreadPool();
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  /// Never refuses. After close() has returned, tasks go to the process's pool.
+  void post(Task task);
+
+  /// For calls, which may be refused: throws a ServiceError of kind Overloaded
+  /// when all threads there may be are busy and the queue is full.
+  void postCall(Task task);
+
+  /// Runs `task` after `delay`, unless the pool is closed before.
+  void postAfter(std::chrono::milliseconds delay, Task task);
+
+  /// Runs what is queued and what that posts in turn, drops what waits for its
+  /// time, and joins the threads. Not to be called from a task of this pool.
+  void close();
+
+  /// Waits for a moment at which nothing is queued or running; timers do not
+  /// count. Not to be called from a task of this pool.
+  void waitUntilIdle();
+
+  /// Whether the calling thread is one of this pool's.
+  bool runsThisThread() const;
+
+  /// Threads that exist now.
+  std::size_t threadCount() const;
+
+  /// The pool of what is made outside a broker; it lives as long as the process.
+  static const std::shared_ptr<ThreadPool>& process();
+
+private:
+  struct Implementation;
+  std::unique_ptr<Implementation> _implementation;
+};
+
+} // namespace vu

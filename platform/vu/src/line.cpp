@@ -1,0 +1,64 @@
+#include <vu/line.hpp>
+
+#include <vu/caller.hpp>
+#include <vu/signal.hpp>
+
+namespace vu
+{
+
+std::shared_ptr<Line> Line::create(std::shared_ptr<ThreadPool> pool) { return std::shared_ptr<Line>(new Line(std::move(pool))); }
+
+void Line::push(ThreadPool::Task task)
+{
+  // The pool would note the caller of the task that stands before this one.
+  auto withCaller = [caller = currentCaller(), task = std::move(task)]
+  {
+    const CallerScope scope(caller);
+    task();
+  };
+  {
+    const std::lock_guard lock(_mutex);
+    _tasks.push_back(std::move(withCaller));
+    if (_running)
+      return;
+    _running = true;
+  }
+  _pool->post([self = shared_from_this()] { self->runNext(); });
+}
+
+Future<void> Line::passed()
+{
+  const Promise<void> promise(_pool);
+  push([promise] { promise.setValue(); });
+  return promise.future();
+}
+
+void Line::runNext()
+{
+  ThreadPool::Task task;
+  {
+    const std::lock_guard lock(_mutex);
+    task = std::move(_tasks.front());
+    _tasks.pop_front();
+  }
+  try
+  {
+    task();
+  }
+  catch (...)
+  {
+    detail::logCallbackError("a delivery");
+  }
+  task = nullptr; // what it holds goes before the next one runs
+  {
+    const std::lock_guard lock(_mutex);
+    if (_tasks.empty())
+    {
+      _running = false;
+      return;
+    }
+  }
+  _pool->post([self = shared_from_this()] { self->runNext(); });
+}
+
+} // namespace vu

@@ -1,0 +1,130 @@
+#include <vu/objectbuilder.hpp>
+
+#include <stdexcept>
+
+namespace vu
+{
+
+LocalObject::LocalObject(std::string name, std::shared_ptr<ThreadPool> pool) : _pool(std::move(pool)) { _description.name = std::move(name); }
+
+ObjectDescription LocalObject::description()
+{
+  const std::lock_guard lock(_mutex);
+  return _description;
+}
+
+Future<Value> LocalObject::call(const std::string& method, const Value& arguments)
+{
+  try
+  {
+    const auto pass = _gate.enter();
+    if (!pass)
+      throw ServiceError(name(), method, "there is no service " + name() + " any more", ServiceError::Kind::UnknownService);
+    Invoke invoke;
+    std::size_t wanted = 0;
+    {
+      const std::lock_guard lock(_mutex);
+      const auto found = _methods.find(method);
+      if (found == _methods.end())
+        throw ServiceError(name(), method, "the service " + name() + " has no method " + method, ServiceError::Kind::UnknownMethod);
+      invoke = found->second;
+      wanted = _description.method(method)->parameters.size();
+    }
+    if (!arguments.is_array() || arguments.size() != wanted)
+      throw ServiceError(name(), method,
+                         name() + "." + method + " takes " + std::to_string(wanted) + (wanted == 1 ? " argument, " : " arguments, ") +
+                           std::to_string(arguments.size()) + " given",
+                         ServiceError::Kind::InvalidArguments);
+    auto result = invoke(arguments);
+    if (auto* future = std::get_if<Future<Value>>(&result))
+      return *future;
+    return makeReadyFuture<Value>(std::get<Value>(result), _pool);
+  }
+  catch (const ArgumentError& error)
+  {
+    return makeFailedFuture<Value>(
+      std::make_exception_ptr(ServiceError(name(), method, name() + "." + method + ": " + error.what(), ServiceError::Kind::InvalidArguments)), _pool);
+  }
+  catch (...)
+  {
+    return makeFailedFuture<Value>(std::current_exception(), _pool);
+  }
+}
+
+Future<Value> LocalObject::post(const std::string& method, Value arguments)
+{
+  const Promise<Value> promise(_pool);
+  _pool->postCall([self = shared_from_this(), method, arguments = std::move(arguments), promise]
+                  { self->call(method, arguments).forward(promise, [](const Value& value) { return value; }); });
+  return promise.future();
+}
+
+Future<SignalLink> LocalObject::connect(const std::string& signal, SignalBase::ValuesCallback callback)
+{
+  std::shared_ptr<detail::SignalState> state;
+  if (const auto pass = _gate.enter())
+  {
+    const std::lock_guard lock(_mutex);
+    if (const auto found = _signals.find(signal); found != _signals.end())
+      state = found->second;
+  }
+  else
+    return makeFailedFuture<SignalLink>(
+      std::make_exception_ptr(ServiceError(name(), signal, "there is no service " + name() + " any more", ServiceError::Kind::UnknownService)), _pool);
+  if (!state)
+    return makeFailedFuture<SignalLink>(
+      std::make_exception_ptr(ServiceError(name(), signal, "the service " + name() + " has no signal " + signal, ServiceError::Kind::UnknownMethod)), _pool);
+  const auto link = state->connectValues(std::move(callback));
+  const std::lock_guard lock(_mutex);
+  _links.emplace(link, std::move(state));
+  return makeReadyFuture<SignalLink>(link, _pool);
+}
+
+void LocalObject::disconnect(SignalLink link)
+{
+  std::shared_ptr<detail::SignalState> state;
+  {
+    const std::lock_guard lock(_mutex);
+    const auto found = _links.find(link);
+    if (found == _links.end())
+      return;
+    state = std::move(found->second);
+    _links.erase(found);
+  }
+  state->disconnect(link);
+}
+
+void LocalObject::end() { _gate.closeAndDrain(); }
+
+ObjectBuilder::ObjectBuilder(std::string name, std::shared_ptr<ThreadPool> pool) : _object(new LocalObject(std::move(name), std::move(pool))) {}
+
+void ObjectBuilder::setDescription(std::string description)
+{
+  const std::lock_guard lock(_object->_mutex);
+  _object->_description.description = std::move(description);
+}
+
+void ObjectBuilder::advertiseSignal(const std::string& name, SignalBase& signal)
+{
+  const std::lock_guard lock(_object->_mutex);
+  if (!_object->_signals.emplace(name, signal.state()).second)
+    throw std::logic_error("the signal " + name + " is advertised twice");
+  _object->_description.signals.push_back({name, signal.argumentTypes()});
+}
+
+void ObjectBuilder::xAdd(MethodDescription description, std::vector<std::string> types, const std::string& returnType, LocalObject::Invoke invoke)
+{
+  if (description.parameters.size() > types.size())
+    throw std::logic_error("the method " + description.name + " has fewer parameters than are described");
+  description.parameters.resize(types.size());
+  for (std::size_t i = 0; i < types.size(); ++i)
+    description.parameters[i].type = std::move(types[i]);
+  if (description.returns)
+    description.returns->type = returnType;
+  const std::lock_guard lock(_object->_mutex);
+  if (!_object->_methods.emplace(description.name, std::move(invoke)).second)
+    throw std::logic_error("the method " + description.name + " is advertised twice");
+  _object->_description.methods.push_back(std::move(description));
+}
+
+} // namespace vu

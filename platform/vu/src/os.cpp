@@ -1,0 +1,23 @@
+#include <vu/os.hpp>
+
+#include <cstdlib>
+#include <pwd.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vu::os
+{
+
+std::string home()
+{
+  if (const char* home = std::getenv("HOME"); home && *home)
+    return home;
+  passwd entry{};
+  passwd* found = nullptr;
+  std::vector<char> buffer(16384);
+  if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir)
+    return found->pw_dir;
+  return "/";
+}
+
+} // namespace vu::os
