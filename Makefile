@@ -20,7 +20,7 @@ serve: release
 
 # All tests, then the page in a browser.
 test: dependencies
-	cmake --preset dev -DTARVIK_BUILD_TESTS=ON $(launcher) $(CMAKE_OPTIONS)
+	cmake --preset dev -DTARVIK_BUILD_TESTS=ON -DCMAKE_CXX_FLAGS_DEBUG=-g1 $(launcher) $(CMAKE_OPTIONS)
 	cmake --build --preset dev --parallel $(JOBS)
 	cd e2e && npm ci --no-fund --no-audit
 	ctest --preset dev --parallel $(JOBS)

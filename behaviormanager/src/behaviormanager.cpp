@@ -99,16 +99,17 @@ ZBBehaviorManager::~ZBBehaviorManager()
   // The frame manager's reports of these ends stand in the line; they still get in.
   _frameManagerObject.delivered().wait(lastReportsLimit);
   _gate->closeAndDrain();
-  std::map<std::string, std::unique_ptr<BehaviorInfo>> behaviors;
+  std::set<std::shared_ptr<BehaviorPlay>> openPlays;
   {
     const boost::lock_guard<boost::mutex> lock(_registryMutex);
-    behaviors.swap(_behaviors);
+    openPlays.swap(_openPlays);
+    for (auto& [path, info] : _behaviors)
+      info.reset();
   }
-  // Reports that came too late for the gate have left their connections.
-  for (const auto& [path, info] : behaviors)
-    if (const auto play = info->play())
-      for (auto* link : {&play->stoppedLink, &play->failedLink})
-        _frameManagerObject.disconnect(link->exchange(vu::SignalBase::invalidSignalLink));
+  // Their reports will come too late for the gate.
+  for (const auto& play : openPlays)
+    for (auto* link : {&play->stoppedLink, &play->failedLink})
+      _frameManagerObject.disconnect(link->exchange(vu::SignalBase::invalidSignalLink));
 }
 
 void ZBBehaviorManager::onDataChanged(const std::string& dataName, const ZBValue& dataValue, const std::string&)

@@ -113,37 +113,28 @@ void ZBBehaviorManager::playDefaultProject()
 bool ZBBehaviorManager::copy(const boost::filesystem::path& from, const boost::filesystem::path& to)
 {
   namespace fs = boost::filesystem;
-  boost::system::error_code error;
-  if (!fs::is_directory(fs::status(from, error)))
+  try
   {
-    try
+    boost::system::error_code error; // a status that fails counts as not found
+    if (!fs::is_directory(fs::status(from, error)))
     {
       fs::copy_file(from, to, fs::copy_options::none); // fails if `to` exists
       return true;
     }
-    catch (const fs::filesystem_error&)
-    {
-      return false;
-    }
-  }
-  const auto target = fs::status(to, error);
-  if (!fs::exists(target))
-  {
-    try
-    {
+    const auto target = fs::status(to, error);
+    if (!fs::exists(target))
       fs::create_directory(to);
-    }
-    catch (const fs::filesystem_error&)
-    {
+    else if (!fs::is_directory(target))
       return false;
-    }
+    for (const auto& entry : fs::directory_iterator(from))
+      if (!copy(entry.path(), to / entry.path().filename()))
+        return false;
+    return true;
   }
-  else if (!fs::is_directory(target))
+  catch (const fs::filesystem_error&)
+  {
     return false;
-  for (const auto& entry : fs::directory_iterator(from))
-    if (!copy(entry.path(), to / entry.path().filename()))
-      return false;
-  return true;
+  }
 }
 
 } // namespace ZB::BehaviorManager

@@ -66,7 +66,6 @@ std::string ZBBehaviorManager::xStartBehavior(const std::string& behavior)
 
   std::shared_ptr<BehaviorPlay> play;
   std::exception_ptr failure;
-  bool ended = false;
   {
     const BehaviorLoadingLocker loading(info);
     if (info->state() != BehaviorState::Loaded)
@@ -78,18 +77,21 @@ std::string ZBBehaviorManager::xStartBehavior(const std::string& behavior)
       _frameManagerObject.call<void>("playBehavior", play->fmId);
       xSetBehaviorState(path, BehaviorState::Running);
     }
-    catch (const std::exception&)
+    catch (...)
     {
       failure = std::current_exception();
     }
-    ended = xEndOfStarting(*play);
   }
-  // An end that was reported before Running was announced is left to this
-  // call, out of the loading lock since it disconnects.
-  if (ended)
-    xFinishPlay(play);
-  if (failure)
+  xEndStarting(play);
+  try
+  {
+    if (failure)
+      std::rethrow_exception(failure);
+  }
+  catch (const std::exception&)
+  {
     throw makeError("startBehavior", "behavior " + path + " has been unexpectedly deleted");
+  }
   return play->fmId;
 }
 
@@ -113,6 +115,10 @@ std::shared_ptr<BehaviorPlay> ZBBehaviorManager::xBeginPlay(const std::string& p
 /// Connects whichever of the two is not connected, and stores both links in the record.
 void ZBBehaviorManager::xConnectPlay(const std::shared_ptr<BehaviorPlay>& play)
 {
+  {
+    const boost::lock_guard<boost::mutex> lock(_registryMutex);
+    _openPlays.insert(play);
+  }
   if (play->stoppedLink == vu::SignalBase::invalidSignalLink)
     play->stoppedLink = _frameManagerObject
                           .connect<std::string>("behaviorStopped",
@@ -129,18 +135,28 @@ void ZBBehaviorManager::xConnectPlay(const std::shared_ptr<BehaviorPlay>& play)
                            [this, gate = _gate, play](const std::string& id, const std::string& second, const std::string& third)
                            {
                              if (const auto pass = gate->enter())
-                               onBehaviorFailed(*play, id, second, third);
+                               onBehaviorFailed(play, id, second, third);
                            })
                          .value();
   xSetBehaviorLinks(play->path, play->stoppedLink, play->failedLink);
 }
 
-/// Whether the end was reported meanwhile; reports act themselves from now on.
-bool ZBBehaviorManager::xEndOfStarting(BehaviorPlay& play)
+/// Carries out what was reported since xBeginPlay(); later reports act
+/// themselves. Called without the loading lock, since it may disconnect.
+void ZBBehaviorManager::xEndStarting(const std::shared_ptr<BehaviorPlay>& play)
 {
-  const boost::lock_guard<boost::mutex> lock(_registryMutex);
-  play.starting = false;
-  return play.stopReported;
+  std::optional<std::pair<std::string, std::string>> failure;
+  bool ended = false;
+  {
+    const boost::lock_guard<boost::mutex> lock(_registryMutex);
+    play->starting = false;
+    ended = play->stopReported;
+    failure.swap(play->failure);
+  }
+  if (failure)
+    xAnnounceFailure(*play, failure->first, failure->second);
+  if (ended)
+    xFinishPlay(play);
 }
 
 vu::Future<void> ZBBehaviorManager::runBehavior(const std::string& behavior)

@@ -40,7 +40,13 @@ void ZBBehaviorManager::xStopBehavior(const std::string& behavior, bool waitForR
   const auto path = xResolveBehaviorName(behavior, nullptr, nullptr);
   if (path.empty())
     throw makeError("stopBehavior", "behavior " + behavior + " is not installed.");
-  xUnloadBehavior(path);
+  {
+    // A package removed since the name was resolved has taken the behavior
+    // along, or will when it gets the lock; its record stays Unknown.
+    const auto loading = xBehaviorLoadingLock(path);
+    if (!xFindBehavior(path).empty())
+      xUnloadLocked(path);
+  }
   if (waitForRun)
     xBehaviorRunningLock(path);
 }
@@ -106,6 +112,10 @@ void ZBBehaviorManager::onBehaviorStopped(const std::shared_ptr<BehaviorPlay>& p
 /// back to Stopped, unless it has gone on to another instance.
 void ZBBehaviorManager::xFinishPlay(const std::shared_ptr<BehaviorPlay>& play)
 {
+  {
+    const boost::lock_guard<boost::mutex> lock(_registryMutex);
+    _openPlays.erase(play);
+  }
   const auto stoppedLink = play->stoppedLink.exchange(vu::SignalBase::invalidSignalLink);
   const auto failedLink = play->failedLink.exchange(vu::SignalBase::invalidSignalLink);
   for (const auto link : {stoppedLink, failedLink})
@@ -123,13 +133,27 @@ void ZBBehaviorManager::xFinishPlay(const std::shared_ptr<BehaviorPlay>& play)
     info->setBehaviorFailedLink(vu::SignalBase::invalidSignalLink);
 }
 
-void ZBBehaviorManager::onBehaviorFailed(const BehaviorPlay& play, const std::string& failedId, const std::string& second, const std::string& third)
+void ZBBehaviorManager::onBehaviorFailed(const std::shared_ptr<BehaviorPlay>& play, const std::string& failedId, const std::string& second,
+                                         const std::string& third)
 {
-  if (failedId != play.fmId)
+  if (failedId != play->fmId)
     return;
+  {
+    const boost::lock_guard<boost::mutex> lock(_registryMutex);
+    if (play->starting)
+    {
+      play->failure.emplace(second, third); // announced behind the start
+      return;
+    }
+  }
+  xAnnounceFailure(*play, second, third);
+}
+
+void ZBBehaviorManager::xAnnounceFailure(const BehaviorPlay& play, const std::string& second, const std::string& third)
+{
   try
   {
-    behaviorFailed(play.path, failedId, third);
+    behaviorFailed(play.path, play.fmId, third);
     ZBValue news;
     news.arrayPush(play.path);
     news.arrayPush(second);

@@ -38,7 +38,10 @@ public:
     return "Hello, " + who + "!";
   }
 
-  std::string httpGet() override { return "<!DOCTYPE html><title>" + getName() + "</title><p>Greeted " + std::to_string(_count) + " times.</p>"; }
+  std::string httpGet() override
+  {
+    return "<!DOCTYPE html><title>" + getName() + "</title><p>Greeted " + std::to_string(_count) + " times.</p>";
+  }
 
 private:
   static constexpr auto eventKey = "Greeter/Count";

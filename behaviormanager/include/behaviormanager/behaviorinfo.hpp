@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -38,9 +39,11 @@ struct BehaviorPlay
   std::atomic<vu::SignalLink> stoppedLink{vu::SignalBase::invalidSignalLink};
   std::atomic<vu::SignalLink> failedLink{vu::SignalBase::invalidSignalLink};
 
-  // Both are guarded by the module's registry mutex.
+  // These are guarded by the module's registry mutex.
   bool starting = false;     ///< startBehavior() has not announced Running yet
-  bool stopReported = false; ///< the end was reported while starting
+  bool stopReported = false; ///< the end was reported
+  /// A failure reported while starting: step and message.
+  std::optional<std::pair<std::string, std::string>> failure;
 };
 
 /// The runtime record of one behavior. The module owns it, from the first time

@@ -38,8 +38,8 @@ namespace ZB::BehaviorManager
 ///
 /// Errors that reach a client are ZBErrors. All public methods may be called
 /// on any thread, several at once. Signals are emitted with the behavior's
-/// loading lock held: connect through a vu::Object, whose callbacks are queued
-/// and may call anything, not straight to the members.
+/// loading or running lock held: connect through a vu::Object, whose callbacks
+/// are queued and may call anything.
 class __attribute__((visibility("default"))) ZBBehaviorManager : public ZBModule
 {
 public:
@@ -150,7 +150,7 @@ private:
   std::string xStartBehavior(const std::string& behavior);
   std::shared_ptr<BehaviorPlay> xBeginPlay(const std::string& path, BehaviorInfo& info);
   void xConnectPlay(const std::shared_ptr<BehaviorPlay>& play);
-  bool xEndOfStarting(BehaviorPlay& play);
+  void xEndStarting(const std::shared_ptr<BehaviorPlay>& play);
   void _runBehaviorCont(vu::Future<void> waited, const std::string& name, const std::string& path, const std::string& fmId,
                         vu::Promise<void> promise);
   void xStopBehavior(const std::string& behavior, bool waitForRun);
@@ -158,7 +158,9 @@ private:
   void xUnloadLocked(const std::string& path);
   void xDeleteInstance(const std::string& path, const std::string& fmId);
   void onBehaviorStopped(const std::shared_ptr<BehaviorPlay>& play, const std::string& stoppedId);
-  void onBehaviorFailed(const BehaviorPlay& play, const std::string& failedId, const std::string& second, const std::string& third);
+  void onBehaviorFailed(const std::shared_ptr<BehaviorPlay>& play, const std::string& failedId, const std::string& second,
+                        const std::string& third);
+  void xAnnounceFailure(const BehaviorPlay& play, const std::string& second, const std::string& third);
   void xFinishPlay(const std::shared_ptr<BehaviorPlay>& play);
 
   // Catalogue
@@ -193,9 +195,11 @@ private:
   // mutex, then a record's own mutex or the id index mutex. The package mutex
   // is held only for a walk over the packages. Callbacks of the frame manager
   // take no running or loading mutex; nobody disconnects from its signals with
-  // any of these mutexes held, since that waits for a callback.
-  mutable boost::mutex _registryMutex; // guards _behaviors, and is held for every change of a state or an id
+  // a loading mutex or one of the inner mutexes held, since that waits for a
+  // callback.
+  mutable boost::mutex _registryMutex; // guards _behaviors and _openPlays, and is held for every change of a state or an id
   std::map<std::string, std::unique_ptr<BehaviorInfo>> _behaviors; // records stay until the module ends
+  std::set<std::shared_ptr<BehaviorPlay>> _openPlays;              // those with connections
   mutable boost::mutex _fmIdsMutex;                                // guards _fmIds
   std::map<std::string, std::string> _fmIds;                       // frame manager's id -> behavior
   std::vector<vu::PackageInfo> _packages;                          // in the order of arrival

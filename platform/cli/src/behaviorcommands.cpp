@@ -27,12 +27,14 @@ std::vector<Row> askForRows(const Behaviors& behaviors)
   const auto installed = manager.async<std::vector<std::string>>("getInstalledBehaviors");
   const auto loaded = manager.async<std::set<std::string>>("getLoadedBehaviors");
   const auto running = manager.async<std::set<std::string>>("getRunningBehaviors");
-  const auto in = [](const std::set<std::string>& names, const std::string& name) { return names.contains(name) || names.contains(name + "/."); };
+  const auto in = [](const std::set<std::string>& names, const std::string& name)
+  { return names.contains(name) || names.contains(name + "/."); };
   std::vector<Row> rows;
   for (const auto& name : installed.value())
   {
     const auto* state = in(running.value(), name) ? "running" : in(loaded.value(), name) ? "loaded" : "installed";
-    rows.push_back({name, state, manager.async<std::string>("getBehaviorNature", name), manager.async<std::vector<std::string>>("getBehaviorTags", name)});
+    rows.push_back({name, state, manager.async<std::string>("getBehaviorNature", name),
+                    manager.async<std::vector<std::string>>("getBehaviorTags", name)});
   }
   return rows;
 }
@@ -87,10 +89,12 @@ void callFor(Context& context, const std::string& method, const std::string& nam
   context.out << resolved << " " << done << "\n";
 }
 
-void stop(Context& context, const std::string& name)
+void stop(Context& context, const std::string& name, bool all)
 {
   if (!name.empty())
     return callFor(context, "stopBehavior", name, "stopped");
+  if (!all)
+    throw CommandError("stop: name a behavior, or write --all; \"tarvik --help\" tells how it is used", ExitCode::WrongUsage);
   const auto session = context.connect();
   Behaviors(*session).object().call<void>("stopAllBehaviors");
   if (context.json)
@@ -103,16 +107,19 @@ void tags(Context& context, const std::string& name)
   const auto session = context.connect();
   const Behaviors behaviors(*session);
   const auto& manager = behaviors.object();
-  printNames(context, name.empty() ? behaviors.names("getTagList") : manager.call<std::vector<std::string>>("getBehaviorTags", behaviors.resolve(name)));
+  printNames(context, name.empty() ? behaviors.names("getTagList")
+                                   : manager.call<std::vector<std::string>>("getBehaviorTags", behaviors.resolve(name)));
 }
 
 void addDefaultCommands(Commands& commands)
 {
   auto* group = commands.addGroup("default", "The behaviors that are started with the host");
   const auto name = std::make_shared<std::string>();
-  commands.add(*group, "add", "Starts a behavior with the host from now on", [name](Context& context) { callFor(context, "addDefaultBehavior", *name, "added to the default behaviors"); })
-    ->add_option("NAME", *name, "Behavior")
-    ->required();
+  commands
+      .add(*group, "add", "Starts a behavior with the host from now on",
+           [name](Context& context) { callFor(context, "addDefaultBehavior", *name, "added to the default behaviors"); })
+      ->add_option("NAME", *name, "Behavior")
+      ->required();
   // Not resolved: a default behavior may be one that is not installed any more.
   const auto remove = [name](Context& context)
   {
@@ -146,18 +153,22 @@ void addBehaviorCommands(Commands& commands)
 {
   const auto name = std::make_shared<std::string>();
   commands.add("list", "Lists the behaviors with state, nature and tags", list);
-  commands.add("start", "Starts a behavior and returns", [name](Context& context) { callFor(context, "startBehavior", *name, "started"); })->add_option("NAME", *name, "Behavior")->required();
-  commands.add("load", "Loads a behavior, so that it starts quickly", [name](Context& context) { callFor(context, "preloadBehavior", *name, "loaded"); })
-    ->add_option("NAME", *name, "Behavior")
-    ->required();
+  commands.add("start", "Starts a behavior and returns", [name](Context& context) { callFor(context, "startBehavior", *name, "started"); })
+      ->add_option("NAME", *name, "Behavior")
+      ->required();
+  commands
+      .add("load", "Loads a behavior, so that it starts quickly",
+           [name](Context& context) { callFor(context, "preloadBehavior", *name, "loaded"); })
+      ->add_option("NAME", *name, "Behavior")
+      ->required();
 
   const auto all = std::make_shared<bool>(false);
-  auto* stopCommand = commands.add("stop", "Stops a behavior, or all", [name](Context& context) { stop(context, *name); });
-  auto* which = stopCommand->add_option_group("which")->require_option(1);
-  which->add_option("NAME", *name, "Behavior");
-  which->add_flag("--all", *all, "Every running behavior");
+  auto* stopCommand = commands.add("stop", "Stops a behavior, or all", [name, all](Context& context) { stop(context, *name, *all); });
+  auto* one = stopCommand->add_option("NAME", *name, "Behavior");
+  stopCommand->add_flag("--all", *all, "Every running behavior")->excludes(one);
 
-  commands.add("tags", "Lists all tags, or those of one behavior", [name](Context& context) { tags(context, *name); })->add_option("NAME", *name, "Behavior");
+  commands.add("tags", "Lists all tags, or those of one behavior", [name](Context& context) { tags(context, *name); })
+      ->add_option("NAME", *name, "Behavior");
   addDefaultCommands(commands);
 }
 

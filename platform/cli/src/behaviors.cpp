@@ -26,7 +26,8 @@ std::string Behaviors::resolve(const std::string& name) const
 
 std::string unknownBehaviorText(const std::string& name, const std::vector<std::string>& installed)
 {
-  const auto probable = std::find_if(installed.begin(), installed.end(), [&name](const auto& each) { return each.starts_with(name + "/"); });
+  const auto probable =
+      std::find_if(installed.begin(), installed.end(), [&name](const auto& each) { return each.starts_with(name + "/"); });
   const auto hint = probable == installed.end() ? std::string() : " (perhaps \"" + *probable + "\" is meant)";
   return "no behavior \"" + name + "\" is installed" + hint + "; \"tarvik list\" shows those that are";
 }

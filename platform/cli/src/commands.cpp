@@ -61,16 +61,17 @@ ExitCode carryOut(const Commands::Action& action, Context& context)
 
 } // namespace
 
-void Context::print(const vu::Value& value) const
-{
-  out << value.dump(-1, ' ', false, vu::Value::error_handler_t::replace) << std::endl;
-}
+void Context::print(const vu::Value& value) const { out << value.dump(-1, ' ', false, vu::Value::error_handler_t::replace) << std::endl; }
 
 void Commands::addCommonOptions(CLI::App& application)
 {
-  auto* root = application.add_option("--root", _context.host.root, "Root of the host; else $TARVIK_ROOT, else the user's own")->type_name("DIR");
-  auto* url = application.add_option("--url", _context.host.url, "Address of the host, such as http://127.0.0.1:7110")->type_name("URL")->excludes(root);
-  auto* tokenFile = application.add_option("--token-file", _context.host.tokenFile, "File with the token for --url")->type_name("FILE")->excludes(root);
+  auto* root =
+      application.add_option("--root", _context.host.root, "Root of the host; else $TARVIK_ROOT, else the user's own")->type_name("DIR");
+  auto* url = application.add_option("--url", _context.host.url, "Address of the host, such as http://127.0.0.1:7110")
+                  ->type_name("URL")
+                  ->excludes(root);
+  auto* tokenFile =
+      application.add_option("--token-file", _context.host.tokenFile, "File with the token for --url")->type_name("FILE")->excludes(root);
   url->needs(tokenFile);
   tokenFile->needs(url);
   application.add_flag("--json", _context.json, "Answer in JSON");
@@ -87,15 +88,16 @@ CLI::App* Commands::add(CLI::App& parent, const std::string& name, const std::st
 CLI::App* Commands::addGroup(const std::string& name, const std::string& description)
 {
   auto* group = _application.add_subcommand(name, description);
-  group->require_subcommand(1);
+  group->require_subcommand(0, 1);
   return group;
 }
 
 ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& error)
 {
   CLI::App application("Tells a Tarvik host what to do, and shows what it does.", "tarvik");
-  application.require_subcommand(1);
-  application.failure_message([](const CLI::App*, const CLI::Error& fault) { return "tarvik: " + singleLine(fault.what()) + "; \"tarvik --help\" tells how it is used\n"; });
+  application.require_subcommand(0, 1); // at least one is asked for below, where the message can name what was written
+  application.failure_message([](const CLI::App*, const CLI::Error& fault)
+                              { return "tarvik: " + singleLine(fault.what()) + "; \"tarvik --help\" tells how it is used\n"; });
   Context context{{}, false, out, error};
   Commands commands(application, context);
   commands.addCommonOptions(application);
@@ -112,6 +114,8 @@ ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream&
   {
     return application.exit(fault, out, error) == 0 ? ExitCode::Success : ExitCode::WrongUsage;
   }
+  if (!commands.chosen())
+    return report(context, "a command is missing; \"tarvik --help\" lists them", ExitCode::WrongUsage);
   return carryOut(commands.chosen(), context);
 }
 

@@ -1,10 +1,9 @@
 #include "context.hpp"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
-#include <vu/os.hpp>
+#include <host/root.hpp>
 
 namespace Tarvik
 {
@@ -20,32 +19,16 @@ std::string firstLine(const std::filesystem::path& path)
   return line;
 }
 
-std::filesystem::path rootDirectory(const std::string& given)
-{
-  const auto fromEnvironment = [](const char* name)
-  {
-    const auto* value = std::getenv(name);
-    return std::filesystem::path(value ? value : "");
-  };
-  if (!given.empty())
-    return given;
-  if (const auto root = fromEnvironment("TARVIK_ROOT"); !root.empty())
-    return root;
-  if (const auto data = fromEnvironment("XDG_DATA_HOME"); !data.empty())
-    return data / "tarvik";
-  return std::filesystem::path(vu::os::home()) / ".local/share/tarvik";
-}
-
 /// The address and token that the host of this root has written.
 void readFromRoot(HostOptions& host)
 {
-  const auto root = rootDirectory(host.root);
-  const auto run = root / "run";
-  host.url = firstLine(run / "endpoint");
-  host.tokenFile = (run / "token").string();
+  const auto root = resolveRoot(host.root);
+  const RootLayout layout(root);
+  host.url = firstLine(layout.endpoint);
+  host.tokenFile = layout.token.string();
   if (host.url.empty())
-    throw CommandError("no host runs on " + root.string() + " (there is no " + (run / "endpoint").string() + "); start one with \"tarvikd --root " + root.string() +
-                         "\", or name another with --root or --url",
+    throw CommandError("no host runs on " + root.string() + " (there is no " + layout.endpoint.string() +
+                           "); start one with \"tarvikd --root " + root.string() + "\", or name another with --root or --url",
                        ExitCode::NoHost);
 }
 
@@ -59,7 +42,8 @@ std::unique_ptr<vu::RemoteSession> Context::connect()
   options.url = host.url;
   options.token = firstLine(host.tokenFile);
   if (options.token.empty())
-    throw CommandError("no token can be read from " + host.tokenFile + "; name a file that holds one, and that you may read, with --token-file");
+    throw CommandError("no token can be read from " + host.tokenFile +
+                       "; name a file that holds one, and that you may read, with --token-file");
   try
   {
     return std::make_unique<vu::RemoteSession>(options);
@@ -68,7 +52,8 @@ std::unique_ptr<vu::RemoteSession> Context::connect()
   {
     if (error.kind() != vu::ServiceError::Kind::ConnectionLost)
       throw;
-    throw CommandError("no host reached at " + host.url + ": " + error.description() + "; start one with \"tarvikd\", or name another with --root or --url",
+    throw CommandError("no host reached at " + host.url + ": " + error.description() +
+                           "; start one with \"tarvikd\", or name another with --root or --url",
                        ExitCode::NoHost);
   }
 }

@@ -62,7 +62,10 @@ public:
 
   /// A command of `parent` with the options that all have in common.
   CLI::App* add(CLI::App& parent, const std::string& name, const std::string& description, Action action);
-  CLI::App* add(const std::string& name, const std::string& description, Action action) { return add(_application, name, description, std::move(action)); }
+  CLI::App* add(const std::string& name, const std::string& description, Action action)
+  {
+    return add(_application, name, description, std::move(action));
+  }
   /// A command that has commands.
   CLI::App* addGroup(const std::string& name, const std::string& description);
 

@@ -12,12 +12,12 @@ Interrupt::Interrupt(std::function<void()> callback)
   sigaddset(&_signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &_signals, &_previous);
   _thread = std::jthread(
-    [signals = _signals, callback = std::move(callback)](const std::stop_token& stop)
-    {
-      int signal = 0;
-      while (sigwait(&signals, &signal) == 0 && !stop.stop_requested())
-        callback();
-    });
+      [signals = _signals, callback = std::move(callback)](const std::stop_token& stop)
+      {
+        int signal = 0;
+        while (sigwait(&signals, &signal) == 0 && !stop.stop_requested())
+          callback();
+      });
 }
 
 Interrupt::~Interrupt()

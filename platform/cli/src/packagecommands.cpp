@@ -22,8 +22,9 @@ class Announcements
 public:
   Announcements(const Behaviors& behaviors, const std::string& signal)
   {
-    const std::function<void(std::vector<std::string>)> callback = [mailbox = _mailbox](std::vector<std::string> names) { mailbox->put(std::move(names)); };
-    behaviors.object().connect(signal, callback).value();
+    behaviors.object()
+        .connect<std::vector<std::string>>(signal, [mailbox = _mailbox](std::vector<std::string> names) { mailbox->put(std::move(names)); })
+        .value();
   }
 
   /// Whether one about the package comes in time. One about no behavior at all
@@ -53,7 +54,11 @@ std::vector<std::string> behaviorNames(const vu::PackageInfo& package)
 void finish(const Context& context, const vu::PackageInfo& package, const std::string& state, bool announced)
 {
   if (context.json)
-    context.print({{"uuid", package.uuid()}, {"version", package.version()}, {"state", state}, {"behaviors", behaviorNames(package)}, {"announced", announced}});
+    context.print({{"uuid", package.uuid()},
+                   {"version", package.version()},
+                   {"state", state},
+                   {"behaviors", behaviorNames(package)},
+                   {"announced", announced}});
   else
   {
     context.out << package.uuid() << " " << state << "\n";
@@ -62,7 +67,8 @@ void finish(const Context& context, const vu::PackageInfo& package, const std::s
   }
   context.out.flush();
   if (!announced)
-    throw CommandError("the package \"" + package.uuid() + "\" is " + state + ", but the behavior manager did not announce it within 10 s; see the host's log");
+    throw CommandError("the package \"" + package.uuid() + "\" is " + state +
+                       ", but the behavior manager did not announce it within 10 s; see the host's log");
 }
 
 void install(Context& context, const std::string& path)
@@ -102,7 +108,8 @@ void list(Context& context)
   }
   std::vector<std::vector<std::string>> table{{"PACKAGE", "VERSION", "INSTALLER", "BEHAVIORS", "NAME"}};
   for (const auto& package : packages)
-    table.push_back({package.uuid(), package.version(), package.installer(), std::to_string(package.behaviors().size()), package.name("en_US")});
+    table.push_back(
+        {package.uuid(), package.version(), package.installer(), std::to_string(package.behaviors().size()), package.name("en_US")});
   context.out << formatTable(table);
 }
 
@@ -123,14 +130,20 @@ void addPackageCommands(Commands& commands)
 {
   auto* group = commands.addGroup("package", "Packages of behaviors");
   const auto text = std::make_shared<std::string>();
-  commands.add(*group, "install", "Installs a directory or a zip archive; replaces the package if it is there", [text](Context& context) { install(context, *text); })
-    ->add_option("PATH", *text, "The package")
-    ->required();
-  commands.add(*group, "remove", "Removes a package", [text](Context& context) { remove(context, *text); })->add_option("UUID", *text, "The package")->required();
+  commands
+      .add(*group, "install", "Installs a directory or a zip archive; replaces the package if it is there",
+           [text](Context& context) { install(context, *text); })
+      ->add_option("PATH", *text, "The package")
+      ->required();
+  commands.add(*group, "remove", "Removes a package", [text](Context& context) { remove(context, *text); })
+      ->add_option("UUID", *text, "The package")
+      ->required();
   commands.add(*group, "list", "Lists the packages", list);
-  commands.add(*group, "check", "Tells whether a directory or a zip archive could be installed", [text](Context& context) { check(context, *text); })
-    ->add_option("PATH", *text, "The package")
-    ->required();
+  commands
+      .add(*group, "check", "Tells whether a directory or a zip archive could be installed",
+           [text](Context& context) { check(context, *text); })
+      ->add_option("PATH", *text, "The package")
+      ->required();
 }
 
 } // namespace Tarvik

@@ -28,6 +28,12 @@ struct News
   std::string name;
   std::string text;
 };
+using NewsBox = std::shared_ptr<Mailbox<News>>;
+
+void put(const NewsBox& mailbox, News::Kind kind, const std::string& name = {}, const std::string& text = {})
+{
+  mailbox->put(News{kind, name, text});
+}
 
 /// Runs behaviors to their end. All their news come to the main thread through
 /// one mailbox; a behavior has ended when the answer to its "runBehavior" is
@@ -35,10 +41,11 @@ struct News
 class Run
 {
 public:
-  Run(Context& context, const std::vector<std::string>& names) : _context(context), _interrupt([mailbox = _mailbox] { mailbox->put({News::Kind::Interrupted, {}, {}}); })
+  Run(Context& context, const std::vector<std::string>& names)
+      : _context(context), _interrupt([mailbox = _mailbox] { put(mailbox, News::Kind::Interrupted); })
   {
     _session = _context.connect();
-    _session->setClosedCallback([mailbox = _mailbox](const std::string& reason) { mailbox->put({News::Kind::Disconnected, {}, reason}); });
+    _session->setClosedCallback([mailbox = _mailbox](const std::string& reason) { put(mailbox, News::Kind::Disconnected, {}, reason); });
     _behaviors.emplace(*_session);
     for (const auto& name : names)
       _open.insert(_behaviors->resolve(name));
@@ -50,7 +57,7 @@ public:
     follow("behaviorLoaded", "loaded");
     follow("behaviorStarted", "started");
     for (const auto& name : _open)
-      _behaviors->object().async<void>("runBehavior", name).then([mailbox = _mailbox, name](const vu::Future<void>& future) { mailbox->put({News::Kind::Ended, name, outcome(future)}); });
+      begin(name);
     while (!_open.empty())
       handle(*_mailbox->take());
     if (!_failures.empty())
@@ -60,6 +67,17 @@ public:
   }
 
 private:
+  void begin(const std::string& name)
+  {
+    const auto& object = _behaviors->object();
+    const auto tell = [mailbox = _mailbox, name](const vu::Future<void>& future)
+    { put(mailbox, News::Kind::Ended, name, outcome(future)); };
+    // The signals that came before the answer may still stand in the line.
+    const auto answered = [object, tell](const vu::Future<void>& future)
+    { object.delivered().then([tell, future](const auto&) { tell(future); }); };
+    object.async<void>("runBehavior", name).then(answered);
+  }
+
   static std::string outcome(const vu::Future<void>& future)
   {
     if (!future.hasError())
@@ -70,8 +88,8 @@ private:
 
   void follow(const std::string& signal, const std::string& state)
   {
-    const std::function<void(std::string)> callback = [mailbox = _mailbox, state](const std::string& name) { mailbox->put({News::Kind::Progress, name, state}); };
-    _behaviors->object().connect(signal, callback).value();
+    const auto tell = [mailbox = _mailbox, state](const std::string& name) { put(mailbox, News::Kind::Progress, name, state); };
+    _behaviors->object().connect<std::string>(signal, tell).value();
   }
 
   void handle(const News& news)
@@ -96,7 +114,8 @@ private:
       interrupted();
       break;
     case News::Kind::Disconnected:
-      throw CommandError("the connection to the host ended: " + news.text + "; the behaviors may still be running, see \"tarvik list\"", ExitCode::NoHost);
+      throw CommandError("the connection to the host ended: " + news.text + "; the behaviors may still be running, see \"tarvik list\"",
+                         ExitCode::NoHost);
     }
   }
 
@@ -132,7 +151,7 @@ private:
   }
 
   Context& _context;
-  const std::shared_ptr<Mailbox<News>> _mailbox = std::make_shared<Mailbox<News>>();
+  const NewsBox _mailbox = std::make_shared<Mailbox<News>>();
   // Before the session, whose threads inherit that the signals are blocked.
   Interrupt _interrupt;
   const std::chrono::steady_clock::time_point _begin = std::chrono::steady_clock::now();
@@ -148,9 +167,11 @@ private:
 void addRunCommand(Commands& commands)
 {
   const auto names = std::make_shared<std::vector<std::string>>();
-  commands.add("run", "Runs behaviors, all at once, and waits for their end; Ctrl-C stops them", [names](Context& context) { Run(context, *names).toEnd(); })
-    ->add_option("NAME", *names, "Behaviors")
-    ->required();
+  commands
+      .add("run", "Runs behaviors, all at once, and waits for their end; Ctrl-C stops them",
+           [names](Context& context) { Run(context, *names).toEnd(); })
+      ->add_option("NAME", *names, "Behaviors")
+      ->required();
 }
 
 } // namespace Tarvik

@@ -19,11 +19,13 @@ void status(Context& context)
   const auto loaded = behaviors.names("getLoadedBehaviors");
   const auto running = behaviors.names("getRunningBehaviors");
   if (context.json)
-    return context.print({{"url", url}, {"services", services}, {"packages", packages}, {"installed", installed}, {"loaded", loaded}, {"running", running}});
+    return context.print(
+        {{"url", url}, {"services", services}, {"packages", packages}, {"installed", installed}, {"loaded", loaded}, {"running", running}});
   context.out << formatTable({{"host", url},
                               {"services", joined(services)},
                               {"packages", std::to_string(packages)},
-                              {"behaviors", std::to_string(installed.size()) + " installed, " + std::to_string(loaded.size()) + " loaded, " + std::to_string(running.size()) + " running"},
+                              {"behaviors", std::to_string(installed.size()) + " installed, " + std::to_string(loaded.size()) +
+                                                " loaded, " + std::to_string(running.size()) + " running"},
                               {"running", running.empty() ? "none" : joined(running)}});
 }
 
@@ -72,12 +74,15 @@ void addServiceCommands(Commands& commands)
   const auto name = std::make_shared<std::string>();
   commands.add("status", "Tells what the host has and does", status);
   commands.add("services", "Lists the services", services);
-  commands.add("describe", "Shows the methods and signals of a service", [name](Context& context) { describe(context, *name); })->add_option("SERVICE", *name, "The service")->required();
+  commands.add("describe", "Shows the methods and signals of a service", [name](Context& context) { describe(context, *name); })
+      ->add_option("SERVICE", *name, "The service")
+      ->required();
 
   // The arguments are taken from what the parser leaves: as an option's values
   // it would take arrays of JSON apart.
   const auto chosen = std::make_shared<CLI::App*>();
-  *chosen = commands.add("call", "Calls a method: SERVICE.METHOD [ARGUMENT...], arguments JSON or else strings", [name, chosen](Context& context) { call(context, *name, (*chosen)->remaining()); });
+  *chosen = commands.add("call", "Calls a method: SERVICE.METHOD [ARGUMENT...], arguments JSON or else strings",
+                         [name, chosen](Context& context) { call(context, *name, (*chosen)->remaining()); });
   (*chosen)->allow_extras();
   (*chosen)->add_option("SERVICE.METHOD", *name, "The method")->required();
 }

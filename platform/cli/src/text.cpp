@@ -16,7 +16,8 @@ namespace
 /// are not told apart.
 std::size_t width(const std::string& text)
 {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
 std::string timeText(std::chrono::system_clock::time_point time, bool utc)
@@ -32,10 +33,7 @@ std::string timeText(std::chrono::system_clock::time_point time, bool utc)
 }
 
 /// Invalid UTF-8, which a program's output may hold, is replaced, not refused.
-std::string compact(const vu::Value& value)
-{
-  return value.dump(-1, ' ', false, vu::Value::error_handler_t::replace);
-}
+std::string compact(const vu::Value& value) { return value.dump(-1, ' ', false, vu::Value::error_handler_t::replace); }
 
 std::string signature(const vu::MethodDescription& method)
 {
@@ -93,7 +91,8 @@ std::string joined(const std::vector<std::string>& texts)
 std::string singleLine(const std::string& text)
 {
   auto line = text;
-  std::replace_if(line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, ' ');
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, ' ');
   line.erase(line.find_last_not_of(' ') + 1);
   return line;
 }

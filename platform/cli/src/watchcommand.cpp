@@ -18,7 +18,9 @@ struct Notification
   vu::Value params;
   std::chrono::system_clock::time_point time;
 };
-struct Interrupted {};
+struct Interrupted
+{
+};
 struct Disconnected
 {
   std::string reason;
@@ -47,13 +49,17 @@ void watch(Context& context)
   const Interrupt interrupt([mailbox] { mailbox->put(Interrupted()); });
   const auto session = context.connect();
   session->setClosedCallback([mailbox](const std::string& reason) { mailbox->put(Disconnected{reason}); });
-  session->setNotificationCallback([mailbox](const std::string& method, const vu::Value& params) { mailbox->put(Notification{method, params, std::chrono::system_clock::now()}); });
+  const auto notified = [mailbox](const std::string& method, const vu::Value& params) {
+    mailbox->put(Notification{method, params, std::chrono::system_clock::now()});
+  };
+  session->setNotificationCallback(notified);
   subscribeToAll(*session);
   context.error << "watching; Ctrl-C ends it" << std::endl;
   for (auto letter = mailbox->take(); !std::holds_alternative<Interrupted>(*letter); letter = mailbox->take())
   {
     if (const auto* disconnected = std::get_if<Disconnected>(&*letter))
-      throw CommandError("the connection to the host ended: " + disconnected->reason + "; start watching again when it runs", ExitCode::NoHost);
+      throw CommandError("the connection to the host ended: " + disconnected->reason + "; start watching again when it runs",
+                         ExitCode::NoHost);
     const auto& notification = std::get<Notification>(*letter);
     if (context.json)
       context.print(notificationValue(notification.method, notification.params, notification.time));
@@ -64,9 +70,6 @@ void watch(Context& context)
 
 } // namespace
 
-void addWatchCommand(Commands& commands)
-{
-  commands.add("watch", "Shows signals and events as they come; Ctrl-C ends it", watch);
-}
+void addWatchCommand(Commands& commands) { commands.add("watch", "Shows signals and events as they come; Ctrl-C ends it", watch); }
 
 } // namespace Tarvik

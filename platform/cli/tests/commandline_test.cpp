@@ -82,14 +82,16 @@ TEST_F(CommandLine, wrongUsageExitsWith2AndOneLine)
 TEST_F(CommandLine, helpIsASuccess)
 {
   EXPECT_EQ(run({"--help"}), 0);
-  for (const auto* command : {"status", "list", "run", "start", "stop", "load", "watch", "tags", "default", "package", "services", "describe", "call"})
+  for (const auto* command :
+       {"status", "list", "run", "start", "stop", "load", "watch", "tags", "default", "package", "services", "describe", "call"})
     EXPECT_THAT(out.str(), HasSubstr("\n  " + std::string(command) + " "));
   EXPECT_THAT(error.str(), IsEmpty());
 }
 
 TEST_F(CommandLine, withoutAHostExitsWith3AndTellsHowToStartOne)
 {
-  for (const auto& arguments : std::vector<std::vector<std::string>>{{"status"}, {"run", "a"}, {"watch"}, {"--json", "list"}, {"package", "list"}})
+  for (const auto& arguments :
+       std::vector<std::vector<std::string>>{{"status"}, {"run", "a"}, {"watch"}, {"--json", "list"}, {"package", "list"}})
   {
     SCOPED_TRACE(testing::PrintToString(arguments));
     EXPECT_EQ(run(arguments), 3);

@@ -79,7 +79,8 @@ protected:
     for (const auto& [path, steps] : behaviors)
     {
       fs::create_directories(fs::path(packagePath(uuid)) / path);
-      std::ofstream(fs::path(packagePath(uuid)) / path / "behavior.xar") << "<project format=\"1\" name=\"" << path << "\">" << steps << "</project>\n";
+      std::ofstream(fs::path(packagePath(uuid)) / path / "behavior.xar")
+          << "<project format=\"1\" name=\"" << path << "\">" << steps << "</project>\n";
       manifest << "<behavior path=\"" << path << "\" nature=\"solitary\"><tag locale=\"en_US\">" << path << "-tag</tag></behavior>\n";
     }
     manifest << "</package>\n";
@@ -115,7 +116,8 @@ protected:
   std::optional<Process> _daemon;
 
 private:
-  const fs::path _directory = fs::path(testing::TempDir()) / ("tarvik-" + std::to_string(getpid()) + "-" + testing::UnitTest::GetInstance()->current_test_info()->name());
+  const fs::path _directory = fs::path(testing::TempDir()) /
+                              ("tarvik-" + std::to_string(getpid()) + "-" + testing::UnitTest::GetInstance()->current_test_info()->name());
 };
 
 TEST_F(EndToEnd, packageIsUsableAsSoonAsInstallHasReturnedAndGoneWhenRemoveHas)
@@ -252,7 +254,8 @@ TEST_F(EndToEnd, watchTellsSignalsAndEventsInTheirOrderAndEndsOnInterruptWith0)
     const auto name = line.value("key", line.value("signal", ""));
     if (line["kind"] == "event" && name.starts_with("Test/"))
       seen.push_back(name + "=" + line["value"].dump());
-    else if (line.value("service", "") == "ZBBehaviorManager" && (name == "behaviorStarted" || name == "behaviorStopped" || name == "behaviorFailed"))
+    else if (line.value("service", "") == "ZBBehaviorManager" &&
+             (name == "behaviorStarted" || name == "behaviorStopped" || name == "behaviorFailed"))
       seen.push_back(name + " " + line["arguments"][0].get<std::string>());
   }
   // A behavior plays already while its start is being announced, so that its
@@ -262,8 +265,8 @@ TEST_F(EndToEnd, watchTellsSignalsAndEventsInTheirOrderAndEndsOnInterruptWith0)
   for (const auto& each : seen)
     (each.starts_with("Test/") ? events : signals).push_back(each);
   EXPECT_THAT(events, ElementsAre("Test/Short=1", "Test/Short=2", "Test/Last=true"));
-  EXPECT_THAT(signals, ElementsAre("behaviorStarted test/short", "behaviorStopped test/short", "behaviorStarted test/faulty", "behaviorFailed test/faulty",
-                                   "behaviorStopped test/faulty"));
+  EXPECT_THAT(signals, ElementsAre("behaviorStarted test/short", "behaviorStopped test/short", "behaviorStarted test/faulty",
+                                   "behaviorFailed test/faulty", "behaviorStopped test/faulty"));
   EXPECT_THAT(seen.back(), "Test/Last=true");
 }
 
@@ -300,7 +303,8 @@ TEST_F(EndToEnd, refusedCallTellsWhereToLook)
 TEST_F(EndToEnd, servicesAreListedAndDescribed)
 {
   EXPECT_THAT(tarvik({"services"}).out, HasSubstr("PackageManager\nZBBehaviorManager\nZBFrameManager\nZBMemory\nZBPreferences\n"));
-  EXPECT_THAT(tarvik({"describe", "ZBMemory"}).out, AllOf(StartsWith("ZBMemory\n"), HasSubstr("getData("), HasSubstr("eventRaised(string, value)")));
+  EXPECT_THAT(tarvik({"describe", "ZBMemory"}).out,
+              AllOf(StartsWith("ZBMemory\n"), HasSubstr("getData("), HasSubstr("eventRaised(string, value)")));
   EXPECT_EQ(tarvik({"describe", "ZBMemory", "--json"}).json()["name"], "ZBMemory");
 }
 

@@ -42,7 +42,8 @@ Process::Process(const std::vector<std::string>& arguments, const std::map<std::
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, error[1], STDERR_FILENO);
-  const auto failure = posix_spawn(&_pid, arguments.front().c_str(), &actions, nullptr, pointers(arguments).data(), pointers(entries).data());
+  const auto failure =
+      posix_spawn(&_pid, arguments.front().c_str(), &actions, nullptr, pointers(arguments).data(), pointers(entries).data());
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   close(error[1]);
@@ -51,24 +52,21 @@ Process::Process(const std::vector<std::string>& arguments, const std::map<std::
   _threads.emplace_back([this, descriptor = out[0]] { collect(descriptor, &Process::_output); });
   _threads.emplace_back([this, descriptor = error[0]] { collect(descriptor, &Process::_error); });
   _threads.emplace_back(
-    [this]
-    {
-      int status = 0;
-      // Waits first and reaps under the lock, so that signal() never meets a
-      // process id that is no longer this process's.
-      siginfo_t info;
-      waitid(P_PID, static_cast<id_t>(_pid), &info, WEXITED | WNOWAIT);
-      const std::lock_guard lock(_mutex);
-      waitpid(_pid, &status, 0);
-      _exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      _changed.notify_all();
-    });
+      [this]
+      {
+        int status = 0;
+        // Waits first and reaps under the lock, so that signal() never meets a
+        // process id that is no longer this process's.
+        siginfo_t info;
+        waitid(P_PID, static_cast<id_t>(_pid), &info, WEXITED | WNOWAIT);
+        const std::lock_guard lock(_mutex);
+        waitpid(_pid, &status, 0);
+        _exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        _changed.notify_all();
+      });
 }
 
-Process::~Process()
-{
-  signal(SIGKILL);
-}
+Process::~Process() { signal(SIGKILL); }
 
 void Process::collect(int descriptor, std::string Process::*where)
 {

@@ -44,10 +44,9 @@ TEST(MethodName, isSplitAtItsLastDotAndRefusedWithoutBothParts)
 
 TEST(Table, alignsColumnsByCharactersWithoutSpacesAtTheEndOfALine)
 {
-  EXPECT_EQ(formatTable({{"NAME", "STATE", "TAGS"}, {"grüße/a", "running", ""}, {"b", "", "x, y"}}),
-            "NAME     STATE    TAGS\n"
-            "grüße/a  running\n"
-            "b                 x, y\n");
+  EXPECT_EQ(formatTable({{"NAME", "STATE", "TAGS"}, {"grüße/a", "running", ""}, {"b", "", "x, y"}}), "NAME     STATE    TAGS\n"
+                                                                                                     "grüße/a  running\n"
+                                                                                                     "b                 x, y\n");
 }
 
 TEST(Value, isShownBareAsStringAndNotAtAllAsNull)
@@ -58,10 +57,7 @@ TEST(Value, isShownBareAsStringAndNotAtAllAsNull)
   EXPECT_EQ(formatValue(Value::array({1})), "[\n  1\n]\n");
 }
 
-TEST(SingleLine, hasNoControlCharacters)
-{
-  EXPECT_EQ(singleLine("a\nb\tc\x1b[2J\n"), "a b c [2J");
-}
+TEST(SingleLine, hasNoControlCharacters) { EXPECT_EQ(singleLine("a\nb\tc\x1b[2J\n"), "a b c [2J"); }
 
 TEST(Description, showsSignaturesInAdvertisedOrder)
 {
@@ -86,7 +82,8 @@ TEST(Notification, isOneLineForPeopleAndAnObjectForPrograms)
   const std::chrono::system_clock::time_point time(std::chrono::milliseconds(1'700'000'000'042));
   const Value event{{"link", 7}, {"key", "a\nb"}, {"value", {{"x", "1\n2"}}}};
   EXPECT_THAT(formatNotification("event", event, time), EndsWith(R"(.042  event   a b  {"x":"1\n2"})"));
-  EXPECT_EQ(notificationValue("event", event, time), Value({{"time", "2023-11-14T22:13:20.042Z"}, {"kind", "event"}, {"key", "a\nb"}, {"value", {{"x", "1\n2"}}}}));
+  EXPECT_EQ(notificationValue("event", event, time),
+            Value({{"time", "2023-11-14T22:13:20.042Z"}, {"kind", "event"}, {"key", "a\nb"}, {"value", {{"x", "1\n2"}}}}));
 
   const Value signal{{"link", 8}, {"service", "S"}, {"signal", "s"}, {"arguments", Value::array({"x", 2})}};
   EXPECT_THAT(formatNotification("signal", signal, time), EndsWith(R"(.042  signal  S.s("x", 2))"));

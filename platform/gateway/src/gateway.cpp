@@ -70,6 +70,20 @@ struct Gateway::Implementation
       });
   }
 
+  void run()
+  {
+    for (;;)
+      try
+      {
+        io->run();
+        return;
+      }
+      catch (...)
+      {
+        vu::log::error("gateway", __func__, "a connection's handler failed: " + vu::errorText(std::current_exception()));
+      }
+  }
+
   void shutdown()
   {
     error_code ignored;
@@ -95,9 +109,8 @@ struct Gateway::Implementation
   void each(void (Connection::*action)())
   {
     const auto connections = server->connections; // they leave meanwhile
-    for (const auto& [key, weak] : connections)
-      if (const auto connection = weak.lock())
-        ((*connection).*action)();
+    for (const auto& [key, connection] : connections)
+      ((*connection).*action)();
   }
 
   const std::shared_ptr<asio::io_context> io = std::make_shared<asio::io_context>(1);
@@ -136,8 +149,11 @@ std::string Gateway::listen()
     acceptor.listen(asio::socket_base::max_listen_connections, error);
   if (error)
     throw std::runtime_error("cannot listen on " + where + ": " + error.message());
-  const auto port = std::to_string(acceptor.local_endpoint().port());
-  return (server->tls ? "https://" : "http://") + where.substr(0, where.rfind(':') + 1) + port;
+  // "Every address" is none that a client could name.
+  auto host = where.substr(0, where.rfind(':'));
+  if (address.is_unspecified())
+    host = address.is_v6() ? "[::1]" : "127.0.0.1";
+  return (server->tls ? "https://" : "http://") + host + ":" + std::to_string(acceptor.local_endpoint().port());
 }
 
 void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
@@ -148,7 +164,7 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   implementation.server->dispatcher.emplace(broker, implementation.server->options.limits.openCalls);
   implementation.server->broker = std::move(broker);
   implementation.accept();
-  implementation.thread = std::thread([&implementation] { implementation.io->run(); });
+  implementation.thread = std::thread([&implementation] { implementation.run(); });
 }
 
 void Gateway::stop()
@@ -164,6 +180,7 @@ void Gateway::stop()
   asio::post(*implementation.io, [&implementation] { implementation.shutdown(); });
   implementation.thread.join();
   implementation.server->connectionEnded = {};
+  implementation.server->connections.clear();
   implementation.server->dispatcher.reset();
   implementation.server->broker.reset();
 }

@@ -1,4 +1,7 @@
 #include <array>
+#include <cerrno>
+
+#include <sys/socket.h>
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
@@ -41,8 +44,7 @@ public:
 
   void start(bool crowded)
   {
-    if (!crowded)
-      _server->enter(shared_from_this());
+    _server->enter(shared_from_this());
     const auto begin = [self = shared_from_this(), crowded]
     {
       if (!crowded)
@@ -104,10 +106,12 @@ private:
   {
     _first = false;
     const auto& header = _parser->get();
-    _last = !header.keep_alive();
-    // Refused before its body is read; then the connection cannot go on.
+    // Refused before its body is read, which then ends the connection.
+    const bool last = !header.keep_alive();
+    _last = last || !_parser->is_done();
     if (refuse(header))
       return;
+    _last = last;
     if (_parser->is_done())
       return route();
     _stream.next_layer().expires_after(_server->options.limits.send);
@@ -129,14 +133,12 @@ private:
     const auto refused = [this](Page page)
     {
       vu::log::info("gateway", "refuse", _peer + ": " + std::to_string(page.status) + " " + page.body.substr(0, page.body.size() - 1));
-      _last = _last || !_parser->is_done();
       answer(std::move(page));
       return true;
     };
     const std::string_view target(header.target().data(), header.target().size());
     if (target == "/healthz")
     {
-      _last = _last || !_parser->is_done();
       answer(Page::text(200, "ok"));
       return true;
     }
@@ -163,6 +165,7 @@ private:
     // A target that begins with two slashes would lead elsewhere.
     if (!identity || path.starts_with("//"))
     {
+      vu::log::info("gateway", __func__, _peer + ": refused an unknown token");
       answer(Page::text(401, "this token is not known here: take the one in the file run/token of the host's root"));
       return true;
     }
@@ -274,18 +277,30 @@ private:
     _answering = _waiting = true;
     _stream.next_layer().expires_never();
     const auto turn = ++_turn;
-    // With TLS or a next request in the buffer nothing can be told from this.
+    watch(turn);
+    return turn;
+  }
+
+  void watch(std::uint64_t turn)
+  {
     _stream.next_layer().socket().async_wait(asio::ip::tcp::socket::wait_read,
                                              [weak = weak_from_this(), turn](error_code error)
                                              {
-                                               const auto self = weak.lock();
-                                               if (!self || error || !self->_waiting || self->_turn != turn)
-                                                 return;
-                                               error_code unreadable;
-                                               if (self->_stream.next_layer().socket().available(unreadable) == 0)
-                                                 self->end();
+                                               if (const auto self = weak.lock(); self && !error && self->_waiting && self->_turn == turn)
+                                                 self->onReadable(turn);
                                              });
-    return turn;
+  }
+
+  void onReadable(std::uint64_t turn)
+  {
+    char byte = 0;
+    const auto received = ::recv(_stream.next_layer().socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (received == 0)
+      end();
+    else if (received < 0 && (errno == EAGAIN || errno == EINTR))
+      watch(turn); // an event from before
+    // Else a next request is there already, or something of TLS: then a
+    // hang-up shows when the answer is sent.
   }
 
   /// The answer that came late is dropped when the client has been answered

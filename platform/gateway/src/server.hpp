@@ -47,7 +47,8 @@ struct Server
   std::optional<Dispatcher> dispatcher;
   /// Set before the broker may end: what still waits on its pool does nothing.
   std::shared_ptr<std::atomic<bool>> stopped = std::make_shared<std::atomic<bool>>(false);
-  std::map<Connection*, std::weak_ptr<Connection>> connections;
+  /// Keeps them alive, also while one only waits for a service's answer.
+  std::map<Connection*, std::shared_ptr<Connection>> connections;
   std::function<void()> connectionEnded;
 
   void enter(const std::shared_ptr<Connection>& connection) { connections.emplace(connection.get(), connection); }

@@ -48,10 +48,17 @@ public:
     _webSocket.set_option(websocket::stream_base::timeout{limits.close, limits.idle, true});
     _webSocket.read_message_max(limits.messageBytes);
     _webSocket.text(true);
-    _webSocket.async_accept(request, [self = shared_from_this()](error_code error) { error ? self->end() : self->read(); });
+    _webSocket.async_accept(request,
+                            [self = shared_from_this()](error_code error)
+                            {
+                              if (error)
+                                return self->end();
+                              self->_accepted = true;
+                              self->read();
+                            });
   }
 
-  void shutdown() override { close(websocket::close_code::going_away, "the host is shutting down"); }
+  void shutdown() override { _accepted ? close(websocket::close_code::going_away, "the host is shutting down") : abort(); }
 
   void abort() override
   {
@@ -256,6 +263,7 @@ private:
   std::uint64_t _lastLink = 0;
   beast::flat_buffer _incoming;
   std::string _outgoing;
+  bool _accepted = false;
   bool _writing = false;
   bool _closing = false;
   bool _ended = false;

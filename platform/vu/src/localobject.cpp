@@ -5,7 +5,10 @@
 namespace vu
 {
 
-LocalObject::LocalObject(std::string name, std::shared_ptr<ThreadPool> pool) : _pool(std::move(pool)) { _description.name = std::move(name); }
+LocalObject::LocalObject(std::string name, std::shared_ptr<ThreadPool> pool) : _pool(std::move(pool))
+{
+  _description.name = std::move(name);
+}
 
 ObjectDescription LocalObject::description()
 {
@@ -33,7 +36,7 @@ Future<Value> LocalObject::call(const std::string& method, const Value& argument
     if (!arguments.is_array() || arguments.size() != wanted)
       throw ServiceError(name(), method,
                          name() + "." + method + " takes " + std::to_string(wanted) + (wanted == 1 ? " argument, " : " arguments, ") +
-                           std::to_string(arguments.size()) + " given",
+                             std::to_string(arguments.size()) + " given",
                          ServiceError::Kind::InvalidArguments);
     auto result = invoke(arguments);
     if (auto* future = std::get_if<Future<Value>>(&result))
@@ -42,8 +45,9 @@ Future<Value> LocalObject::call(const std::string& method, const Value& argument
   }
   catch (const ArgumentError& error)
   {
-    return makeFailedFuture<Value>(
-      std::make_exception_ptr(ServiceError(name(), method, name() + "." + method + ": " + error.what(), ServiceError::Kind::InvalidArguments)), _pool);
+    return makeFailedFuture<Value>(std::make_exception_ptr(ServiceError(name(), method, name() + "." + method + ": " + error.what(),
+                                                                        ServiceError::Kind::InvalidArguments)),
+                                   _pool);
   }
   catch (...)
   {
@@ -54,8 +58,15 @@ Future<Value> LocalObject::call(const std::string& method, const Value& argument
 Future<Value> LocalObject::post(const std::string& method, Value arguments)
 {
   const Promise<Value> promise(_pool);
-  _pool->postCall([self = shared_from_this(), method, arguments = std::move(arguments), promise]
-                  { self->call(method, arguments).forward(promise, [](const Value& value) { return value; }); });
+  try
+  {
+    _pool->postCall([self = shared_from_this(), method, arguments = std::move(arguments), promise]
+                    { self->call(method, arguments).forward(promise, [](const Value& value) { return value; }); });
+  }
+  catch (const ServiceError& error) // the pool cannot know for whom it refuses
+  {
+    throw ServiceError(name(), method, error.description(), error.kind());
+  }
   return promise.future();
 }
 
@@ -69,11 +80,14 @@ Future<SignalLink> LocalObject::connect(const std::string& signal, SignalBase::V
       state = found->second;
   }
   else
-    return makeFailedFuture<SignalLink>(
-      std::make_exception_ptr(ServiceError(name(), signal, "there is no service " + name() + " any more", ServiceError::Kind::UnknownService)), _pool);
+    return makeFailedFuture<SignalLink>(std::make_exception_ptr(ServiceError(name(), signal, "there is no service " + name() + " any more",
+                                                                             ServiceError::Kind::UnknownService)),
+                                        _pool);
   if (!state)
     return makeFailedFuture<SignalLink>(
-      std::make_exception_ptr(ServiceError(name(), signal, "the service " + name() + " has no signal " + signal, ServiceError::Kind::UnknownMethod)), _pool);
+        std::make_exception_ptr(
+            ServiceError(name(), signal, "the service " + name() + " has no signal " + signal, ServiceError::Kind::UnknownMethod)),
+        _pool);
   const auto link = state->connectValues(std::move(callback));
   const std::lock_guard lock(_mutex);
   _links.emplace(link, std::move(state));
@@ -96,7 +110,10 @@ void LocalObject::disconnect(SignalLink link)
 
 void LocalObject::end() { _gate.closeAndDrain(); }
 
-ObjectBuilder::ObjectBuilder(std::string name, std::shared_ptr<ThreadPool> pool) : _object(new LocalObject(std::move(name), std::move(pool))) {}
+ObjectBuilder::ObjectBuilder(std::string name, std::shared_ptr<ThreadPool> pool)
+    : _object(new LocalObject(std::move(name), std::move(pool)))
+{
+}
 
 void ObjectBuilder::setDescription(std::string description)
 {
@@ -112,7 +129,8 @@ void ObjectBuilder::advertiseSignal(const std::string& name, SignalBase& signal)
   _object->_description.signals.push_back({name, signal.argumentTypes()});
 }
 
-void ObjectBuilder::xAdd(MethodDescription description, std::vector<std::string> types, const std::string& returnType, LocalObject::Invoke invoke)
+void ObjectBuilder::xAdd(MethodDescription description, std::vector<std::string> types, const std::string& returnType,
+                         LocalObject::Invoke invoke)
 {
   if (description.parameters.size() > types.size())
     throw std::logic_error("the method " + description.name + " has fewer parameters than are described");

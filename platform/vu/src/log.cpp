@@ -8,6 +8,8 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <vu/caller.hpp>
+
 namespace vu::log
 {
 
@@ -82,12 +84,14 @@ void write(Level level, std::string_view category, std::string_view function, st
     for (const auto& store : captures)
     {
       const std::lock_guard storeLock(store->mutex);
-      store->lines.push_back({level, std::string(category), std::string(function), std::string(message)});
+      store->lines.push_back({level, std::string(category), std::string(function), std::string(message), currentCaller()});
     }
   }
   if (level > maximum.load() || level == Level::Silent)
     return;
-  output().info("[{}] {}.{}: {}", levelNames[static_cast<std::size_t>(level)], category, function, oneLine(message));
+  const auto& caller = currentCaller();
+  output().info("[{}] {}.{}{}{}: {}", levelNames[static_cast<std::size_t>(level)], category, function, caller.empty() ? "" : " for ",
+                oneLine(caller), oneLine(message));
 }
 
 Capture::Capture() : _store(std::make_shared<Store>())
@@ -114,7 +118,7 @@ std::size_t Capture::count(Level level, std::string_view text) const
 {
   const auto all = lines();
   return static_cast<std::size_t>(std::count_if(
-    all.begin(), all.end(), [&](const Line& line) { return line.level == level && line.message.find(text) != std::string::npos; }));
+      all.begin(), all.end(), [&](const Line& line) { return line.level == level && line.message.find(text) != std::string::npos; }));
 }
 
 void Capture::clear()

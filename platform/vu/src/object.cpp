@@ -7,16 +7,56 @@
 namespace vu
 {
 
+namespace
+{
+
+class Delivery;
+
+/// Every queued callback by its link: a connection outlives the handle it was
+/// made through, and any other handle may end it.
+struct Deliveries
+{
+  std::mutex mutex; // guards byLink
+  std::map<SignalLink, std::weak_ptr<Delivery>> byLink;
+};
+
+Deliveries& deliveries()
+{
+  static auto* const all = new Deliveries; // never destroyed: connections may die late
+  return *all;
+}
+
+/// The queued callback of one connection, which holds it.
+class Delivery : public detail::Subscriber<Value>
+{
+public:
+  using Subscriber::Subscriber;
+
+  ~Delivery()
+  {
+    const std::lock_guard lock(deliveries().mutex);
+    deliveries().byLink.erase(_link);
+  }
+
+  static void enter(const std::shared_ptr<Delivery>& delivery, SignalLink link)
+  {
+    const std::lock_guard lock(deliveries().mutex);
+    delivery->_link = link;
+    deliveries().byLink.emplace(link, delivery);
+  }
+
+private:
+  SignalLink _link = SignalBase::invalidSignalLink;
+};
+
+} // namespace
+
 struct Object::Shared
 {
-  using Delivery = detail::Subscriber<Value>;
-
   explicit Shared(std::shared_ptr<ObjectBackend> service) : backend(std::move(service)), line(Line::create(backend->pool())) {}
 
   const std::shared_ptr<ObjectBackend> backend;
   const std::shared_ptr<Line> line;
-  std::mutex mutex; // guards deliveries
-  std::map<SignalLink, std::shared_ptr<Delivery>> deliveries;
 };
 
 Object::Object(std::shared_ptr<ObjectBackend> backend) : _shared(backend ? std::make_shared<Shared>(std::move(backend)) : nullptr) {}
@@ -34,22 +74,21 @@ ObjectDescription Object::description() const { return backend()->description();
 
 Future<Value> Object::callValues(const std::string& method, const Value& arguments) const { return backend()->call(method, arguments); }
 
-Future<Value> Object::asyncValues(const std::string& method, Value arguments) const { return backend()->post(method, std::move(arguments)); }
+Future<Value> Object::asyncValues(const std::string& method, Value arguments) const
+{
+  return backend()->post(method, std::move(arguments));
+}
 
 Future<SignalLink> Object::connectValues(const std::string& signal, SignalBase::ValuesCallback callback) const
 {
-  auto delivery = std::make_shared<Shared::Delivery>(std::move(callback));
+  auto delivery = std::make_shared<Delivery>(std::move(callback));
   const auto connected = backend()->connect(signal, [line = _shared->line, delivery](const Value& arguments)
                                             { line->push([delivery, arguments] { delivery->run(arguments); }); });
   const Promise<SignalLink> promise(backend()->pool());
   connected.forward(promise,
-                    [shared = std::weak_ptr<Shared>(_shared), delivery](SignalLink link)
+                    [delivery](SignalLink link)
                     {
-                      if (const auto alive = shared.lock())
-                      {
-                        const std::lock_guard lock(alive->mutex);
-                        alive->deliveries.emplace(link, delivery);
-                      }
+                      Delivery::enter(delivery, link);
                       return link;
                     });
   return promise.future();
@@ -58,16 +97,14 @@ Future<SignalLink> Object::connectValues(const std::string& signal, SignalBase::
 void Object::disconnect(SignalLink link) const
 {
   backend()->disconnect(link);
-  std::shared_ptr<Shared::Delivery> delivery;
+  std::shared_ptr<Delivery> delivery;
   {
-    const std::lock_guard lock(_shared->mutex);
-    const auto found = _shared->deliveries.find(link);
-    if (found == _shared->deliveries.end())
-      return;
-    delivery = std::move(found->second);
-    _shared->deliveries.erase(found);
+    const std::lock_guard lock(deliveries().mutex);
+    if (const auto found = deliveries().byLink.find(link); found != deliveries().byLink.end())
+      delivery = found->second.lock();
   }
-  delivery->close();
+  if (delivery)
+    delivery->close();
 }
 
 Future<void> Object::delivered() const

@@ -17,7 +17,7 @@ void logCallbackError(const char* where) noexcept
 {
   try
   {
-    log::error("vu", where, errorText(std::current_exception()));
+    log::error("vu", "logCallbackError", std::string(where) + " threw: " + errorText(std::current_exception()));
   }
   catch (...)
   {

@@ -4,17 +4,22 @@
 #include <condition_variable>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
 
 #include <vu/caller.hpp>
 #include <vu/error.hpp>
+#include <vu/log.hpp>
 #include <vu/signal.hpp>
 
 namespace vu
@@ -26,7 +31,8 @@ using namespace std::chrono_literals;
 namespace
 {
 constexpr auto stallTime = 5ms; // without progress, before a thread is added
-constexpr auto idleTime = 10s;  // without work, before a surplus thread leaves
+
+using Clock = std::chrono::steady_clock;
 
 thread_local const void* poolOfThisThread = nullptr;
 } // namespace
@@ -47,7 +53,30 @@ struct ThreadPool::Implementation
   void addThread()
   {
     threads.emplace_back();
-    threads.back() = std::thread([this, self = std::prev(threads.end())] { workUntilIdle(self); });
+    try
+    {
+      threads.back() = std::thread([this, self = std::prev(threads.end())] { workUntilIdle(self); });
+    }
+    catch (...)
+    {
+      threads.pop_back();
+      throw;
+    }
+  }
+
+  /// Where the system gives no more threads, those that exist are the bound
+  /// from then on; mutex held.
+  void grow()
+  {
+    try
+    {
+      addThread();
+    }
+    catch (const std::system_error& error)
+    {
+      limits.maximum = threads.size();
+      growthError = "the system gives no thread beyond " + std::to_string(limits.maximum) + ": " + error.what();
+    }
   }
 
   void workUntilIdle(std::list<std::thread>::iterator self)
@@ -55,7 +84,7 @@ struct ThreadPool::Implementation
     poolOfThisThread = this;
     for (;;)
     {
-      if (io.run_one_for(idleTime) > 0)
+      if (io.run_one_for(limits.idle) > 0)
         continue;
       const std::lock_guard lock(mutex);
       if (closed && io.stopped())
@@ -68,38 +97,70 @@ struct ThreadPool::Implementation
     }
   }
 
-  /// Adds a thread whenever work waits and nothing moves.
+  /// Posts what is due and adds a thread whenever work waits and nothing
+  /// moves. Timers are kept here and not in the context, which would not look
+  /// at them while all its threads are blocked.
   void supervise()
   {
     std::unique_lock lock(mutex);
+    std::optional<std::uint64_t> seen; // the progress at the last look, where work waited
+    auto look = Clock::time_point::max();
     while (!closed)
     {
-      workCame.wait(lock, [this] { return queued > 0 || closed; });
-      const auto seen = progress;
-      workCame.wait_for(lock, stallTime, [this] { return closed; });
-      if (!closed && queued > 0 && progress == seen && threads.size() < limits.maximum)
-        addThread();
-      auto leaving = std::exchange(departed, {});
-      lock.unlock();
-      for (auto& thread : leaving)
-        thread.join();
-      lock.lock();
+      const auto now = Clock::now();
+      if (queued > 0 && seen == progress && now >= look && threads.size() < limits.maximum)
+        grow();
+      if (now >= look || (watching && look == Clock::time_point::max()))
+      {
+        watching = queued > 0 || now < look;
+        seen = queued > 0 ? std::optional(progress) : std::nullopt;
+        look = watching ? now + stallTime : Clock::time_point::max();
+      }
+      if (!attendTo(lock, now))
+        news.wait_until(lock, std::min(look, timers.empty() ? now + 1h : timers.begin()->first));
     }
   }
 
+  /// What may not happen under the lock, which is held before and after; true
+  /// when there was something.
+  bool attendTo(std::unique_lock<std::mutex>& lock, Clock::time_point now)
+  {
+    const auto firstLater = timers.upper_bound(now);
+    if (timers.begin() == firstLater && departed.empty() && growthError.empty())
+      return false;
+    std::vector<Timer> due;
+    for (auto timer = timers.begin(); timer != firstLater; timer = timers.erase(timer))
+      due.push_back(std::move(timer->second));
+    auto leaving = std::exchange(departed, {});
+    const auto trouble = std::exchange(growthError, {});
+    lock.unlock();
+    for (auto& timer : due)
+      post(timer.task, timer.caller, false);
+    due.clear();
+    for (auto& thread : leaving)
+      thread.join();
+    if (!trouble.empty())
+      log::warning("vu", "supervise", trouble);
+    lock.lock();
+    return true;
+  }
+
   /// False when the pool is closed.
-  bool post(Task& task, bool mayRefuse)
+  bool post(Task& task, const std::string& caller, bool mayRefuse)
   {
     {
       const std::lock_guard lock(mutex);
       if (closed)
         return false;
       if (mayRefuse && threads.size() >= limits.maximum && running >= limits.maximum && queued >= limits.queue)
-        throw ServiceError({}, {}, "the host is overloaded: all its threads are busy and " + std::to_string(queued) + " calls wait; try again later", ServiceError::Kind::Overloaded);
-      if (++queued == 1)
-        workCame.notify_all();
+        throw ServiceError(
+            {}, {}, "the host is overloaded: all its threads are busy and " + std::to_string(queued) + " calls wait; try again later",
+            ServiceError::Kind::Overloaded);
+      ++queued;
+      if (!std::exchange(watching, true))
+        news.notify_all();
     }
-    asio::post(io, [this, task = std::move(task), caller = currentCaller()]() mutable { run(std::move(task), caller); });
+    asio::post(io, [this, task = std::move(task), caller]() mutable { run(std::move(task), caller); });
     return true;
   }
 
@@ -128,15 +189,29 @@ struct ThreadPool::Implementation
       idle.notify_all();
   }
 
+  void postAfter(std::chrono::milliseconds delay, Task task)
+  {
+    const auto due = Clock::now() + delay;
+    const std::lock_guard lock(mutex);
+    if (closed)
+      return;
+    const auto timer = timers.emplace(due, Timer{std::move(task), currentCaller()});
+    if (timer == timers.begin())
+      news.notify_all();
+  }
+
   void close()
   {
+    // Dropped last and outside the lock: it may hold the pool itself.
+    std::multimap<Clock::time_point, Timer> dropped;
     {
       std::unique_lock lock(mutex);
       idle.wait(lock, [this] { return closed || queued + running == 0; });
       if (std::exchange(closed, true))
         return;
       idle.notify_all();
-      workCame.notify_all();
+      news.notify_all();
+      dropped.swap(timers);
     }
     io.stop();
     supervisor.join();
@@ -147,15 +222,24 @@ struct ThreadPool::Implementation
       thread.join();
   }
 
-  Limits limits;
-  std::mutex mutex; // guards the members down to closed
-  std::condition_variable workCame;
+  struct Timer
+  {
+    Task task;
+    std::string caller;
+  };
+
+  Limits limits;                // `maximum` guarded by mutex, the rest constant
+  std::mutex mutex;             // guards the members down to closed
+  std::condition_variable news; // for the supervisor: work, an earlier timer, the end
   std::condition_variable idle;
   std::list<std::thread> threads;
   std::list<std::thread> departed; // surplus threads that have left, to be joined
   std::size_t queued = 0;
   std::size_t running = 0;
   std::uint64_t progress = 0; // tasks begun and ended
+  bool watching = false;      // the supervisor looks, or is on its way to
+  std::multimap<Clock::time_point, Timer> timers;
+  std::string growthError; // to be logged
   bool closed = false;
   std::thread supervisor;
   asio::io_context io;
@@ -166,31 +250,30 @@ ThreadPool::ThreadPool() : ThreadPool(Limits()) {}
 
 ThreadPool::ThreadPool(Limits limits) : _implementation(std::make_unique<Implementation>(limits)) {}
 
-ThreadPool::~ThreadPool() { close(); }
+ThreadPool::~ThreadPool()
+{
+  if (!runsThisThread())
+  {
+    close();
+    return;
+  }
+  // A task held the last handle, and no thread can join itself.
+  process()->post([last = std::shared_ptr<Implementation>(std::move(_implementation))] { last->close(); });
+}
 
 void ThreadPool::post(Task task)
 {
-  if (!_implementation->post(task, false))
+  if (!_implementation->post(task, currentCaller(), false))
     process()->post(std::move(task));
 }
 
 void ThreadPool::postCall(Task task)
 {
-  if (!_implementation->post(task, true))
+  if (!_implementation->post(task, currentCaller(), true))
     process()->postCall(std::move(task));
 }
 
-void ThreadPool::postAfter(std::chrono::milliseconds delay, Task task)
-{
-  auto timer = std::make_shared<asio::steady_timer>(_implementation->io, delay);
-  timer->async_wait(
-    [this, timer, task = std::move(task), caller = currentCaller()](const boost::system::error_code& error) mutable
-    {
-      const CallerScope scope(caller);
-      if (!error)
-        _implementation->post(task, false);
-    });
-}
+void ThreadPool::postAfter(std::chrono::milliseconds delay, Task task) { _implementation->postAfter(delay, std::move(task)); }
 
 void ThreadPool::close() { _implementation->close(); }
 

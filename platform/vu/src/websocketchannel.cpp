@@ -2,7 +2,6 @@
 
 #include <deque>
 #include <future>
-#include <stdexcept>
 #include <thread>
 
 #include <boost/asio/connect.hpp>
@@ -28,7 +27,11 @@ using boost::system::error_code;
 
 HostAddress HostAddress::parse(const std::string& url)
 {
-  const auto fail = [&url] { return std::invalid_argument("'" + url + "' is no host's address: write it as http://ADDRESS:PORT"); };
+  const auto fail = [&url]
+  {
+    return ServiceError("session", "", "'" + url + "' is no host's address: write it as http://ADDRESS:PORT",
+                        ServiceError::Kind::InvalidArguments);
+  };
   HostAddress address;
   std::string rest;
   if (url.starts_with("http://"))
@@ -148,7 +151,10 @@ private:
     else
     {
       _webSocket.next_layer().set_verify_callback(asio::ssl::host_name_verification(_address.host));
-      SSL_set_tlsext_host_name(_webSocket.next_layer().native_handle(), _address.host.c_str());
+      error_code isName;
+      asio::ip::make_address(_address.host, isName);
+      if (isName) // addresses are not sent as server names
+        SSL_set_tlsext_host_name(_webSocket.next_layer().native_handle(), _address.host.c_str());
       _webSocket.next_layer().async_handshake(asio::ssl::stream_base::client,
                                               [this](error_code error) { error ? fail(error.message()) : greet(); });
     }
@@ -212,9 +218,12 @@ private:
   {
     if (_state != State::Open)
       return;
-    const std::string reason = error == websocket::error::closed ? _webSocket.reason().reason.c_str() : error.message();
+    const auto& said = _webSocket.reason();
+    std::string reason = error.message();
+    if (said.code != websocket::close_code::none)
+      reason = said.reason.empty() ? "the host closed the connection (" + std::to_string(said.code) + ")" : said.reason.c_str();
     abort();
-    _handlers.closed(reason.empty() ? "the host closed the connection" : reason);
+    _handlers.closed(reason);
   }
 
   void refuse()
@@ -241,6 +250,7 @@ private:
     _timer.cancel();
     _resolver.cancel();
     beast::get_lowest_layer(_webSocket).close();
+    _io.stop(); // a timer of the WebSocket may still be waiting
   }
 
   // The thread of the channel alone touches what follows, once it runs.

@@ -38,13 +38,14 @@ public:
   virtual void close() = 0;
 };
 
-/// Parts of "http://host:port": throws std::invalid_argument that names it.
+/// Parts of "http://host:port".
 struct HostAddress
 {
   bool secure = false;
   std::string host; ///< without the brackets of an IPv6 address
   std::string port;
 
+  /// Throws a ServiceError of kind InvalidArguments that names it.
   static HostAddress parse(const std::string& url);
   /// "host:port", as the Host header has it.
   std::string authority() const;

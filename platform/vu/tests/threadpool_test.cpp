@@ -1,1 +1,237 @@
+#include <atomic>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
+
+#include <vu/caller.hpp>
+#include <vu/error.hpp>
+#include <vu/future.hpp>
+#include <vu/line.hpp>
+#include <vu/log.hpp>
+#include <vu/threadpool.hpp>
+
+#include "waiting.hpp"
+
+using namespace std::chrono_literals;
+using vu::CallerScope;
+using vu::ThreadPool;
+using waiting::Event;
+
+TEST(ThreadPool, FiftyTasksThatBlockDoNotStopTheOneThatFreesThem)
+{
+  ThreadPool pool({2, 512, 4096, 20ms});
+  Event freed;
+  std::atomic<int> woken{0};
+  for (int i = 0; i < 50; ++i)
+    pool.post([&] { woken += freed.wait(); });
+  pool.post([&] { freed.set(); });
+  pool.waitUntilIdle();
+  EXPECT_EQ(woken, 50);
+  EXPECT_TRUE(waiting::eventually([&] { return pool.threadCount() == 2; })) << "surplus threads leave";
+
+  Event again;
+  for (int i = 0; i < 2; ++i)
+    pool.post([&] { woken += again.wait(); });
+  pool.post([&] { again.set(); });
+  pool.waitUntilIdle();
+  EXPECT_EQ(woken, 52) << "it grows again after that";
+}
+
+TEST(ThreadPool, TimersRunWhileAllThreadsAreBlocked)
+{
+  ThreadPool pool({1, 4, 16, 1s});
+  std::atomic<bool> fired{false};
+  pool.post(
+      [&]
+      {
+        Event event;
+        pool.postAfter(1h, [] {});
+        pool.postAfter(1ms, [&] { event.set(); });
+        fired = event.wait();
+      });
+  pool.waitUntilIdle();
+  EXPECT_TRUE(fired);
+}
+
+TEST(ThreadPool, RefusesCallsBeyondItsBoundsButNotTasks)
+{
+  ThreadPool pool({1, 2, 3, 1s});
+  Event busy(2), release;
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 2; ++i)
+    pool.post([&] { busy.set(), release.wait(); });
+  ASSERT_TRUE(busy.wait());
+  for (int i = 0; i < 3; ++i)
+    pool.postCall([&] { ++ran; });
+  try
+  {
+    pool.postCall([&] { ++ran; });
+    ADD_FAILURE() << "a fourth call was taken";
+  }
+  catch (const vu::ServiceError& error)
+  {
+    EXPECT_EQ(error.kind(), vu::ServiceError::Kind::Overloaded);
+    EXPECT_NE(error.description().find("try again later"), std::string::npos);
+  }
+  pool.post([&] { ++ran; });
+  release.set();
+  pool.waitUntilIdle();
+  EXPECT_EQ(ran, 4);
+  pool.postCall([&] { ++ran; });
+  pool.close();
+  EXPECT_EQ(ran, 5);
+}
+
+TEST(ThreadPool, CloseRunsWhatIsQueuedDropsTimersAndSendsLaterTasksElsewhere)
+{
+  const auto pool = std::make_shared<ThreadPool>(ThreadPool::Limits{2, 8, 16, 1s});
+  std::atomic<int> ran{0};
+  std::function<void(int)> chain = [&](int left)
+  {
+    ++ran;
+    if (left > 1)
+      pool->post([&, left] { chain(left - 1); });
+  };
+  pool->post([&] { chain(100); });
+  vu::Future<void> dropped;
+  {
+    const vu::Promise<void> promise;
+    dropped = promise.future();
+    pool->postAfter(1h, [promise] { promise.setValue(); });
+  }
+  pool->close();
+  EXPECT_EQ(ran, 100);
+  EXPECT_TRUE(dropped.wait(waiting::bound) && dropped.hasError()) << "a dropped timer lets go of what it holds";
+
+  Event late;
+  std::atomic<bool> ours{true};
+  pool->post([&] { ours = pool->runsThisThread(), late.set(); });
+  EXPECT_TRUE(late.wait());
+  EXPECT_FALSE(ours);
+  pool->postAfter(0ms, [] { ADD_FAILURE() << "a timer ran in a closed pool"; });
+  pool->close();
+}
+
+TEST(ThreadPool, EveryTaskPostedWhileItClosesRunsOnce)
+{
+  constexpr int perThread = 1000;
+  for (int round = 0; round < 10; ++round)
+  {
+    ThreadPool pool({2, 16, 16, 1s});
+    std::vector<std::atomic<int>> runs(3 * perThread);
+    Event some(perThread), all(3 * perThread);
+    std::vector<std::thread> posters;
+    for (int thread = 0; thread < 3; ++thread)
+      posters.emplace_back(
+          [&, thread]
+          {
+            for (int i = 0; i < perThread; ++i)
+              pool.post([&, number = thread * perThread + i] { ++runs[number], some.set(), all.set(); });
+          });
+    ASSERT_TRUE(some.wait());
+    pool.close();
+    for (auto& poster : posters)
+      poster.join();
+    ASSERT_TRUE(all.wait());
+    ThreadPool::process()->waitUntilIdle(); // the last one may still be about to leave its task
+    for (const auto& count : runs)
+      ASSERT_EQ(count, 1);
+  }
+}
+
+TEST(ThreadPool, EndsElsewhereWhenOneOfItsTasksHeldTheLastHandle)
+{
+  Event handedOver;
+  vu::Future<void> ended;
+  {
+    auto pool = std::make_shared<ThreadPool>(ThreadPool::Limits{1, 1, 16, 1s});
+    const vu::Promise<void> promise;
+    ended = promise.future();
+    pool->postAfter(1h, [promise] {});
+    pool->post([&handedOver, pool] { handedOver.wait(); });
+  }
+  handedOver.set();
+  EXPECT_TRUE(ended.wait(waiting::bound));
+}
+
+TEST(ThreadPool, TaskThatThrowsIsLoggedAndTheNextOneRuns)
+{
+  vu::log::Capture log;
+  ThreadPool pool({1, 1, 16, 1s});
+  pool.post([] { throw std::runtime_error("no battery"); });
+  pool.post([] { throw 7; });
+  Event next;
+  pool.post([&] { next.set(); });
+  EXPECT_TRUE(next.wait());
+  EXPECT_EQ(log.count(vu::log::Level::Error, "no battery"), 1u);
+  EXPECT_EQ(log.count(vu::log::Level::Error, "unknown type"), 1u);
+}
+
+TEST(Caller, IsInheritedByWhateverIsPostedAndEndsWithItsScope)
+{
+  const auto pool = std::make_shared<ThreadPool>(ThreadPool::Limits{1, 1, 16, 1s});
+  const auto line = vu::Line::create(pool);
+  std::vector<std::string> seen; // touched by the pool's only thread, then after it
+  const auto note = [&](const std::string& what) { seen.push_back(what + "=" + vu::currentCaller()); };
+  const vu::Promise<void> promise(pool);
+  Event timer;
+  {
+    const CallerScope alice("alice");
+    {
+      const CallerScope bob("bob");
+      pool->post([&] { note("nested"), pool->post([&] { note("posted by a task"); }); });
+    }
+    EXPECT_EQ(vu::currentCaller(), "alice");
+    promise.future().then([&](const auto&) { note("continuation"); });
+    pool->waitUntilIdle();
+    pool->postAfter(0ms, [&] { note("timer"), timer.set(); });
+    ASSERT_TRUE(timer.wait());
+    line->push([&] { note("line"); });
+  }
+  EXPECT_EQ(vu::currentCaller(), "");
+  line->push([&] { note("line of nobody"); });
+  pool->waitUntilIdle();
+  const CallerScope carol("carol");
+  promise.setValue();
+  pool->close();
+  EXPECT_EQ(seen, (std::vector<std::string>{"nested=bob", "posted by a task=bob", "timer=alice", "line=alice",
+                                            "line of nobody=", "continuation=alice"}));
+}
+
+TEST(Line, KeepsTheOrderOfEachOfManyThreadsAndRunsOneTaskAtATime)
+{
+  constexpr int threads = 4, perThread = 500;
+  const auto pool = std::make_shared<ThreadPool>(ThreadPool::Limits{4, 16, 16, 1s});
+  auto line = vu::Line::create(pool);
+  std::vector<std::vector<int>> seen(threads); // touched by the line alone
+  std::atomic<int> inside{0}, overlaps{0};
+  std::vector<std::thread> pushers;
+  for (int thread = 0; thread < threads; ++thread)
+    pushers.emplace_back(
+        [&, thread]
+        {
+          for (int i = 0; i < perThread; ++i)
+            line->push(
+                [&, thread, i]
+                {
+                  overlaps += ++inside != 1;
+                  seen[thread].push_back(i);
+                  --inside;
+                  if (i % 100 == 0)
+                    throw std::runtime_error("a delivery that fails");
+                });
+        });
+  for (auto& pusher : pushers)
+    pusher.join();
+  const auto passed = line->passed();
+  line.reset(); // what stands in it runs all the same
+  ASSERT_TRUE(passed.wait(waiting::bound));
+  EXPECT_EQ(overlaps, 0);
+  for (const auto& numbers : seen)
+  {
+    ASSERT_EQ(numbers.size(), std::size_t(perThread));
+    EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+  }
+  pool->close();
+}

@@ -20,9 +20,9 @@ ZBModule::ZBModule(std::shared_ptr<ZBBroker> broker, const std::string& name) : 
 
 ZBModule::~ZBModule()
 {
-  // Published modules are withdrawn by their broker before; this gives up the
-  // reservation of one whose constructor threw.
-  if (getParentBroker()->session()->isReserved(getName()))
+  // Gives up the reservation of a module that was never published. One that
+  // the broker removed has ended, and its name may be another's by now.
+  if (serviceObject()->enter() && getParentBroker()->session()->isReserved(getName()))
     getParentBroker()->session()->withdraw(getName());
 }
 

@@ -36,15 +36,13 @@ int ZBProxy::postValues(const std::string& method, vu::Value arguments) const
 {
   static std::atomic<int> lastTask{0};
   const int task = ++lastTask;
-  guarded(method,
-          [&]
+  service(method)
+      .asyncValues(method, std::move(arguments))
+      .then(
+          [name = _name, method, task](const vu::Future<vu::Value>& result)
           {
-            service(method).asyncValues(method, std::move(arguments)).then(
-              [name = _name, method, task](const vu::Future<vu::Value>& result)
-              {
-                if (result.hasError())
-                  logFailedPost(name, method, task, result.error());
-              });
+            if (result.hasError())
+              logFailedPost(name, method, task, result.error());
           });
   return task;
 }

@@ -1,1 +1,454 @@
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
 #include <gtest/gtest.h>
+
+#include <vu/log.hpp>
+#include <zb/zbbroker.hpp>
+#include <zb/zbproxy.hpp>
+
+#include "waiting.hpp"
+
+using namespace std::chrono_literals;
+using waiting::Event;
+using ZB::ZBBroker;
+using ZB::ZBError;
+using ZB::ZBModule;
+using ZB::ZBProxy;
+using Kind = vu::ServiceError::Kind;
+
+namespace
+{
+
+struct Unsendable
+{
+};
+void to_json(vu::Value&, const Unsendable&) { throw std::range_error("cannot be sent"); }
+
+struct Hooks
+{
+  std::function<void()> constructing;
+  std::function<void()> destroying;
+  std::function<std::string()> called = [] { return "called"; };
+  std::function<vu::Future<int>()> later;
+};
+
+class TestModule : public ZBModule
+{
+public:
+  TestModule(std::shared_ptr<ZBBroker> broker, const std::string& name, Hooks hooks = {})
+      : ZBModule(std::move(broker), name), _hooks(std::move(hooks))
+  {
+    functionName("act", name, "Do what the test wants");
+    setReturn("text", "");
+    bindMethod(this, &TestModule::act);
+    functionName("later", name, "Give a future");
+    bindMethod(this, &TestModule::later);
+    functionName("fail", name, "Fail with an error of some other kind");
+    addParam("text", "");
+    bindMethod(this, &TestModule::fail);
+    functionName("relay", name, "Call act of another module");
+    bindMethod(this, &TestModule::relay);
+    if (_hooks.constructing)
+      _hooks.constructing();
+  }
+  ~TestModule() override
+  {
+    if (_hooks.destroying)
+      _hooks.destroying();
+  }
+
+  std::string httpGet() override { return "<p>" + act() + "</p>"; }
+  std::string act() { return _hooks.called(); }
+  vu::Future<int> later() { return _hooks.later(); }
+  void fail(const std::string& text) { throw std::runtime_error(text); }
+  std::string relay(const std::string& module, bool posted)
+  {
+    const ZBProxy proxy(getParentBroker(), module);
+    return posted ? vu::Object(proxy).async<std::string>("act").value() : proxy.call<std::string>("act");
+  }
+
+private:
+  const Hooks _hooks;
+};
+
+class BrokerTest : public testing::Test
+{
+protected:
+  ~BrokerTest() override { broker->shutdown(); }
+
+  TestModule& make(const std::string& name, Hooks hooks = {}) { return broker->createModule<TestModule>(name, std::move(hooks)); }
+  ZBProxy proxy(const std::string& name) const { return ZBProxy(broker, name); }
+
+  template <typename F> static ZBError errorOf(const F& call)
+  {
+    try
+    {
+      call();
+      ADD_FAILURE() << "no error";
+    }
+    catch (const ZBError& error)
+    {
+      return error;
+    }
+    catch (...)
+    {
+      ADD_FAILURE() << "not a ZBError: " << vu::errorText(std::current_exception());
+    }
+    return ZBError("", "", "");
+  }
+
+  const std::shared_ptr<ZBBroker> broker = ZBBroker::create({{2, 80, 4, 1s}, vu::Value::object()});
+};
+
+} // namespace
+
+TEST_F(BrokerTest, ServiceAppearsWhenItsConstructorHasReturned)
+{
+  Hooks hooks;
+  hooks.constructing = [&]
+  {
+    EXPECT_EQ(vu::currentCaller(), "Arm");
+    EXPECT_TRUE(broker->session()->isReserved("Arm"));
+    EXPECT_EQ(broker->getProxy("Arm"), nullptr);
+    EXPECT_EQ(errorOf([&] { make("Arm"); }).module(), "Arm");
+    EXPECT_TRUE(broker->session()->isReserved("Arm")) << "a refused one gives up nothing";
+  };
+  const auto& arm = make("Arm", hooks);
+  EXPECT_EQ(arm.getName(), "Arm");
+  ASSERT_NE(broker->getProxy("Arm"), nullptr);
+  EXPECT_EQ(broker->getProxy("Arm")->call<std::string>("act"), "called");
+  EXPECT_EQ(broker->getSpecialisedProxy<ZBProxy>("Arm")->name(), "Arm");
+  EXPECT_EQ(broker->httpGet("Arm"), "<p>called</p>");
+  errorOf([&] { make("Arm"); });
+  EXPECT_EQ(proxy("Arm").call<std::string>("act"), "called");
+}
+
+TEST_F(BrokerTest, ModuleWhoseConstructorThrowsLeavesNothingBehind)
+{
+  const auto waiter = [&] { return broker->session()->whenConstructed("Arm"); };
+  vu::Future<vu::Object> waiting;
+  Hooks hooks;
+  hooks.constructing = [&]
+  {
+    waiting = waiter();
+    throw std::length_error("too long");
+  };
+  EXPECT_THROW(make("Arm", hooks), std::length_error);
+  EXPECT_TRUE(waiting.wait(waiting::bound) && waiting.hasError());
+  EXPECT_FALSE(broker->session()->isReserved("Arm"));
+  EXPECT_TRUE(broker->modules().empty());
+
+  // A name that somebody else published meanwhile stays theirs.
+  const auto theirs = vu::ObjectBuilder("Arm", broker->pool()).object();
+  hooks.constructing = [&] { broker->session()->publish(theirs); };
+  EXPECT_THROW(make("Arm", hooks), vu::ServiceError);
+  EXPECT_TRUE(broker->modules().empty());
+  EXPECT_EQ(broker->session()->find("Arm"), theirs);
+  EXPECT_TRUE(theirs->enter());
+  broker->session()->withdraw("Arm");
+  make("Arm");
+}
+
+TEST_F(BrokerTest, RemovedModuleRefusesNewCallsAndOutlivesThoseUnderWay)
+{
+  Event entered(2), release;
+  std::atomic<int> inside{0};
+  std::atomic<bool> destroyed{false};
+  Hooks hooks;
+  hooks.called = [&]
+  {
+    ++inside, entered.set();
+    release.wait();
+    EXPECT_FALSE(destroyed);
+    --inside;
+    return "late";
+  };
+  hooks.destroying = [&]
+  {
+    EXPECT_EQ(inside, 0);
+    EXPECT_EQ(vu::currentCaller(), "Arm");
+    destroyed = true;
+    // By now the name is free: this module's end must not give up another's reservation.
+    broker->session()->reserve("Arm");
+  };
+  make("Arm", hooks);
+  const vu::Object handle = proxy("Arm");
+  const auto call = handle.async<std::string>("act");
+  std::thread page([&] { EXPECT_EQ(broker->httpGet("Arm"), "<p>late</p>"); });
+  ASSERT_TRUE(entered.wait());
+  std::thread remover([&] { broker->removeModule("Arm"); });
+  EXPECT_TRUE(waiting::eventually([&] { return broker->getProxy("Arm") == nullptr; }));
+  // Refused a moment after it has left the directory, while the calls are still under way.
+  EXPECT_TRUE(waiting::eventually(
+      [&] { return !handle.backend()->call("none", vu::Value::array()).error().starts_with("the service Arm has no"); }));
+  EXPECT_EQ(handle.backend()->call("act", vu::Value::array()).error(), "there is no service Arm any more");
+  EXPECT_FALSE(destroyed);
+  release.set();
+  remover.join();
+  page.join();
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(call.value(), "late");
+  EXPECT_TRUE(broker->session()->isReserved("Arm"));
+  broker->session()->withdraw("Arm");
+  broker->removeModule("Arm");
+}
+
+TEST_F(BrokerTest, ModulesAreNotRemovedOnThreadsOfThePool)
+{
+  make("Arm");
+  for (const auto& attempt : std::vector<std::function<void()>>{[&] { broker->removeModule("Arm"); }, [&] { broker->shutdown(); }})
+  {
+    const vu::Promise<void> promise;
+    broker->pool()->post(
+        [&]
+        {
+          try
+          {
+            attempt();
+            promise.setValue();
+          }
+          catch (...)
+          {
+            promise.setException(std::current_exception());
+          }
+        });
+    EXPECT_THROW(promise.future().value(), std::logic_error);
+  }
+  EXPECT_EQ(broker->modules(), std::vector<std::string>{"Arm"});
+}
+
+TEST_F(BrokerTest, ShutsDownInReverseOrderEndsWaitsAndLeavesUsableHandles)
+{
+  std::string destroyed;
+  for (const std::string name : {"A", "B", "C"})
+  {
+    Hooks hooks;
+    hooks.destroying = [&, name]
+    {
+      destroyed += name;
+      // What was loaded before is still there.
+      EXPECT_EQ(broker->getProxy("A") != nullptr, name != "A");
+    };
+    make(name, hooks);
+  }
+  const auto wait = broker->session()->service("D", "", -1);
+  const auto handle = vu::Object(proxy("A"));
+  broker->shutdown();
+  broker->shutdown();
+  EXPECT_EQ(destroyed, "CBA");
+  EXPECT_TRUE(wait.hasError());
+  EXPECT_EQ(errorOf([&] { proxy("A").call("act"); }).kind(), Kind::UnknownService);
+  EXPECT_THROW(handle.call<std::string>("act"), vu::ServiceError);
+  EXPECT_THROW(handle.async<std::string>("act").value(), vu::ServiceError);
+  EXPECT_THROW(broker->httpGet("A"), vu::ServiceError);
+}
+
+TEST_F(BrokerTest, EveryFailureOfACallThroughAProxyIsAZBError)
+{
+  Hooks hooks;
+  hooks.called = []() -> std::string { throw vu::ServiceError("Deep", "inner", "not allowed", Kind::NotAllowed); };
+  hooks.later = []
+  {
+    const vu::Promise<int> promise;
+    promise.setError("plain text");
+    return promise.future();
+  };
+  make("Arm", hooks);
+  const auto arm = proxy("Arm");
+  const std::vector<std::tuple<std::function<void()>, std::string, Kind>> cases{
+      {[&] { arm.call("fail", "burnt"); }, "Arm.fail: burnt", Kind::Service},
+      {[&] { arm.call("later"); }, "Arm.later: plain text", Kind::Service},
+      {[&] { arm.call("act"); }, "Deep.inner: not allowed", Kind::NotAllowed},
+      {[&] { arm.call("none"); }, "Arm.none: the service Arm has no method none", Kind::UnknownMethod},
+      {[&] { arm.call("fail", 1); }, "Arm.fail: Arm.fail: argument 1: expected string, found number", Kind::InvalidArguments},
+      {[&] { arm.call("fail", Unsendable()); }, "Arm.fail: cannot be sent", Kind::Service},
+      {[&] { arm.pCall("fail", Unsendable()); }, "Arm.fail: cannot be sent", Kind::Service},
+      {[&] { proxy("Leg").call("kick"); }, "Leg.kick: there is no service Leg", Kind::UnknownService},
+      {[&] { proxy("Leg").pCall("kick"); }, "Leg.kick: there is no service Leg", Kind::UnknownService}};
+  for (const auto& [call, text, kind] : cases)
+  {
+    SCOPED_TRACE(text);
+    const auto error = errorOf(call);
+    EXPECT_EQ(error.module() + "." + error.method() + ": " + error.description(), text);
+    EXPECT_EQ(error.kind(), kind);
+  }
+  EXPECT_FALSE(vu::Object(proxy("Leg")));
+  const ZBError here("Arm", "move", "text");
+  EXPECT_NE(std::string(here.location().file_name()).find("broker_test"), std::string::npos);
+}
+
+TEST_F(BrokerTest, PostedCallThatFailsLaterIsLoggedWithItsTask)
+{
+  vu::log::Capture log;
+  Hooks hooks;
+  const vu::Promise<int> promise;
+  hooks.later = [&] { return promise.future(); };
+  make("Arm", hooks);
+  const int failing = proxy("Arm").pCall("fail", "burnt");
+  const int unknown = proxy("Arm").pCall("none");
+  const int late = proxy("Arm").pCall("later");
+  EXPECT_TRUE(failing != unknown && unknown != late);
+  broker->pool()->waitUntilIdle();
+  EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(failing) + " of Arm.fail failed: burnt"), 1u);
+  EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(unknown) + " of Arm.none failed"), 1u);
+  EXPECT_EQ(log.count(vu::log::Level::Warning, "Arm.later"), 0u);
+  promise.setError("in the end");
+  broker->pool()->waitUntilIdle();
+  EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(late) + " of Arm.later failed: in the end"), 1u);
+}
+
+TEST_F(BrokerTest, FiftyCallersThatBlockAndAnyNumberOfOpenFuturesDoNotStopThePool)
+{
+  Event release;
+  std::atomic<int> freed{0};
+  Hooks hooks;
+  const vu::Promise<int> promise;
+  hooks.called = [&]
+  {
+    freed += release.wait();
+    return "";
+  };
+  hooks.later = [&] { return promise.future(); };
+  make("Arm", hooks);
+  Hooks releasing;
+  releasing.called = [&]
+  {
+    release.set();
+    return "released";
+  };
+  make("Leg", releasing);
+  for (int i = 0; i < 200; ++i)
+    proxy("Arm").pCall("later");
+  for (int i = 0; i < 50; ++i)
+    proxy("Arm").pCall("act");
+  const auto last = vu::Object(proxy("Leg")).async<std::string>("act");
+  ASSERT_TRUE(last.wait(waiting::bound));
+  broker->pool()->waitUntilIdle();
+  EXPECT_EQ(freed, 50);
+  promise.setValue(1);
+}
+
+TEST_F(BrokerTest, PostedCallBeyondTheBoundIsRefusedAsOverloaded)
+{
+  Event busy(80), release;
+  Hooks hooks;
+  hooks.called = [&]
+  {
+    busy.set(), release.wait();
+    return "";
+  };
+  make("Arm", hooks);
+  for (int i = 0; i < 80; ++i)
+    proxy("Arm").pCall("act");
+  ASSERT_TRUE(busy.wait());
+  for (int i = 0; i < 4; ++i)
+    proxy("Arm").pCall("act");
+  const auto error = errorOf([&] { proxy("Arm").pCall("act"); });
+  EXPECT_EQ(error.kind(), Kind::Overloaded);
+  EXPECT_EQ(error.module() + "." + error.method(), "Arm.act");
+  release.set();
+  broker->pool()->waitUntilIdle();
+}
+
+TEST_F(BrokerTest, NestedAndPostedCallsInheritTheCaller)
+{
+  Hooks hooks;
+  hooks.called = [] { return vu::currentCaller(); };
+  make("Arm", hooks);
+  make("Body");
+  const vu::CallerScope caller("alice");
+  for (const bool posted : {false, true})
+    for (const bool innerPosted : {false, true})
+    {
+      const vu::Object body = proxy("Body");
+      EXPECT_EQ(posted ? body.async<std::string>("relay", "Arm", innerPosted).value() : body.call<std::string>("relay", "Arm", innerPosted),
+                "alice");
+    }
+}
+
+TEST_F(BrokerTest, LibraryIsLoadedOrRefusedWithItsNameAndTheReason)
+{
+  const auto textOf = [&](const std::string& file)
+  {
+    try
+    {
+      broker->loadLibrary(file);
+    }
+    catch (const std::runtime_error& error)
+    {
+      return std::string(error.what());
+    }
+    return std::string("loaded");
+  };
+  EXPECT_NE(textOf("/nowhere/libmissing.so").find("/nowhere/libmissing.so: cannot open shared object file"), std::string::npos);
+  const auto noLibrary = std::filesystem::path(__FILE__).string();
+  EXPECT_NE(textOf(noLibrary).find(noLibrary), std::string::npos);
+  EXPECT_NE(textOf(NO_MODULE).find(std::string(NO_MODULE) + " is no module: it has no entry point zbLoadModule"), std::string::npos);
+  EXPECT_TRUE(broker->modules().empty());
+
+  EXPECT_EQ(textOf(TEST_MODULE), "loaded");
+  EXPECT_EQ(proxy("Loaded").call<int>("answer"), 42);
+  EXPECT_EQ(textOf(TEST_MODULE), "there is a service Loaded already");
+  EXPECT_EQ(proxy("Loaded").call<int>("answer"), 42);
+
+  const auto other = ZBBroker::create({{}, {{"fail", true}}});
+  EXPECT_THROW(other->loadLibrary(TEST_MODULE), std::runtime_error);
+  EXPECT_TRUE(other->session()->services().empty());
+  EXPECT_FALSE(other->session()->isReserved("Loaded"));
+  other->shutdown();
+}
+
+TEST_F(BrokerTest, CallsEitherSucceedOrFindNoServiceWhileModulesComeAndGo)
+{
+  std::atomic<bool> over{false};
+  std::atomic<int> alive{0}, succeeded{0}, refused{0};
+  Hooks hooks;
+  hooks.constructing = [&] { ++alive; };
+  hooks.destroying = [&] { --alive; };
+  hooks.called = [&]
+  {
+    EXPECT_EQ(alive, 1);
+    return "called";
+  };
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 3; ++i)
+    callers.emplace_back(
+        [&, i]
+        {
+          while (!over)
+            try
+            {
+              const auto text = i == 0   ? broker->httpGet("Arm")
+                                : i == 1 ? proxy("Arm").call<std::string>("act")
+                                         : proxy("Body").call<std::string>("relay", "Arm", true);
+              EXPECT_NE(text.find("called"), std::string::npos);
+              ++succeeded;
+            }
+            catch (const vu::ServiceError& error)
+            {
+              // The null object is what a proxy without a service converts to.
+              EXPECT_TRUE(error.kind() == Kind::UnknownService || error.description() == "This object is null") << error.what();
+              ++refused;
+            }
+        });
+  make("Body");
+  for (int round = 0; round < 100; ++round)
+  {
+    make("Arm", hooks);
+    const int before = succeeded;
+    EXPECT_TRUE(waiting::eventually([&] { return succeeded > before; }));
+    broker->removeModule("Arm");
+    EXPECT_EQ(alive, 0);
+  }
+  over = true;
+  for (auto& caller : callers)
+    caller.join();
+  EXPECT_GE(succeeded, 100);
+}

@@ -55,7 +55,8 @@ public:
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
 
-  /// Takes the port and tells the address, "http://127.0.0.1:7110". Clients
+  /// Takes the port and tells the address, "http://127.0.0.1:7110", which for
+  /// a listener on every address is this machine's own. Clients
   /// may connect from then on and wait for start(). Throws std::runtime_error
   /// that names the address, or the file, and the reason.
   std::string listen();

@@ -9,6 +9,13 @@
 namespace common
 {
 
+namespace
+{
+
+thread_local bool insideAnnouncement = false;
+
+} // namespace
+
 OrderedEmitter::Ticket OrderedEmitter::queue(Announcement announcement)
 {
   const std::lock_guard lock(_mutex);
@@ -19,22 +26,23 @@ OrderedEmitter::Ticket OrderedEmitter::queue(Announcement announcement)
 void OrderedEmitter::emit(Ticket ticket)
 {
   std::unique_lock lock(_mutex);
-  if (_emitter == std::this_thread::get_id())
-  {
-    _owed = std::max(_owed, ticket);
-    return;
-  }
   while (_done < ticket)
   {
-    if (_emitter != std::thread::id())
+    if (_emitting && insideAnnouncement)
+    {
+      _owed = std::max(_owed, ticket);
+      return;
+    }
+    if (_emitting)
     {
       _announced.wait(lock);
       continue;
     }
     const auto announcement = std::move(_waiting.front());
     _waiting.pop_front();
-    _emitter = std::this_thread::get_id();
+    _emitting = true;
     lock.unlock();
+    const bool nested = std::exchange(insideAnnouncement, true);
     try
     {
       announcement();
@@ -43,8 +51,9 @@ void OrderedEmitter::emit(Ticket ticket)
     {
       vu::log::error("modules", "OrderedEmitter::emit", "an announcement failed: " + vu::errorText(std::current_exception()));
     }
+    insideAnnouncement = nested;
     lock.lock();
-    _emitter = std::thread::id();
+    _emitting = false;
     ++_done;
     ticket = std::max(ticket, std::exchange(_owed, 0));
     _announced.notify_all();

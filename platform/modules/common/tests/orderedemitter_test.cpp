@@ -1,6 +1,9 @@
 #include <common/orderedemitter.hpp>
 
+#include <algorithm>
+#include <atomic>
 #include <latch>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -23,26 +26,26 @@ TEST(OrderedEmitter, concurrentEmissionsComeInTheOrderOfTheirTicketsAndBeforeEmi
   std::latch start(8);
   for (int thread = 0; thread < 8; ++thread)
     threads.emplace_back(
-      [&]
-      {
-        start.arrive_and_wait();
-        for (int i = 0; i < 500; ++i)
+        [&]
         {
-          bool made = false;
-          common::OrderedEmitter::Ticket ticket;
+          start.arrive_and_wait();
+          for (int i = 0; i < 500; ++i)
           {
-            const std::lock_guard lock(mutex);
-            ticket = emitter.queue(
-              [&announced, &made, number = next++]
-              {
-                announced.push_back(number);
-                made = true;
-              });
+            bool made = false;
+            common::OrderedEmitter::Ticket ticket;
+            {
+              const std::lock_guard lock(mutex);
+              ticket = emitter.queue(
+                  [&announced, &made, number = next++]
+                  {
+                    announced.push_back(number);
+                    made = true;
+                  });
+            }
+            emitter.emit(ticket);
+            EXPECT_TRUE(made);
           }
-          emitter.emit(ticket);
-          EXPECT_TRUE(made);
-        }
-      });
+        });
   for (auto& thread : threads)
     thread.join();
   ASSERT_EQ(announced.size(), 4000U);
@@ -54,12 +57,33 @@ TEST(OrderedEmitter, nestedEmissionComesAfterTheOuterOneAndBeforeItReturns)
   common::OrderedEmitter emitter;
   std::vector<std::string> announced;
   emitter.emit(emitter.queue(
-    [&]
-    {
-      emitter.emit(emitter.queue([&] { announced.emplace_back("inner"); }));
-      announced.emplace_back("outer");
-    }));
+      [&]
+      {
+        emitter.emit(emitter.queue([&] { announced.emplace_back("inner"); }));
+        announced.emplace_back("outer");
+      }));
   EXPECT_THAT(announced, testing::ElementsAre("outer", "inner"));
+}
+
+TEST(OrderedEmitter, announcementsThatEmitCrosswiseDoNotWaitForEachOther)
+{
+  common::OrderedEmitter left;
+  common::OrderedEmitter right;
+  std::latch bothInside(2);
+  std::atomic<int> followers = 0;
+  const auto announce = [&](common::OrderedEmitter& own, common::OrderedEmitter& other)
+  {
+    own.emit(own.queue(
+        [&]
+        {
+          bothInside.arrive_and_wait();
+          other.emit(other.queue([&] { ++followers; }));
+        }));
+  };
+  std::thread thread([&] { announce(left, right); });
+  announce(right, left);
+  thread.join();
+  EXPECT_EQ(followers, 2);
 }
 
 TEST(OrderedEmitter, announcementThatThrowsIsLoggedAndHindersNoOther)

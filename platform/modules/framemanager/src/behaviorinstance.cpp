@@ -11,7 +11,8 @@ namespace ZB::FrameManager
 
 BehaviorInstance::BehaviorInstance(std::shared_ptr<const PlaySettings> settings, std::shared_ptr<const Project> project, std::string name,
                                    Strand strand, std::shared_ptr<vu::ThreadPool> continuations)
-  : _settings(std::move(settings)), _project(std::move(project)), _name(std::move(name)), _strand(std::move(strand)), _ended(std::move(continuations))
+    : _settings(std::move(settings)), _project(std::move(project)), _name(std::move(name)), _strand(std::move(strand)),
+      _ended(std::move(continuations))
 {
 }
 
@@ -36,11 +37,11 @@ void BehaviorInstance::begin(const std::string& caller)
   _root = makeRunningStep(_project->root, play);
   // The root holds this instance, and this instance the root, until it ends.
   _root->start(
-    [self = shared_from_this()](const Outcome& outcome)
-    {
-      self->_root.reset();
-      self->_ended.setValue(self->_stopping ? Outcome() : outcome);
-    });
+      [self = shared_from_this()](const Outcome& outcome)
+      {
+        self->_root.reset();
+        self->_ended.setValue(self->_stopping ? Outcome() : outcome);
+      });
 }
 
 void BehaviorInstance::xStop()

@@ -9,7 +9,7 @@ namespace ZB::FrameManager
 {
 
 RunningCalls::RunningCalls(std::shared_ptr<const Play> play, const std::string& title, std::vector<CallStep> calls)
-  : RunningStep(std::move(play), title), _calls(std::move(calls))
+    : RunningStep(std::move(play), title), _calls(std::move(calls))
 {
 }
 
@@ -30,15 +30,15 @@ void RunningCalls::next()
   // behavior or the frame manager has gone; only the gate tells.
   const vu::CallerScope caller(play().caller);
   service.asyncValues(call.method, call.arguments)
-    .then(
-      [gate = play().settings->gate, weak = weak_from_this()](const vu::Future<vu::Value>& answer)
-      {
-        const auto pass = gate->enter();
-        if (!pass)
-          return;
-        if (auto self = std::static_pointer_cast<RunningCalls>(weak.lock()))
-          boost::asio::post(self->play().strand, [self, answer] { self->answered(answer); });
-      });
+      .then(
+          [gate = play().settings->gate, weak = weak_from_this()](const vu::Future<vu::Value>& answer)
+          {
+            const auto pass = gate->enter();
+            if (!pass)
+              return;
+            if (auto self = std::static_pointer_cast<RunningCalls>(weak.lock()))
+              boost::asio::post(self->play().strand, [self, answer] { self->answered(answer); });
+          });
 }
 
 void RunningCalls::answered(const vu::Future<vu::Value>& answer)

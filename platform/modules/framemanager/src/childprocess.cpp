@@ -9,7 +9,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,7 +69,8 @@ std::vector<char*> pointers(const std::vector<std::string>& texts)
 
 } // namespace
 
-ChildProcess startProcess(const std::vector<std::string>& words, const std::filesystem::path& directory, const std::vector<std::string>& environment)
+ChildProcess startProcess(const std::vector<std::string>& words, const std::filesystem::path& directory,
+                          const std::vector<std::string>& environment)
 {
   const auto& program = words.front();
   auto output = makePipe(program);
@@ -93,14 +94,17 @@ ChildProcess startProcess(const std::vector<std::string>& words, const std::file
   ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
   ChildProcess child;
-  const int error = ::posix_spawnp(&child.pid, program.c_str(), &actions.value, &attributes.value, pointers(words).data(), pointers(environment).data());
+  const int error =
+      ::posix_spawnp(&child.pid, program.c_str(), &actions.value, &attributes.value, pointers(words).data(), pointers(environment).data());
   if (error != 0)
   {
     std::error_code ignored;
-    cannotStart(program, error, std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
+    cannotStart(program, error,
+                std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
   }
-  // It has not been collected, so that its number still is its own.
-  child.ended = FileDescriptor(::pidfd_open(child.pid, 0));
+  // It has not been collected, so that its number still is its own. (The C
+  // library's pidfd_open() cannot be linked from C++ in glibc 2.36.)
+  child.ended = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child.pid, 0)));
   if (!child.ended)
   {
     const int reason = errno;

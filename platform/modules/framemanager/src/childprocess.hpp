@@ -25,7 +25,8 @@ struct ChildProcess
 /// relative to; others are looked for in PATH): standard input empty, nothing
 /// else open but output and errors, signals as a new process expects them.
 /// Throws std::runtime_error that names the program and the reason.
-ChildProcess startProcess(const std::vector<std::string>& words, const std::filesystem::path& directory, const std::vector<std::string>& environment);
+ChildProcess startProcess(const std::vector<std::string>& words, const std::filesystem::path& directory,
+                          const std::vector<std::string>& environment);
 
 /// This process's environment with `values` ("NAME=value") in the place of
 /// those of the same names.

@@ -37,7 +37,7 @@ private:
 } // namespace
 
 RunningSequence::RunningSequence(std::shared_ptr<const Play> play, const std::string& title, const SequenceStep& sequence)
-  : RunningStep(std::move(play), title), _sequence(sequence)
+    : RunningStep(std::move(play), title), _sequence(sequence)
 {
 }
 
@@ -62,7 +62,7 @@ void RunningSequence::currentEnded(const Outcome& outcome)
 }
 
 RunningParallel::RunningParallel(std::shared_ptr<const Play> play, const std::string& title, const ParallelStep& parallel)
-  : RunningStep(std::move(play), title), _parallel(parallel)
+    : RunningStep(std::move(play), title), _parallel(parallel)
 {
 }
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
 
 namespace ZB::FrameManager
 {
@@ -10,20 +11,24 @@ namespace ZB::FrameManager
 OutputReader::OutputReader(const Strand& strand, FileDescriptor pipe, Sink sink) : _pipe(strand, pipe.get()), _sink(std::move(sink))
 {
   pipe.release();
+  _pipe.non_blocking(true);
 }
 
 void OutputReader::start()
 {
-  _pipe.async_read_some(boost::asio::buffer(_buffer),
-                        [self = shared_from_this()](const boost::system::error_code& error, std::size_t size) { self->received(error, size); });
+  // It waits and then reads here: an asynchronous read fills the buffer on
+  // another thread, and finish() would lose or mix what it has taken already.
+  _pipe.async_wait(boost::asio::posix::stream_descriptor::wait_read,
+                   [self = shared_from_this()](const boost::system::error_code& error) { self->readable(error); });
 }
 
-void OutputReader::received(const boost::system::error_code& error, std::size_t size)
+void OutputReader::readable(const boost::system::error_code& error)
 {
-  if (!_pipe.is_open())
+  if (error || !_pipe.is_open())
     return;
-  take(size);
-  if (!error)
+  boost::system::error_code ended;
+  take(_pipe.read_some(boost::asio::buffer(_buffer), ended));
+  if (!ended || ended == boost::asio::error::would_block)
     start();
 }
 
@@ -33,7 +38,6 @@ void OutputReader::finish()
   // process that left the group and goes on writing.
   constexpr std::size_t pipeCapacity = 1024 * 1024;
   boost::system::error_code error;
-  _pipe.non_blocking(true, error);
   for (std::size_t total = 0; !error && total < pipeCapacity;)
   {
     const auto size = _pipe.read_some(boost::asio::buffer(_buffer), error);

@@ -29,7 +29,7 @@ public:
   void finish();
 
 private:
-  void received(const boost::system::error_code& error, std::size_t size);
+  void readable(const boost::system::error_code& error);
   void take(std::size_t size);
   void flush();
 

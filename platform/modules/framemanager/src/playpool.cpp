@@ -12,19 +12,19 @@ PlayPool::PlayPool(std::size_t threads) : _context(static_cast<int>(threads)), _
 {
   for (std::size_t i = 0; i < threads; ++i)
     _threads.emplace_back(
-      [this]
-      {
-        for (;;)
-          try
-          {
-            _context.run();
-            return;
-          }
-          catch (...)
-          {
-            vu::log::error("framemanager", "PlayPool", vu::errorText(std::current_exception()));
-          }
-      });
+        [this]
+        {
+          for (;;)
+            try
+            {
+              _context.run();
+              return;
+            }
+            catch (...)
+            {
+              vu::log::error("framemanager", "PlayPool", vu::errorText(std::current_exception()));
+            }
+        });
 }
 
 PlayPool::~PlayPool()

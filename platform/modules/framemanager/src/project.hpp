@@ -74,7 +74,7 @@ struct Step
 struct Project
 {
   std::string name;
-  Step root; ///< a sequence
+  Step root;                       ///< a sequence
   std::filesystem::path directory; ///< of the project file; where its programs run
 };
 

@@ -1,6 +1,8 @@
 #include <projectfile.hpp>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <stdexcept>
 #include <system_error>
 
@@ -43,23 +45,20 @@ std::string readWhole(const fs::path& path)
     refuse("the project file " + path.string() + " cannot be read: " + std::generic_category().message(errno));
   if (!S_ISREG(status.st_mode))
     refuse("the project file " + path.string() + " is not a regular file");
-  std::string text(projectFileLimit + 1, '\0');
-  std::size_t size = 0;
-  while (size < text.size())
+  std::string text;
+  for (std::array<char, 16384> part;;)
   {
-    const auto count = ::read(file.get(), text.data() + size, text.size() - size);
+    const auto count = ::read(file.get(), part.data(), part.size());
     if (count < 0 && errno == EINTR)
       continue;
     if (count < 0)
       refuse("the project file " + path.string() + " cannot be read: " + std::generic_category().message(errno));
     if (count == 0)
       break;
-    size += static_cast<std::size_t>(count);
+    text.append(part.data(), static_cast<std::size_t>(count));
+    if (text.size() > projectFileLimit)
+      refuse("the project file " + path.string() + " is longer than " + std::to_string(projectFileLimit) + " bytes");
   }
-  if (size > projectFileLimit)
-    refuse("the project file " + path.string() + " is longer than " + std::to_string(projectFileLimit) + " bytes");
-  text.resize(size);
-  text.shrink_to_fit();
   return text;
 }
 

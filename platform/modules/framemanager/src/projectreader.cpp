@@ -32,7 +32,9 @@ std::string tag(pugi::xml_node element) { return std::string("<") + element.name
 class Reader
 {
 public:
-  Reader(const std::string& text, const std::string& file, const std::string& shortName) : _text(text), _file(file), _shortName(shortName) {}
+  Reader(const std::string& text, const std::string& file, const std::string& shortName) : _text(text), _file(file), _shortName(shortName)
+  {
+  }
 
   Project read()
   {
@@ -67,7 +69,11 @@ private:
 
   [[noreturn]] void fault(pugi::xml_node node, const std::string& what) const { fault(offset(node), what); }
 
-  static std::size_t offset(pugi::xml_node node) { return static_cast<std::size_t>(std::max<std::ptrdiff_t>(node.offset_debug(), 0)); }
+  /// Of an element's "<", and of a text's beginning.
+  static std::size_t offset(pugi::xml_node node)
+  {
+    return static_cast<std::size_t>(std::max<std::ptrdiff_t>(node.offset_debug() - (node.type() == pugi::node_element ? 1 : 0), 0));
+  }
 
   /// Counts on from the place asked for last, since elements come in order.
   std::size_t line(std::size_t offset) const
@@ -79,7 +85,7 @@ private:
     }
     const auto begin = _text.begin();
     _line += static_cast<std::size_t>(
-      std::count(begin + static_cast<std::ptrdiff_t>(_lineOffset), begin + static_cast<std::ptrdiff_t>(offset), '\n'));
+        std::count(begin + static_cast<std::ptrdiff_t>(_lineOffset), begin + static_cast<std::ptrdiff_t>(offset), '\n'));
     _lineOffset = offset;
     return _line;
   }
@@ -144,7 +150,7 @@ private:
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(number) || number < 0 || number > projectSecondsLimit)
       fault(element, "the attribute " + quote(name) + " of " + tag(element) + " must be a number of seconds from 0 to 1000000000, not " +
-                       quote(text));
+                         quote(text));
     return std::chrono::round<std::chrono::nanoseconds>(std::chrono::duration<double>(number));
   }
 
@@ -182,13 +188,13 @@ private:
 
   Steps children(pugi::xml_node parent, int depth) const
   {
-    if (depth > projectDepthLimit)
-      fault(parent, "steps stand more than " + std::to_string(projectDepthLimit) + " deep in each other");
     Steps steps;
     for (const auto& child : parent.children())
     {
       if (child.type() != pugi::node_element)
         fault(child, "text has no meaning in " + tag(parent));
+      if (depth > projectDepthLimit)
+        fault(child, "steps stand more than " + std::to_string(projectDepthLimit) + " deep in each other");
       steps.push_back(step(child, depth));
     }
     return steps;
@@ -278,7 +284,8 @@ private:
         fault(element, "the attribute \"arguments\" of <call> is no JSON: " + std::string(error.what()));
       }
     if (!action.arguments.is_array())
-      fault(element, "the attribute \"arguments\" of <call> must be a JSON array like [\"text\", 1], not " + quote(action.arguments.dump()));
+      fault(element,
+            "the attribute \"arguments\" of <call> must be a JSON array like [\"text\", 1], not " + quote(action.arguments.dump()));
     const auto what = "call " + action.service + "." + action.method;
     return {std::move(action), title(element, what)};
   }

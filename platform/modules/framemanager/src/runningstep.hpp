@@ -91,7 +91,8 @@ protected:
   /// A handler for the strand that keeps the step alive.
   template <typename Derived, typename... Arguments> auto handler(void (Derived::*member)(Arguments...))
   {
-    return [self = std::static_pointer_cast<Derived>(shared_from_this()), member](Arguments... arguments) { (self.get()->*member)(arguments...); };
+    return [self = std::static_pointer_cast<Derived>(shared_from_this()), member](Arguments... arguments)
+    { (self.get()->*member)(arguments...); };
   }
 
 private:

@@ -23,8 +23,8 @@ constexpr std::chrono::seconds killLimit(5);
 } // namespace
 
 RunningProcess::RunningProcess(std::shared_ptr<const Play> play, const std::string& title, const RunStep& step)
-  : RunningStep(std::move(play), title), _step(step), _ended(this->play().strand), _limit(this->play().strand), _grace(this->play().strand),
-    _check(this->play().strand)
+    : RunningStep(std::move(play), title), _step(step), _ended(this->play().strand), _limit(this->play().strand),
+      _grace(this->play().strand), _check(this->play().strand)
 {
 }
 
@@ -58,7 +58,8 @@ void RunningProcess::begin()
 std::shared_ptr<OutputReader> RunningProcess::makeReader(FileDescriptor pipe, bool isError)
 {
   const auto level = isError ? vu::log::Level::Warning : vu::log::Level::Info;
-  return std::make_shared<OutputReader>(play().strand, std::move(pipe), [level, name = play().name](const std::string& line)
+  return std::make_shared<OutputReader>(play().strand, std::move(pipe),
+                                        [level, name = play().name](const std::string& line)
                                         { vu::log::write(level, "framemanager", "run", name + ": " + line); });
 }
 
@@ -109,7 +110,9 @@ void RunningProcess::killOver(Error error)
 {
   if (error || hasEnded())
     return;
-  vu::log::error("framemanager", "run", play().name + ": the process group " + std::to_string(_group) + " of " + _step.words.front() + " cannot be killed; it is left alone");
+  vu::log::error("framemanager", "run",
+                 play().name + ": the process group " + std::to_string(_group) + " of " + _step.words.front() +
+                     " cannot be killed; it is left alone");
   conclude();
 }
 

@@ -6,7 +6,7 @@ namespace ZB::FrameManager
 {
 
 RunningWait::RunningWait(std::shared_ptr<const Play> play, const std::string& title, const WaitStep& step)
-  : RunningStep(std::move(play), title), _step(step), _timer(this->play().strand)
+    : RunningStep(std::move(play), title), _step(step), _timer(this->play().strand)
 {
 }
 

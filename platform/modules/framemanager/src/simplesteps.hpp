@@ -24,7 +24,10 @@ private:
 class RunningLog final : public RunningStep
 {
 public:
-  RunningLog(std::shared_ptr<const Play> play, const std::string& title, const LogStep& step) : RunningStep(std::move(play), title), _step(step) {}
+  RunningLog(std::shared_ptr<const Play> play, const std::string& title, const LogStep& step)
+      : RunningStep(std::move(play), title), _step(step)
+  {
+  }
 
 private:
   void begin() override;
@@ -36,7 +39,10 @@ private:
 class RunningFail final : public RunningStep
 {
 public:
-  RunningFail(std::shared_ptr<const Play> play, const std::string& title, const FailStep& step) : RunningStep(std::move(play), title), _step(step) {}
+  RunningFail(std::shared_ptr<const Play> play, const std::string& title, const FailStep& step)
+      : RunningStep(std::move(play), title), _step(step)
+  {
+  }
 
 private:
   void begin() override { fail(_step.reason); }

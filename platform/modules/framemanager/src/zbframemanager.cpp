@@ -40,7 +40,8 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
   {
     const auto& value = configuration.at(grace);
     if (!value.is_number_integer() || value < 0 || value > 600000)
-      throw ZBError("ZBFrameManager", "ZBFrameManager", "the setting framemanager.terminateGraceMs must be a whole number from 0 to 600000, not " + value.dump());
+      throw ZBError("ZBFrameManager", "ZBFrameManager",
+                    "the setting framemanager.terminateGraceMs must be a whole number from 0 to 600000, not " + value.dump());
     settings.terminateGrace = std::chrono::milliseconds(value.get<int>());
   }
   return std::make_shared<const PlaySettings>(std::move(settings));
@@ -49,7 +50,8 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
 } // namespace
 
 ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name)
-  : ZBModule(std::move(broker), name), _gate(std::make_shared<vu::Gate>()), _settings(makeSettings(*getParentBroker(), _gate)), _pool(threads)
+    : ZBModule(std::move(broker), name), _gate(std::make_shared<vu::Gate>()), _settings(makeSettings(*getParentBroker(), _gate)),
+      _pool(threads)
 {
   setModuleDescription("Plays behaviors from their project files");
 
@@ -118,11 +120,11 @@ std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, 
     _entries.emplace(id, Entry{instance, vu::Promise<void>(continuations)});
   }
   instance->ended().then(
-    [this, gate = _gate, id](const vu::Future<Outcome>& ended)
-    {
-      if (const auto pass = gate->enter())
-        conclude(id, ended.value());
-    });
+      [this, gate = _gate, id](const vu::Future<Outcome>& ended)
+      {
+        if (const auto pass = gate->enter())
+          conclude(id, ended.value());
+      });
   return id;
 }
 

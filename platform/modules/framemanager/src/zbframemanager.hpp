@@ -39,7 +39,7 @@ public:
   std::set<std::string> behaviors() const;
   void deleteBehavior(const std::string& id);
 
-  vu::Signal<std::string> behaviorStopped;                           ///< id
+  vu::Signal<std::string> behaviorStopped;                          ///< id
   vu::Signal<std::string, std::string, std::string> behaviorFailed; ///< id, step, message
 
 private:

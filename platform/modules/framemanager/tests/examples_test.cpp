@@ -1,4 +1,4 @@
-#include <framemanagerfixture.hpp>
+#include "framemanagerfixture.hpp"
 
 #include <future>
 

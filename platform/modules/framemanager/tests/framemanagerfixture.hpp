@@ -121,8 +121,9 @@ protected:
     robot = &broker->createModule<Robot>("Robot");
     manager = &broker->createModule<ZBFrameManager>("ZBFrameManager");
     manager->behaviorFailed.connect(
-      [this](const std::string& id, const std::string& step, const std::string& message)
-      { report({"failed", id, step, message}); });
+        [this](const std::string& id, const std::string& step, const std::string& message) {
+          report({"failed", id, step, message});
+        });
     manager->behaviorStopped.connect([this](const std::string& id) { report({"stopped", id, "", ""}); });
   }
 
@@ -165,7 +166,8 @@ protected:
   }
   std::string create(const std::string& steps) const
   {
-    return manager->createBehavior(directory.string(), write("behavior.xar", "<project format=\"1\" name=\"t\">\n" + steps + "\n</project>"), "demo/t");
+    return manager->createBehavior(directory.string(),
+                                   write("behavior.xar", "<project format=\"1\" name=\"t\">\n" + steps + "\n</project>"), "demo/t");
   }
   std::string play(const std::string& steps) const
   {

@@ -1,4 +1,4 @@
-#include <framemanagerfixture.hpp>
+#include "framemanagerfixture.hpp"
 
 #include <future>
 #include <thread>
@@ -14,7 +14,10 @@ namespace
 
 const std::string hold = "<call service=\"Robot\" method=\"hold\"/>";
 
-std::string deletion(const std::string& id) { return "<call service=\"ZBFrameManager\" method=\"deleteBehavior\" arguments='[\"" + id + "\"]'/>"; }
+std::string deletion(const std::string& id)
+{
+  return "<call service=\"ZBFrameManager\" method=\"deleteBehavior\" arguments='[\"" + id + "\"]'/>";
+}
 
 } // namespace
 
@@ -39,7 +42,7 @@ TEST_F(LifecycleTest, ALoadThatFailsNamesFileAndPlaceAndLeavesNothing)
 {
   const auto file = write("broken/behavior.xar", "<project format=\"1\">\n<wait seconds=\"-1\"/></project>");
   EXPECT_THAT(refusal([&] { manager->createBehavior(directory.string(), file, "x"); }),
-              testing::AllOf(HasSubstr("ZBFrameManager.createBehavior: "), HasSubstr("broken/behavior.xar:2 (offset 22): ")));
+              testing::AllOf(HasSubstr("ZBFrameManager.createBehavior: "), HasSubstr("broken/behavior.xar:2 (offset 21): ")));
   EXPECT_THAT(refusal([&] { manager->createBehavior("", file, "x"); }), HasSubstr("absolute"));
   EXPECT_THAT(refusal([&] { manager->createBehavior("packages/x", file, "x"); }), HasSubstr("absolute"));
   EXPECT_THAT(refusal([&] { manager->createBehavior(directory.string(), "../x", "x"); }), HasSubstr("outside"));
@@ -101,14 +104,15 @@ TEST_F(LifecycleTest, TheEndIsSignalledOffTheListAndBeforeAnyWaiterHearsOfIt)
       if (ended == id)
         inOrder = inOrder && !holds(id) && !early.isFinished() && !manager->waitForStopped(id).isFinished();
     };
-    const auto failed = manager->behaviorFailed.connect([&](const std::string& ended, const std::string&, const std::string&) { watch(ended); });
+    const auto failed =
+        manager->behaviorFailed.connect([&](const std::string& ended, const std::string&, const std::string&) { watch(ended); });
     const auto stopped = manager->behaviorStopped.connect(
-      [&](const std::string& ended)
-      {
-        watch(ended);
-        if (ended == id)
-          seen.set_value(manager->waitForStopped(id));
-      });
+        [&](const std::string& ended)
+        {
+          watch(ended);
+          if (ended == id)
+            seen.set_value(manager->waitForStopped(id));
+        });
     manager->playBehavior(id);
     auto between = seen.get_future().get();
     manager->behaviorFailed.disconnect(failed);
@@ -127,15 +131,15 @@ TEST_F(LifecycleTest, ACallbackMayDeleteAnyOtherInstance)
   std::promise<void> done;
   std::string first;
   manager->behaviorStopped.connect(
-    [&](const std::string& id)
-    {
-      if (id != first)
-        return;
-      manager->deleteBehavior(other);
-      manager->deleteBehavior(unplayed);
-      EXPECT_THROW(manager->deleteBehavior(id), ZBError);
-      done.set_value();
-    });
+      [&](const std::string& id)
+      {
+        if (id != first)
+          return;
+        manager->deleteBehavior(other);
+        manager->deleteBehavior(unplayed);
+        EXPECT_THROW(manager->deleteBehavior(id), ZBError);
+        done.set_value();
+      });
   first = create("");
   manager->playBehavior(first);
   ASSERT_EQ(done.get_future().wait_for(patience), std::future_status::ready);
@@ -198,8 +202,8 @@ TEST_F(LifecycleTest, TwoBehaviorsMayDeleteEachOther)
     ASSERT_EQ(create("<parallel>" + deletion(second) + "<wait seconds=\"0.002\"/></parallel>"), first);
     ASSERT_EQ(create("<parallel>" + deletion(first) + "<wait seconds=\"0.002\"/></parallel>"), second);
     manager->playBehavior(first);
-    manager->playBehavior(second);
     // One may come too late to find the other, which then is its failure.
+    EXPECT_THAT(refusal([&] { manager->playBehavior(second); }), testing::AnyOf("none", HasSubstr("there is no behavior")));
     for (const auto& id : {first, second})
     {
       EXPECT_THAT(outcome(manager->waitForStopped(id)), testing::AnyOf("", HasSubstr("there is no behavior")));
@@ -241,8 +245,9 @@ TEST_F(LifecycleTest, TheServiceOffersItsMethodsAndSignalsByName)
 
   std::promise<std::string> ended;
   const auto link = service.connect<std::string>("behaviorStopped", [&](const std::string& id) { ended.set_value(id); }).value();
-  const auto id = service.call<std::string>("createBehavior", directory.string(), write("behavior.xar", "<project format=\"1\"><fail reason=\"no arm\"/></project>"),
-                                            std::string("demo"));
+  const auto id =
+      service.call<std::string>("createBehavior", directory.string(),
+                                write("behavior.xar", "<project format=\"1\"><fail reason=\"no arm\"/></project>"), std::string("demo"));
   EXPECT_EQ(service.call<std::set<std::string>>("behaviors").count(id), 1u);
   const auto waited = service.async<void>("_waitForStopped", id);
   service.call<void>("playBehavior", id);
@@ -254,7 +259,7 @@ TEST_F(LifecycleTest, TheServiceOffersItsMethodsAndSignalsByName)
 
 TEST_F(LifecycleTest, AGraceThatMakesNoSenseIsRefused)
 {
-  for (const vu::Value value : {vu::Value(-1), vu::Value("2 s"), vu::Value(1.5), vu::Value(10000000)})
+  for (const vu::Value& value : {vu::Value(-1), vu::Value("2 s"), vu::Value(1.5), vu::Value(10000000)})
   {
     const auto other = ZBBroker::create({{}, {{"framemanager", {{"terminateGraceMs", value}}}}});
     EXPECT_THAT(refusal([&] { other->createModule<ZBFrameManager>("ZBFrameManager"); }), HasSubstr("framemanager.terminateGraceMs"));

@@ -1,8 +1,9 @@
-#include <framemanagerfixture.hpp>
+#include "framemanagerfixture.hpp"
 
 #include <csignal>
 #include <thread>
 
+#include <outputreader.hpp>
 #include <processgroup.hpp>
 
 using testing::ElementsAre;
@@ -76,14 +77,18 @@ TEST_F(ProcessTest, TheWayAProgramEndsDecidesTheOutcome)
 {
   write("plain.sh", "exit 0");
   std::filesystem::create_directory(directory / "folder");
-  for (const auto& [command, message] : std::map<std::string, std::string>{
-         {"true", ""},
-         {"sh plain.sh", ""},
-         {"sh -c 'exit 3'", "sh ended with exit status 3; its output stands in the log"},
-         {"sh -c 'kill -9 $$'", "sh was ended by signal 9 (Killed)"},
-         {"./plain.sh", "cannot start ./plain.sh: Permission denied"},
-         {"./folder", "cannot start ./folder: Permission denied"},
-         {"./none.sh", "cannot start ./none.sh: No such file or directory"}})
+  std::filesystem::permissions(directory / write("bare.sh", "exit 0"), std::filesystem::perms::owner_all);
+  std::filesystem::permissions(directory / write("whole.sh", "#!/bin/sh\nexit 0"), std::filesystem::perms::owner_all);
+  for (const auto& [command, message] :
+       std::map<std::string, std::string>{{"true", ""},
+                                          {"sh plain.sh", ""},
+                                          {"./whole.sh", ""},
+                                          {"sh -c 'exit 3'", "sh ended with exit status 3; its output stands in the log"},
+                                          {"sh -c 'kill -9 $$'", "sh was ended by signal 9 (Killed)"},
+                                          {"./plain.sh", "cannot start ./plain.sh: Permission denied"},
+                                          {"./bare.sh", "cannot start ./bare.sh: Exec format error"},
+                                          {"./folder", "cannot start ./folder: Permission denied"},
+                                          {"./none.sh", "cannot start ./none.sh: No such file or directory"}})
   {
     SCOPED_TRACE(command);
     EXPECT_EQ(run("<run command=\"" + command + "\"/>"), message);

@@ -1,4 +1,4 @@
-#include <framemanagerfixture.hpp>
+#include "framemanagerfixture.hpp"
 
 #include <future>
 
@@ -36,10 +36,10 @@ TEST_F(StepsTest, AnEmptyProjectEndsAtOnce)
 
 TEST_F(StepsTest, EventDeclaresRaisesAndKeepsItsValue)
 {
-  auto& memory = *broker->getProxy("ZBMemory");
+  const auto memory = broker->getProxy("ZBMemory");
   EXPECT_EQ(run("<event key=\"Demo/Hello\" value='{\"n\": 1}'/><event key=\"Demo/Hello\" value=\"twice\"/>"), "");
-  EXPECT_THAT(memory.call<std::vector<std::string>>("getEventList"), testing::Contains("Demo/Hello"));
-  EXPECT_EQ(memory.call<vu::Value>("getData", std::string("Demo/Hello")), "twice");
+  EXPECT_THAT(memory->call<std::vector<std::string>>("getEventList"), testing::Contains("Demo/Hello"));
+  EXPECT_EQ(memory->call<vu::Value>("getData", std::string("Demo/Hello")), "twice");
 }
 
 TEST_F(StepsTest, WaitTakesItsTime)
@@ -77,7 +77,8 @@ TEST_F(StepsTest, ALongRepeatOfInstantStepsNeitherNestsNorKeepsOthersWaiting)
 
 TEST_F(StepsTest, ParallelEndsWhenAllBranchesHaveEnded)
 {
-  const auto id = play("<parallel>" + hold + "<sequence>" + note("a") + note("b") + "</sequence><wait seconds=\"0.01\"/></parallel>" + note("after"));
+  const auto id =
+      play("<parallel>" + hold + "<sequence>" + note("a") + note("b") + "</sequence><wait seconds=\"0.01\"/></parallel>" + note("after"));
   ASSERT_TRUE(robot->waitForHeld(1));
   ASSERT_TRUE(robot->waitForNotes(2));
   EXPECT_TRUE(holds(id));
@@ -88,8 +89,9 @@ TEST_F(StepsTest, ParallelEndsWhenAllBranchesHaveEnded)
 
 TEST_F(StepsTest, AFailureInParallelStopsTheOtherBranchesAndIsTheOutcome)
 {
-  const auto id = play("<parallel>\n<wait seconds=\"1000\"/>\n<repeat><wait seconds=\"0.001\"/></repeat>\n" + hold +
-                       "\n<run command=\"sleep 1000\"/>\n<sequence><wait seconds=\"0.05\"/><fail reason=\"no arm\"/></sequence></parallel>" + note("never"));
+  const auto id = play(
+      "<parallel>\n<wait seconds=\"1000\"/>\n<repeat><wait seconds=\"0.001\"/></repeat>\n" + hold +
+      "\n<run command=\"sleep 1000\"/>\n<sequence><wait seconds=\"0.05\"/><fail reason=\"no arm\"/></sequence></parallel>" + note("never"));
   EXPECT_EQ(outcome(manager->waitForStopped(id)), "no arm");
   EXPECT_EQ(signalsOf(id), "failed stopped");
   EXPECT_EQ(reportsOf(id).at(0).step, "fail (behavior.xar:7)");
@@ -112,13 +114,13 @@ TEST_F(StepsTest, AStepThatFailsNamesItselfItsPlaceAndTheReason)
     std::string message;
   };
   const Case cases[] = {
-    {"<fail reason=\"no arm\"/>", "fail (behavior.xar:3)", "no arm"},
-    {"<call service=\"Robot\" method=\"refuse\"/>", "call Robot.refuse (behavior.xar:3)", "Robot.refuse: the arm is stuck"},
-    {"<call service=\"Nobody\" method=\"x\"/>", "call Nobody.x (behavior.xar:3)", "Nobody.x: there is no service Nobody"},
-    {"<call service=\"Robot\" method=\"dance\"/>", "call Robot.dance (behavior.xar:3)", "no method dance"},
-    {"<call service=\"Robot\" method=\"note\"/>", "call Robot.note (behavior.xar:3)", "takes 1 argument"},
-    {"<call service=\"Robot\" method=\"note\" arguments=\"[1]\"/>", "call Robot.note (behavior.xar:3)", "expected string"},
-    {"<run command=\"no-such-program -x\"/>", "run no-such-program (behavior.xar:3)", "cannot start no-such-program: No such file"},
+      {"<fail reason=\"no arm\"/>", "fail (behavior.xar:3)", "no arm"},
+      {"<call service=\"Robot\" method=\"refuse\"/>", "call Robot.refuse (behavior.xar:3)", "Robot.refuse: the arm is stuck"},
+      {"<call service=\"Nobody\" method=\"x\"/>", "call Nobody.x (behavior.xar:3)", "Nobody.x: there is no service Nobody"},
+      {"<call service=\"Robot\" method=\"dance\"/>", "call Robot.dance (behavior.xar:3)", "no method dance"},
+      {"<call service=\"Robot\" method=\"note\"/>", "call Robot.note (behavior.xar:3)", "takes 1 argument"},
+      {"<call service=\"Robot\" method=\"note\" arguments=\"[1]\"/>", "call Robot.note (behavior.xar:3)", "expected string"},
+      {"<run command=\"no-such-program -x\"/>", "run no-such-program (behavior.xar:3)", "cannot start no-such-program: No such file"},
   };
   for (const auto& each : cases)
   {

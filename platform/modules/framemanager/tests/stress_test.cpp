@@ -1,4 +1,4 @@
-#include <framemanagerfixture.hpp>
+#include "framemanagerfixture.hpp"
 
 #include <latch>
 #include <thread>
@@ -39,8 +39,10 @@ TEST_F(StressTest, TheLastTenThousandOutcomesAreRemembered)
   {
     ids.push_back(manager->createBehavior(directory.string(), file, "demo/fail"));
     manager->playBehavior(ids.back());
-    if (i == 0 || i % 1000 == 0) // the first one has to end first
+    if (i % 1000 == 0) // the first one has to end first
+    {
       ASSERT_EQ(outcome(manager->waitForStopped(ids.back())), "no arm");
+    }
   }
   for (std::size_t i = 1; i < ids.size(); ++i)
     ASSERT_EQ(outcome(manager->waitForStopped(ids[i])), "no arm");
@@ -68,7 +70,8 @@ TEST_F(StressTest, AThousandBehaviorsWaitOnAFewThreads)
 
 TEST_F(StressTest, ADeletionThatMeetsTheEndLeavesOneEmissionAndReturns)
 {
-  const auto file = write("behavior.xar", "<project format=\"1\"><wait seconds=\"0.0002\"/><event key=\"Demo/End\" value=\"1\"/></project>");
+  const auto file =
+      write("behavior.xar", "<project format=\"1\"><wait seconds=\"0.0002\"/><event key=\"Demo/End\" value=\"1\"/></project>");
   const auto failing = write("failing.xar", "<project format=\"1\"><wait seconds=\"0.0002\"/><fail reason=\"no arm\"/></project>");
   for (int i = 0; i < 300; ++i)
   {
@@ -110,7 +113,7 @@ TEST_F(StressTest, ManyProgramsStartedAndStoppedLeaveNoneBehind)
   }
   std::vector<std::thread> deleters;
   for (const auto& id : ids)
-    deleters.emplace_back([this, id] { manager->deleteBehavior(id); });
+    deleters.emplace_back([this, id] { EXPECT_NO_THROW(manager->deleteBehavior(id)) << reportsOf(id).front().message; });
   for (auto& deleter : deleters)
     deleter.join();
   for (const auto& id : ids)

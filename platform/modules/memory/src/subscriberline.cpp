@@ -11,7 +11,7 @@ namespace ZB
 {
 
 SubscriberLine::SubscriberLine(std::string module, std::shared_ptr<vu::LocalSession> session, std::shared_ptr<vu::ThreadPool> pool)
-  : _module(std::move(module)), _session(std::move(session)), _pool(std::move(pool))
+    : _module(std::move(module)), _session(std::move(session)), _pool(std::move(pool))
 {
 }
 
@@ -71,11 +71,11 @@ void SubscriberLine::deliver(const Delivery& delivery) const
     const auto result = subscriber->call(subscription.method, vu::Value::array({subscription.key, *delivery.value, subscription.message}));
     if (!result.isFinished())
       result.then(
-        [self = shared_from_this(), subscription = delivery.subscription](const auto& future)
-        {
-          if (future.hasError())
-            self->reportFailure(*subscription, future.exception());
-        });
+          [self = shared_from_this(), subscription = delivery.subscription](const auto& future)
+          {
+            if (future.hasError())
+              self->reportFailure(*subscription, future.exception());
+          });
     else if (result.hasError())
       reportFailure(subscription, result.exception());
   }
@@ -100,7 +100,8 @@ void SubscriberLine::reportFailure(const Subscription& subscription, const std::
   {
   }
   vu::log::warning("memory", "SubscriberLine::deliver",
-                   _module + "." + subscription.method + " failed on the event " + common::inQuotes(subscription.key) + ": " + vu::errorText(error));
+                   _module + "." + subscription.method + " failed on the event " + common::inQuotes(subscription.key) + ": " +
+                       vu::errorText(error));
 }
 
 } // namespace ZB

@@ -57,9 +57,10 @@ void ZBMemory::bindMethods()
 
   const auto describeSubscription = [this](const char* name)
   {
-    functionName(name, getName(),
-                 "Have a module told every time an event or micro-event is raised, by a call of its method with key, value and message; replaces an "
-                 "earlier subscription of the same key and module");
+    functionName(
+        name, getName(),
+        "Have a module told every time an event or micro-event is raised, by a call of its method with key, value and message; replaces an "
+        "earlier subscription of the same key and module");
     addParam("key", "name of the event, declared already or not");
     addParam("module", "name of the subscribing module");
     addParam("message", "text that the module gets back with every event");
@@ -159,16 +160,19 @@ void ZBMemory::subscribeToEvent(const std::string& key, const std::string& modul
   subscribe("subscribeToEvent", key, module, message, method);
 }
 
-void ZBMemory::subscribeToMicroEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method)
+void ZBMemory::subscribeToMicroEvent(const std::string& key, const std::string& module, const std::string& message,
+                                     const std::string& method)
 {
   subscribe("subscribeToMicroEvent", key, module, message, method);
 }
 
-void ZBMemory::subscribe(const char* method, const std::string& key, const std::string& module, const std::string& message, const std::string& callback)
+void ZBMemory::subscribe(const char* method, const std::string& key, const std::string& module, const std::string& message,
+                         const std::string& callback)
 {
   if (key.empty() || module.empty() || callback.empty())
     throw ZBError(getName(), method,
-                  "a subscription needs a key, a module and a method; got the key " + inQuotes(key) + ", the module " + inQuotes(module) + " and the method " + inQuotes(callback));
+                  "a subscription needs a key, a module and a method; got the key " + inQuotes(key) + ", the module " + inQuotes(module) +
+                      " and the method " + inQuotes(callback));
   auto subscription = std::make_shared<Subscription>(key, module, message, callback);
   const std::lock_guard lock(_mutex);
   _subscribers[key][module] = {std::move(subscription), lineOf(module)};

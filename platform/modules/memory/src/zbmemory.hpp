@@ -73,7 +73,8 @@ private:
 
   void bindMethods();
   void raise(const char* method, const std::string& key, const vu::Value& value, bool keep);
-  void subscribe(const char* method, const std::string& key, const std::string& module, const std::string& message, const std::string& callback);
+  void subscribe(const char* method, const std::string& key, const std::string& module, const std::string& message,
+                 const std::string& callback);
   void unsubscribe(const std::string& key, const std::string& module);
   std::shared_ptr<SubscriberLine> lineOf(const std::string& module);
 

@@ -176,7 +176,10 @@ TEST_F(Delivery, methodThatFailsIsLoggedAndHurtsNobody)
   {
     const char* method;
     const char* text;
-  } cases[] = {{"onEvent", "broken subscriber"}, {"missing", "no method missing"}, {"onKey", "takes 1 argument"}, {"onEventLater", "broken subscriber"}};
+  } cases[] = {{"onEvent", "broken subscriber"},
+               {"missing", "no method missing"},
+               {"onKey", "takes 1 argument"},
+               {"onEventLater", "broken subscriber"}};
   broker->createModule<Listener>("Failing", fail);
   broker->createModule<Listener>("Sound", note());
   memory.subscribeToEvent("A", "Sound", "", "onEvent");
@@ -245,7 +248,8 @@ TEST_F(Delivery, concurrentRaisesReachAllSubscribersAndTheSignalInOneOrder)
   for (int i = 1; i < 3; ++i)
   {
     const auto name = "Listener" + std::to_string(i);
-    broker->createModule<Listener>(name, [&journals, i](const std::string& key, const ZB::ZBValue& value, auto&&) { journals[i].add(key + value.value().dump()); });
+    broker->createModule<Listener>(name, [&journals, i](const std::string& key, const ZB::ZBValue& value, auto&&)
+                                   { journals[i].add(key + value.value().dump()); });
     for (const auto* key : {"A", "B"})
       memory.subscribeToEvent(key, name, "", "onEvent");
   }
@@ -253,12 +257,12 @@ TEST_F(Delivery, concurrentRaisesReachAllSubscribersAndTheSignalInOneOrder)
   std::vector<std::thread> threads;
   for (int raiser = 0; raiser < raisers; ++raiser)
     threads.emplace_back(
-      [&, raiser]
-      {
-        start.arrive_and_wait();
-        for (int i = 0; i < raises; ++i)
-          memory.raiseEvent(raiser % 2 == 0 ? "A" : "B", raiser * raises + i);
-      });
+        [&, raiser]
+        {
+          start.arrive_and_wait();
+          for (int i = 0; i < raises; ++i)
+            memory.raiseEvent(raiser % 2 == 0 ? "A" : "B", raiser * raises + i);
+        });
   for (auto& thread : threads)
     thread.join();
   const auto order = journals[0].wait(0);
@@ -274,12 +278,12 @@ TEST_F(Delivery, concurrentRaisesReachAllSubscribersAndTheSignalInOneOrder)
 TEST_F(Delivery, eventRaisedInsideTheSignalFollowsAndIsNotWaitedFor)
 {
   service->eventRaised.connect(
-    [this](const std::string& key, const vu::Value&)
-    {
-      if (key == "A")
-        memory.raiseEvent("B", 2);
-      journal.add(key);
-    });
+      [this](const std::string& key, const vu::Value&)
+      {
+        if (key == "A")
+          memory.raiseEvent("B", 2);
+        journal.add(key);
+      });
   memory.raiseEvent("A", 1);
   EXPECT_THAT(journal.wait(0), ElementsAre("A", "B"));
 }

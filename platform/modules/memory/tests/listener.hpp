@@ -43,7 +43,7 @@ public:
 
   /// `constructing` runs inside the constructor.
   Listener(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, Callback callback, const std::function<void()>& constructing = {})
-    : ZBModule(std::move(broker), name), _callback(std::move(callback))
+      : ZBModule(std::move(broker), name), _callback(std::move(callback))
   {
     functionName("onEvent", name, "Be told of an event");
     bindMethod(this, &Listener::onEvent);

@@ -33,7 +33,8 @@ namespace
 class Unpacker
 {
 public:
-  Unpacker(const fs::path& target, const UnpackLimits& limits) : _target(target), _limits(limits), _reader(archive_read_new(), &archive_read_free)
+  Unpacker(const fs::path& target, const UnpackLimits& limits)
+      : _target(target), _limits(limits), _reader(archive_read_new(), &archive_read_free)
   {
     if (!_reader)
       throw std::bad_alloc();
@@ -98,6 +99,7 @@ private:
       if (!linkTarget)
         linkTarget = archive_entry_symlink(entry);
       _links.emplace_back(path, linkTarget ? linkTarget : "");
+      countBytes(_links.back().second.size(), path);
     }
   }
 
@@ -119,7 +121,17 @@ private:
   void count(const fs::path& path)
   {
     if (++_entries > _limits.entries)
-      throw PackageError("the archive holds more than " + std::to_string(_limits.entries) + " entries; the first beyond is " + inQuotes(path.string()));
+      throw PackageError("the archive holds more than " + std::to_string(_limits.entries) + " entries; the first beyond is " +
+                         inQuotes(path.string()));
+  }
+
+  /// As they come, since sizes in the archive may lie.
+  void countBytes(std::uintmax_t bytes, const fs::path& path)
+  {
+    _bytes += bytes;
+    if (_bytes > _limits.bytes)
+      throw PackageError("the archive unpacks to more than " + std::to_string(_limits.bytes) + " bytes; the limit was passed in " +
+                         inQuotes(path.string()));
   }
 
   void makeFolders(const fs::path& path)
@@ -165,10 +177,7 @@ private:
         throw PackageError("the entry " + inQuotes(path.string()) + " is damaged: " + problem());
       if (length == 0)
         return;
-      // Counted as it comes, since sizes in the archive may lie.
-      _bytes += static_cast<std::uintmax_t>(length);
-      if (_bytes > _limits.bytes)
-        throw PackageError("the archive unpacks to more than " + std::to_string(_limits.bytes) + " bytes; the limit was passed in " + inQuotes(path.string()));
+      countBytes(static_cast<std::uintmax_t>(length), path);
       for (la_ssize_t written = 0; written < length;)
       {
         const auto step = ::write(descriptor, buffer.data() + written, static_cast<std::size_t>(length - written));
@@ -199,6 +208,9 @@ private:
 
 } // namespace
 
-void unpackArchive(const fs::path& archive, const fs::path& target, const UnpackLimits& limits) { Unpacker(target, limits).unpack(archive); }
+void unpackArchive(const fs::path& archive, const fs::path& target, const UnpackLimits& limits)
+{
+  Unpacker(target, limits).unpack(archive);
+}
 
 } // namespace ZB

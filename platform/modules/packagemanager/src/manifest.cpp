@@ -34,7 +34,8 @@ bool isName(std::string_view name, std::string_view more = {})
 {
   return !name.empty() && name.size() <= longestName &&
          std::all_of(name.begin(), name.end(),
-                     [more](char c) { return isLetterOrDigit(c) || c == '.' || c == '_' || c == '-' || more.find(c) != std::string_view::npos; });
+                     [more](char c)
+                     { return isLetterOrDigit(c) || c == '.' || c == '_' || c == '-' || more.find(c) != std::string_view::npos; });
 }
 
 std::vector<std::string_view> split(std::string_view path)
@@ -82,7 +83,8 @@ private:
   {
     const auto position = std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(_text.size()));
     const auto line = 1 + std::count(_text.begin(), _text.begin() + position, '\n');
-    throw PackageError(std::string(manifestFile) + ", line " + std::to_string(line) + ", offset " + std::to_string(position) + ": " + message);
+    throw PackageError(std::string(manifestFile) + ", line " + std::to_string(line) + ", offset " + std::to_string(position) + ": " +
+                       message);
   }
   [[noreturn]] void fail(const pugi::xml_node& node, const std::string& message) const { fail(node.offset_debug(), message); }
 
@@ -91,7 +93,8 @@ private:
     checkAttributes(package, {"uuid", "version"});
     _data.uuid = requiredAttribute(package, "uuid");
     if (!isName(_data.uuid) || _data.uuid.front() == '.')
-      fail(package, "the uuid " + inQuotes(_data.uuid) + " is not 1 to 128 of letters, digits, \".\", \"_\" and \"-\" that do not begin with a dot");
+      fail(package,
+           "the uuid " + inQuotes(_data.uuid) + " is not 1 to 128 of letters, digits, \".\", \"_\" and \"-\" that do not begin with a dot");
     if (_data.uuid == "User" || _data.uuid == "System")
       fail(package, "the uuid " + inQuotes(_data.uuid) + " is reserved; choose another one");
     _data.version = attribute(package, "version");
@@ -135,8 +138,9 @@ private:
       return;
     for (const auto part : split(path))
       if (!isName(part, " ") || part == "." || part == "..")
-        fail(node, "the path " + inQuotes(path) + " is neither \".\" nor relative with parts of 1 to 128 letters, digits, spaces, \".\", \"_\" and \"-\": see " +
-                     inQuotes(part));
+        fail(node, "the path " + inQuotes(path) +
+                       " is neither \".\" nor relative with parts of 1 to 128 letters, digits, spaces, \".\", \"_\" and \"-\": see " +
+                       inQuotes(part));
     if (path.find(projectFile) != std::string::npos && !namesProjectFile(path))
       fail(node, "the path " + inQuotes(path) + " contains \"" + projectFile + "\" but does not name such a file; rename the folder");
   }

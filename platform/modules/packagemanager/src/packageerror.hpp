@@ -1,7 +1,7 @@
 #pragma once
 
-#include <stdexcept>
 #include <common/text.hpp>
+#include <stdexcept>
 
 namespace ZB
 {

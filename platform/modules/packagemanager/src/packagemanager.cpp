@@ -28,14 +28,16 @@ std::uintmax_t limitFrom(const vu::Value& limits, const char* name, std::uintmax
 {
   if (!limits.contains(name))
     return standard;
-  if (!limits[name].is_number_unsigned())
-    throw PackageError(std::string("the configured \"packageLimits\" have ") + limits[name].dump() + " as \"" + name + "\", which is no whole number");
+  if (!limits[name].is_number_integer() || limits[name] < 0)
+    throw PackageError(std::string("the configured \"packageLimits\" have ") + limits[name].dump() + " as \"" + name +
+                       "\", which is no whole number");
   return limits[name].get<std::uintmax_t>();
 }
 
 } // namespace
 
-template <typename F> auto PackageManager::guarded(const char* method, const std::string& subject, const F& function) const -> decltype(function())
+template <typename F>
+auto PackageManager::guarded(const char* method, const std::string& subject, const F& function) const -> decltype(function())
 {
   try
   {
@@ -51,7 +53,8 @@ template <typename F> auto PackageManager::guarded(const char* method, const std
   }
 }
 
-PackageManager::PackageManager(std::shared_ptr<ZBBroker> broker, const std::string& name) : ZBModule(std::move(broker), name), _memory(getParentBroker())
+PackageManager::PackageManager(std::shared_ptr<ZBBroker> broker, const std::string& name)
+    : ZBModule(std::move(broker), name), _memory(getParentBroker())
 {
   const auto& configuration = getParentBroker()->configuration();
   const auto root = configuration.value("root", vu::Value());
@@ -117,7 +120,8 @@ void PackageManager::declareEvents()
     }
     catch (const ZBError& error)
     {
-      vu::log::error("packagemanager", "PackageManager::declareEvents", "could not declare \"" + std::string(event) + "\": " + error.what());
+      vu::log::error("packagemanager", "PackageManager::declareEvents",
+                     "could not declare \"" + std::string(event) + "\": " + error.what());
     }
 }
 
@@ -170,7 +174,8 @@ void PackageManager::loadUserPackages()
   for (const auto& package : _store->load())
     if (!_packages.emplace(package.uuid(), package).second)
       vu::log::error("packagemanager", "PackageManager::loadUserPackages",
-                     "the package in " + inQuotes(package.path()) + " is left out: its uuid is that of the system package in " + inQuotes(_packages[package.uuid()].path()));
+                     "the package in " + inQuotes(package.path()) + " is left out: its uuid is that of the system package in " +
+                         inQuotes(_packages[package.uuid()].path()));
 }
 
 std::vector<vu::PackageInfo> PackageManager::packages()
@@ -203,7 +208,8 @@ std::string PackageManager::install(const std::string& path, const std::string& 
     throw ZBError(getName(), "install", "the installer \"system\" is reserved to the packages that the host is started with");
   if (installer.empty() || installer.size() > longestInstaller || inQuotes(installer).size() != installer.size() + 2)
     throw ZBError(getName(), "install",
-                  inQuotes(installer) + " cannot name an installer: give 1 to " + std::to_string(longestInstaller) + " bytes of UTF-8 without quotation marks, backslashes and control characters");
+                  inQuotes(installer) + " cannot name an installer: give 1 to " + std::to_string(longestInstaller) +
+                      " bytes of UTF-8 without quotation marks, backslashes and control characters");
   if (!fs::path(path).is_absolute())
     throw ZBError(getName(), "install", "the path " + inQuotes(path) + " is not absolute");
   auto staged = guarded("install", inQuotes(path), [&] { return _store->stage(path, installer, _limits); });
@@ -254,23 +260,26 @@ void PackageManager::refuseSystemPackage(const char* method, const std::string& 
 {
   const std::lock_guard lock(_mutex);
   if (const auto found = _packages.find(uuid); found != _packages.end() && isSystemPackage(found->second))
-    throw ZBError(getName(), method, "the package " + inQuotes(uuid) + " belongs to the system and can be neither replaced nor removed: " + inQuotes(found->second.path()));
+    throw ZBError(getName(), method,
+                  "the package " + inQuotes(uuid) +
+                      " belongs to the system and can be neither replaced nor removed: " + inQuotes(found->second.path()));
 }
 
 common::OrderedEmitter::Ticket PackageManager::queue(const char* event, const vu::PackageInfo& package)
 {
   return _emitter.queue(
-    [this, event, package]
-    {
-      try
+      [this, event, package]
       {
-        _memory.raiseMicroEvent(event, ZBValue(package.toValue()));
-      }
-      catch (const ZBError& error)
-      {
-        vu::log::error("packagemanager", "PackageManager::queue", "could not raise \"" + std::string(event) + "\" for " + inQuotes(package.uuid()) + ": " + error.what());
-      }
-    });
+        try
+        {
+          _memory.raiseMicroEvent(event, ZBValue(package.toValue()));
+        }
+        catch (const ZBError& error)
+        {
+          vu::log::error("packagemanager", "PackageManager::queue",
+                         "could not raise \"" + std::string(event) + "\" for " + inQuotes(package.uuid()) + ": " + error.what());
+        }
+      });
 }
 
 } // namespace ZB

@@ -48,7 +48,8 @@ HiddenFolder::~HiddenFolder()
   std::error_code error;
   fs::remove_all(_path, error);
   if (error)
-    vu::log::warning("packagemanager", "HiddenFolder", inQuotes(_path.string()) + " could not be deleted, the next start will try again: " + error.message());
+    vu::log::warning("packagemanager", "HiddenFolder",
+                     inQuotes(_path.string()) + " could not be deleted, the next start will try again: " + error.message());
 }
 
 PackageStore::PackageStore(fs::path directory) : _directory(std::move(directory))
@@ -69,7 +70,8 @@ void PackageStore::recover()
     {
       fs::rename(entry, _directory / name.substr(replacedPrefix.size()));
       common::syncDirectory(_directory);
-      vu::log::info("packagemanager", "PackageStore::recover", "put back the package " + inQuotes(name.substr(replacedPrefix.size())) + ", whose replacement was interrupted");
+      vu::log::info("packagemanager", "PackageStore::recover",
+                    "put back the package " + inQuotes(name.substr(replacedPrefix.size())) + ", whose replacement was interrupted");
     }
     else if (name.starts_with(stagingPrefix) || name.starts_with(removedPrefix) || name.starts_with(replacedPrefix))
     {
@@ -100,7 +102,8 @@ std::vector<vu::PackageInfo> PackageStore::load() const
     }
     catch (const std::exception& error)
     {
-      vu::log::error("packagemanager", "PackageStore::load", "the package in " + inQuotes(entry.path().string()) + " is damaged and left out: " + error.what());
+      vu::log::error("packagemanager", "PackageStore::load",
+                     "the package in " + inQuotes(entry.path().string()) + " is damaged and left out: " + error.what());
     }
   }
   return packages;

@@ -87,7 +87,8 @@ void copyTree(const fs::path& source, const fs::path& target)
 void checkTree(const fs::path& directory)
 {
   if (fs::symlink_status(directory / installerFile).type() != fs::file_type::not_found)
-    throw PackageError(std::string("a package must not bring along the file ") + installerFile + ", which the package manager writes itself");
+    throw PackageError(std::string("a package must not bring along the file ") + installerFile +
+                       ", which the package manager writes itself");
   for (const auto& entry : fs::recursive_directory_iterator(directory))
   {
     const auto relative = entry.path().lexically_relative(directory);

@@ -42,13 +42,13 @@ protected:
 TEST_F(Archive, filesFoldersAndLinksAreUnpackedWithTheirExecutableBits)
 {
   ZipWriter(zip)
-    .folder("empty/")
-    .file("./a.txt", "content")
-    .file("bin/run.sh", "#!/bin/sh\n", 0755)
-    .file("bin/suid", "x", 04711)
-    .file("deep/er/b", std::string(200000, 'b'))
-    .file("Gr\xc3\xbc\xc3\x9f.txt", "umlauts")
-    .link("bin/again", "../deep/er/b");
+      .folder("empty/")
+      .file("./a.txt", "content")
+      .file("bin/run.sh", "#!/bin/sh\n", 0755)
+      .file("bin/suid", "x", 04711)
+      .file("deep/er/b", std::string(200000, 'b'))
+      .file("Gr\xc3\xbc\xc3\x9f.txt", "umlauts")
+      .link("bin/again", "../deep/er/b");
   unpack();
   EXPECT_THAT(names(target), UnorderedElementsAre("empty", "a.txt", "bin", "deep", "Gr\xc3\xbc\xc3\x9f.txt"));
   EXPECT_EQ(read(target / "a.txt"), "content");
@@ -66,26 +66,28 @@ TEST_F(Archive, hostileEntriesAreRefusedByNameAndNothingLandsOutside)
     std::function<void(ZipWriter&)> write;
     const char* fault;
   } cases[] = {
-    {"parent", [](auto& w) { w.file("../escaped", "x"); }, "\"../escaped\" would land outside"},
-    {"parent within", [](auto& w) { w.file("a/../../escaped", "x"); }, "would land outside"},
-    {"absolute", [this](auto& w) { w.file((directory / "escaped").string(), "x"); }, "would land outside"},
-    {"folder outside", [](auto& w) { w.folder("../escaped/"); }, "would land outside"},
-    {"link to the parent", [](auto& w) { w.link("l", ".."); }, "the link \"l\" leads out of the package"},
-    {"absolute link", [](auto& w) { w.link("l", "/etc/passwd"); }, "the link \"l\" leads out of the package, to \"/etc/passwd\""},
-    {"link out and back in", [](auto& w) { w.file("a", "x").link("l", "../target/a"); }, "leads out of the package"},
-    {"link through a link", [](auto& w) { w.file("a/b/c", "x").link("x", "a/b").link("y", "x/../../.."); }, "the link \"y\" leads out of the package"},
-    {"link to itself", [](auto& w) { w.link("l", "l"); }, "in a circle"},
-    {"dangling link", [](auto& w) { w.link("l", "missing"); }, "leads nowhere: \"missing\""},
-    {"file through a link", [](auto& w) { w.link("l", "..").file("l/escaped", "x"); }, "\"l\" has the place of another"},
-    {"folder through a link", [](auto& w) { w.link("l", "/tmp").folder("l/escaped/"); }, "\"l\" has the place of another"},
-    {"link for a file", [](auto& w) { w.file("a", "x").link("a", ".."); }, "\"a\" has the place of another"},
-    {"entry twice", [](auto& w) { w.file("a", "1").file("./a", "2"); }, "\"a\" has the place of another"},
-    {"file for a folder", [](auto& w) { w.file("a/b", "1").file("a", "2"); }, "\"a\" has the place of another"},
-    {"folder for a file", [](auto& w) { w.file("a", "1").file("a/b", "2"); }, "\"a\" has the place of another"},
-    {"the package itself", [](auto& w) { w.link(".", "/"); }, "the package's own place"},
-    {"long name", [](auto& w) { w.file(std::string(300, 'n'), "x"); }, "cannot be made"},
-    {"installer", [](auto& w) { w.file(".installer", "system"); }, ".installer"},
-    {"installer in disguise", [](auto& w) { w.file("././/.installer", "system"); }, ".installer"},
+      {"parent", [](auto& w) { w.file("../escaped", "x"); }, "\"../escaped\" would land outside"},
+      {"parent within", [](auto& w) { w.file("a/../../escaped", "x"); }, "would land outside"},
+      {"absolute", [this](auto& w) { w.file((directory / "escaped").string(), "x"); }, "would land outside"},
+      {"folder outside", [](auto& w) { w.folder("../escaped/"); }, "would land outside"},
+      {"link to the parent", [](auto& w) { w.link("l", ".."); }, "the link \"l\" leads out of the package"},
+      {"absolute link", [](auto& w) { w.link("l", "/etc/passwd"); }, "the link \"l\" leads out of the package, to \"/etc/passwd\""},
+      {"link out and back in", [](auto& w) { w.file("a", "x").link("l", "../target/a"); }, "leads out of the package"},
+      {"link through a link", [](auto& w) { w.file("a/b/c", "x").link("x", "a/b").link("y", "x/../../.."); },
+       "the link \"y\" leads out of the package"},
+      {"link to itself", [](auto& w) { w.link("l", "l"); }, "in a circle"},
+      {"dangling link", [](auto& w) { w.link("l", "missing"); }, "leads nowhere: \"missing\""},
+      {"file through a link", [](auto& w) { w.link("l", "..").file("l/escaped", "x"); }, "\"l\" has the place of another"},
+      {"folder through a link", [](auto& w) { w.link("l", "/tmp").folder("l/escaped/"); }, "\"l\" has the place of another"},
+      {"link for a file", [](auto& w) { w.file("a", "x").link("a", ".."); }, "\"a\" has the place of another"},
+      {"entry twice", [](auto& w) { w.file("a", "1").file("./a", "2"); }, "\"a\" has the place of another"},
+      {"file for a folder", [](auto& w) { w.file("a/b", "1").file("a", "2"); }, "\"a\" has the place of another"},
+      {"folder for a file", [](auto& w) { w.file("a", "1").file("a/b", "2"); }, "\"a\" has the place of another"},
+      {"the package itself", [](auto& w) { w.link(".", "/"); }, "the package's own place"},
+      {"long link", [](auto& w) { w.link("l", std::string(5000, 'l')); }, "\"l\" cannot be made"},
+      {"long name", [](auto& w) { w.file(std::string(300, 'n'), "x"); }, "cannot be made"},
+      {"installer", [](auto& w) { w.file(".installer", "system"); }, ".installer"},
+      {"installer in disguise", [](auto& w) { w.file("././/.installer", "system"); }, ".installer"},
   };
   for (const auto& [what, fill, fault] : cases)
   {
@@ -101,17 +103,18 @@ TEST_F(Archive, hostileEntriesAreRefusedByNameAndNothingLandsOutside)
   }
 }
 
-TEST_F(Archive, specialFilesAreRefused)
+TEST_F(Archive, entryThatClaimsToBeAPipeNeverBecomesOne)
 {
-  // libarchive writes no such entries; the type stands in the upper half of
-  // the external attributes, in the directory at the archive's end.
+  // No writer makes such entries. The type stands in the upper half of the
+  // external attributes, in the directory at the archive's end.
   ZipWriter(zip).file("pipe", "");
   auto bytes = read(zip);
   const auto header = bytes.find("PK\x01\x02");
   ASSERT_NE(header, std::string::npos);
   bytes[header + 41] = static_cast<char>((bytes[header + 41] & 0x0f) | (010000 >> 8));
   write(zip, bytes);
-  EXPECT_THAT(faultOf(), HasSubstr("\"pipe\" is neither a file, a folder nor a link"));
+  unpack();
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(target / "pipe")));
 }
 
 TEST_F(Archive, encryptedEntriesAreRefused)
@@ -128,9 +131,9 @@ TEST_F(Archive, whatUnpacksBeyondTheLimitsIsRefused)
 {
   ZipWriter(zip).file("a", std::string(100000, '\0')).file("b/c/d", std::string(100000, '\0')).link("e", "a");
   EXPECT_LT(fs::file_size(zip), 3000U) << "this is no bomb";
-  EXPECT_NO_THROW(unpack({.bytes = 200000, .entries = 5}));
+  EXPECT_NO_THROW(unpack({.bytes = 200001, .entries = 5}));
   EXPECT_THAT(faultOf({.bytes = 199999, .entries = 5}), HasSubstr("more than 199999 bytes; the limit was passed in \"b/c/d\""));
-  EXPECT_THAT(faultOf({.bytes = 200000, .entries = 4}), HasSubstr("more than 4 entries"));
+  EXPECT_THAT(faultOf({.bytes = 200001, .entries = 4}), HasSubstr("more than 4 entries"));
 }
 
 TEST_F(Archive, damagedArchivesAreRefusedWhereverTheyAreCut)
@@ -152,7 +155,7 @@ TEST_F(Archive, damagedArchivesAreRefusedWhereverTheyAreCut)
     EXPECT_THROW(unpack(), ZB::PackageError);
   }
   auto changed = whole;
-  changed[whole.find(noise.substr(0, 8)) == std::string::npos ? 500 : whole.find(noise.substr(0, 8)) + 100] ^= 1;
+  changed[1000] ^= 1;
   write(zip, changed);
   EXPECT_THAT(faultOf(), HasSubstr("\"a\" is damaged"));
 }

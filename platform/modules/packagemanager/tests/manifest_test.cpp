@@ -64,13 +64,15 @@ TEST_F(Manifest, wholeManifestIsRead)
 TEST_F(Manifest, uuidsOfTheAlphabetAreTakenAndNoOthers)
 {
   const std::string longest(128, 'x');
-  for (const auto& uuid : {std::string("a"), std::string("com.example.Dance-2_b"), std::string("0"), std::string("user"), std::string("Users"), std::string("_-."), longest})
+  for (const auto& uuid : {std::string("a"), std::string("com.example.Dance-2_b"), std::string("0"), std::string("user"),
+                           std::string("Users"), std::string("_-."), longest})
   {
     SCOPED_TRACE(uuid);
     EXPECT_EQ(parse("<package uuid='" + uuid + "'/>").uuid, uuid);
   }
-  for (const auto& uuid : {std::string(), std::string(".a"), std::string("."), std::string(".."), std::string("a/b"), std::string("a b"), std::string("ä"),
-                           std::string("a&#10;b"), std::string("a:b"), std::string("a\\b"), longest + "x", std::string("User"), std::string("System")})
+  for (const auto& uuid :
+       {std::string(), std::string(".a"), std::string("."), std::string(".."), std::string("a/b"), std::string("a b"), std::string("ä"),
+        std::string("a&#10;b"), std::string("a:b"), std::string("a\\b"), longest + "x", std::string("User"), std::string("System")})
   {
     SCOPED_TRACE(uuid);
     EXPECT_THAT(faultOf("<package uuid='" + uuid + "'/>"), HasSubstr("the uuid "));
@@ -97,9 +99,10 @@ TEST_F(Manifest, pathsOfTheAlphabetAreTakenAndNoOthers)
     makeProject(project);
     EXPECT_EQ(parse(manifest).behaviors.front().path(), path);
   }
-  for (const auto& path : {std::string(), std::string(".."), std::string("./a"), std::string("a/."), std::string("a/../b"), std::string("/a"), std::string("a/"),
-                           std::string("a//b"), std::string("a\\b"), std::string("ä"), std::string("a&#9;b"), std::string("a:b"), longest + "x",
-                           std::string("behavior.xar/a"), std::string("mybehavior.xar"), std::string("a/behavior.xar.old"), std::string("behavior.xar.d/a")})
+  for (const auto& path : {std::string(), std::string(".."), std::string("./a"), std::string("a/."), std::string("a/../b"),
+                           std::string("/a"), std::string("a/"), std::string("a//b"), std::string("a\\b"), std::string("ä"),
+                           std::string("a&#9;b"), std::string("a:b"), longest + "x", std::string("behavior.xar/a"),
+                           std::string("mybehavior.xar"), std::string("a/behavior.xar.old"), std::string("behavior.xar.d/a")})
   {
     SCOPED_TRACE(path);
     EXPECT_THAT(faultOf("<package uuid='p'><behavior path='" + path + "'/></package>"), HasSubstr("the path "));
@@ -115,26 +118,28 @@ TEST_F(Manifest, faultsAreToldWithLineAndThing)
     std::string place;
     std::string thing;
   } cases[] = {
-    {"", "line 1, offset 0", "no XML"},
-    {"<package uuid='p'>\n<name locale='en'>A</name>\n</packag>", "line 3", "no XML"},
-    {"<packages/>", "line 1", "\"packages\""},
-    {"<package uuid='p'/>\n<package uuid='q'/>", "line 2", "expected one element"},
-    {"<package/>", "line 1", "lacks the attribute \"uuid\""},
-    {"<package uuid='p' id='7'/>", "line 1", "no attribute \"id\""},
-    {"<package uuid='p' uuid='q'/>", "line 1", "given twice"},
-    {"<package uuid='p'>\n  <icon/>\n</package>", "line 2, offset 22", "\"icon\" is unknown in \"package\""},
-    {"<package uuid='p'>\n\nstray</package>", "line 1", "holds no text"},
-    {"<package uuid='p'>\n<name>A</name></package>", "line 2", "lacks the attribute \"locale\""},
-    {"<package uuid='p'>\n<name locale=''>A</name></package>", "line 2", "the locale is empty"},
-    {"<package uuid='p'>\n<name locale='en'><b/></name></package>", "line 2", "\"b\" is unknown in \"name\""},
-    {"<package uuid='p'><name locale='en'>A</name>\n<name locale='en'>B</name></package>", "line 2", "another \"name\" of the locale \"en\""},
-    {"<package uuid='p'><description locale='en'>\xff</description></package>", "line 1", "not valid UTF-8"},
-    {"<package uuid='p'>\n<behavior/></package>", "line 2", "lacks the attribute \"path\""},
-    {"<package uuid='p'>\n<behavior path='a' name='b'/></package>", "line 2", "no attribute \"name\""},
-    {"<package uuid='p'>\n<behavior path='a'><name locale='en'>A</name></behavior></package>", "line 2", "\"name\" is unknown in \"behavior\""},
-    {"<package uuid='p'>\n<behavior path='a'><tag locale='en'> </tag></behavior></package>", "line 2", "the tag is empty"},
-    {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='a'/></package>", "line 3", "the path \"a\" stands in the package twice"},
-    {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='b'/></package>", "line 3", "\"b/behavior.xar\" is missing"},
+      {"", "line 1, offset 0", "no XML"},
+      {"<package uuid='p'>\n<name locale='en'>A</name>\n</packag>", "line 3", "no XML"},
+      {"<packages/>", "line 1", "\"packages\""},
+      {"<package uuid='p'/>\n<package uuid='q'/>", "line 2", "expected one element"},
+      {"<package/>", "line 1", "lacks the attribute \"uuid\""},
+      {"<package uuid='p' id='7'/>", "line 1", "no attribute \"id\""},
+      {"<package uuid='p' uuid='q'/>", "line 1", "given twice"},
+      {"<package uuid='p'>\n  <icon/>\n</package>", "line 2, offset 22", "\"icon\" is unknown in \"package\""},
+      {"<package uuid='p'>\n\nstray</package>", "line 1", "holds no text"},
+      {"<package uuid='p'>\n<name>A</name></package>", "line 2", "lacks the attribute \"locale\""},
+      {"<package uuid='p'>\n<name locale=''>A</name></package>", "line 2", "the locale is empty"},
+      {"<package uuid='p'>\n<name locale='en'><b/></name></package>", "line 2", "\"b\" is unknown in \"name\""},
+      {"<package uuid='p'><name locale='en'>A</name>\n<name locale='en'>B</name></package>", "line 2",
+       "another \"name\" of the locale \"en\""},
+      {"<package uuid='p'><description locale='en'>\xff</description></package>", "line 1", "not valid UTF-8"},
+      {"<package uuid='p'>\n<behavior/></package>", "line 2", "lacks the attribute \"path\""},
+      {"<package uuid='p'>\n<behavior path='a' name='b'/></package>", "line 2", "no attribute \"name\""},
+      {"<package uuid='p'>\n<behavior path='a'><name locale='en'>A</name></behavior></package>", "line 2",
+       "\"name\" is unknown in \"behavior\""},
+      {"<package uuid='p'>\n<behavior path='a'><tag locale='en'> </tag></behavior></package>", "line 2", "the tag is empty"},
+      {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='a'/></package>", "line 3", "the path \"a\" stands in the package twice"},
+      {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='b'/></package>", "line 3", "\"b/behavior.xar\" is missing"},
   };
   for (const auto& [text, place, thing] : cases)
   {

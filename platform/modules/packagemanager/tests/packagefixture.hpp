@@ -96,7 +96,10 @@ public:
   ZipWriter& file(const std::string& name, const std::string& content, unsigned mode = 0644) { return add(name, AE_IFREG, mode, content); }
   ZipWriter& folder(const std::string& name) { return add(name, AE_IFDIR, 0755); }
   ZipWriter& link(const std::string& name, const std::string& target) { return add(name, AE_IFLNK, 0777, {}, target); }
-  ZipWriter& package(const std::string& manifest) { return file("manifest.xml", manifest).file("hello/behavior.xar", "<project format=\"1\" name=\"hello\"/>"); }
+  ZipWriter& package(const std::string& manifest)
+  {
+    return file("manifest.xml", manifest).file("hello/behavior.xar", "<project format=\"1\" name=\"hello\"/>");
+  }
 
   ZipWriter& add(const std::string& name, unsigned type, unsigned mode, const std::string& content = {}, const std::string& target = {})
   {

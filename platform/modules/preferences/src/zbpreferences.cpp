@@ -75,10 +75,11 @@ ZBPreferences::~ZBPreferences() = default;
 
 fs::path ZBPreferences::pathOf(const char* method, const std::string& fileName) const
 {
-  if (fileName.empty() || fileName.size() > longestName || fileName.front() == '.' || !std::all_of(fileName.begin(), fileName.end(), isNameCharacter))
+  if (fileName.empty() || fileName.size() > longestName || fileName.front() == '.' ||
+      !std::all_of(fileName.begin(), fileName.end(), isNameCharacter))
     throw ZBError(getName(), method,
                   common::inQuotes(fileName) + " cannot name a preference file: a name is 1 to " + std::to_string(longestName) +
-                    " of letters, digits, \".\", \"_\" and \"-\" and does not begin with a dot");
+                      " of letters, digits, \".\", \"_\" and \"-\" and does not begin with a dot");
   return _directory / (fileName + ".json");
 }
 
@@ -98,7 +99,8 @@ vu::Value ZBPreferences::readPrefFile(const std::string& fileName, const bool&)
   catch (const vu::Value::parse_error& error)
   {
     throw ZBError(getName(), "readPrefFile",
-                  "the preference file " + path.string() + " is damaged at byte " + std::to_string(error.byte) + "; repair or remove it: " + common::validUtf8(error.what()));
+                  "the preference file " + path.string() + " is damaged at byte " + std::to_string(error.byte) +
+                      "; repair or remove it: " + common::validUtf8(error.what()));
   }
   catch (const vu::Value::exception& error)
   {
@@ -112,12 +114,14 @@ void ZBPreferences::writePrefFile(const std::string& fileName, const vu::Value& 
   try
   {
     if (!isFinite(settings))
-      throw ZBError(getName(), "writePrefFile", "the preference file \"" + fileName + "\" was not written: the settings hold a number that is not finite");
+      throw ZBError(getName(), "writePrefFile",
+                    "the preference file \"" + fileName + "\" was not written: the settings hold a number that is not finite");
     common::writeFileDurably(path, settings.dump(2) + "\n");
   }
   catch (const vu::Value::exception& error)
   {
-    throw ZBError(getName(), "writePrefFile", "the preference file \"" + fileName + "\" was not written: the settings are no JSON: " + common::validUtf8(error.what()));
+    throw ZBError(getName(), "writePrefFile",
+                  "the preference file \"" + fileName + "\" was not written: the settings are no JSON: " + common::validUtf8(error.what()));
   }
   catch (const fs::filesystem_error& error)
   {

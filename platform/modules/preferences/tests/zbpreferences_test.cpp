@@ -120,12 +120,14 @@ TEST_F(Preferences, namesStayInsideTheFolder)
   }
   proxy->writePrefFile(std::string(128, 'x'), ZB::ZBValue(1), true);
   const auto before = files();
-  for (const auto& name : {std::string(), std::string("."), std::string(".."), std::string("../a"), std::string("a/b"), std::string("/etc/passwd"),
-                                 std::string(".hidden"), std::string("a b"), std::string("a\nb"), std::string("a\0b", 3), std::string("ä"), std::string(129, 'x')})
+  for (const auto& name :
+       {std::string(), std::string("."), std::string(".."), std::string("../a"), std::string("a/b"), std::string("/etc/passwd"),
+        std::string(".hidden"), std::string("a b"), std::string("a\nb"), std::string("a\0b", 3), std::string("ä"), std::string(129, 'x')})
   {
     SCOPED_TRACE(name);
-    for (const auto& error : {errorOf([&] { proxy->readPrefFile(name, false); }), errorOf([&] { proxy->writePrefFile(name, ZB::ZBValue(1), true); }),
-                              errorOf([&] { proxy->removePrefFile(name); })})
+    for (const auto& error :
+         {errorOf([&] { proxy->readPrefFile(name, false); }), errorOf([&] { proxy->writePrefFile(name, ZB::ZBValue(1), true); }),
+          errorOf([&] { proxy->removePrefFile(name); })})
       EXPECT_THAT(error, HasSubstr("cannot name a preference file"));
   }
   EXPECT_THAT(files(), testing::UnorderedElementsAreArray(before));
@@ -134,7 +136,10 @@ TEST_F(Preferences, namesStayInsideTheFolder)
 TEST_F(Preferences, settingsThatJsonCannotHoldAreRefusedAndTheOldOnesStay)
 {
   proxy->writePrefFile("Settings", ZB::ZBValue("old"), true);
-  EXPECT_THAT(errorOf([&] { proxy->writePrefFile("Settings", ZB::ZBValue(vu::Value({1, {{"a", std::numeric_limits<double>::infinity()}}})), true); }),
+  EXPECT_THAT(errorOf(
+                  [&] {
+                    proxy->writePrefFile("Settings", ZB::ZBValue(vu::Value({1, {{"a", std::numeric_limits<double>::infinity()}}})), true);
+                  }),
               HasSubstr("not finite"));
   EXPECT_THAT(errorOf([&] { proxy->writePrefFile("Settings", ZB::ZBValue("\xff"), true); }), HasSubstr("UTF-8"));
   EXPECT_EQ(proxy->readPrefFile("Settings", false).to<std::string>(), "old");
@@ -170,16 +175,16 @@ TEST_F(Preferences, readersAmongConcurrentWritersSeeWholeContents)
   std::vector<std::thread> threads;
   for (int writer = 1; writer <= writers; ++writer)
     threads.emplace_back(
-      [&, writer]
-      {
-        for (int i = 0; i < 20; ++i)
+        [&, writer]
         {
-          proxy->writePrefFile("Shared", ZB::ZBValue(std::vector<int>(500 * writer, writer)), true);
-          const auto found = proxy->readPrefFile("Shared", false).to<std::vector<int>>();
-          EXPECT_EQ(found.size(), 500U * static_cast<unsigned>(std::max(found.front(), 1)));
-          EXPECT_EQ(found.front(), found.back());
-        }
-      });
+          for (int i = 0; i < 20; ++i)
+          {
+            proxy->writePrefFile("Shared", ZB::ZBValue(std::vector<int>(500 * writer, writer)), true);
+            const auto found = proxy->readPrefFile("Shared", false).to<std::vector<int>>();
+            EXPECT_EQ(found.size(), 500U * static_cast<unsigned>(std::max(found.front(), 1)));
+            EXPECT_EQ(found.front(), found.back());
+          }
+        });
   for (auto& thread : threads)
     thread.join();
   EXPECT_THAT(files(), testing::ElementsAre("Shared.json"));

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <cstdint>
 #include <list>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <vu/future.hpp>
@@ -26,13 +28,26 @@ public:
 
 namespace detail
 {
-template <typename T> struct IsList : std::false_type {};
-template <typename T> struct IsList<std::vector<T>> : std::true_type {};
-template <typename T> struct IsList<std::list<T>> : std::true_type {};
-template <typename T> struct IsList<std::set<T>> : std::true_type {};
+template <typename T> struct IsList : std::false_type
+{
+};
+template <typename T> struct IsList<std::vector<T>> : std::true_type
+{
+};
+template <typename T> struct IsList<std::list<T>> : std::true_type
+{
+};
+template <typename T> struct IsList<std::set<T>> : std::true_type
+{
+};
 
-template <typename T> struct IsFuture : std::false_type {};
-template <typename T> struct IsFuture<Future<T>> : std::true_type { using Result = T; };
+template <typename T> struct IsFuture : std::false_type
+{
+};
+template <typename T> struct IsFuture<Future<T>> : std::true_type
+{
+  using Result = T;
+};
 } // namespace detail
 
 /// bool, int, float, string, [string] and the like, future<...>, void; "value"
@@ -59,7 +74,7 @@ template <typename T> std::string typeName()
 }
 
 /// `value` as a T, without guessing: a number is no string, a fraction no
-/// integer, 1 no bool. Throws ConversionError.
+/// integer, 1 no bool, and no integer is cut off. Throws ConversionError.
 template <typename T> std::remove_cvref_t<T> fromValue(const Value& value)
 {
   using Plain = std::remove_cvref_t<T>;
@@ -83,7 +98,13 @@ template <typename T> std::remove_cvref_t<T> fromValue(const Value& value)
     if constexpr (std::is_same_v<Plain, bool>)
       wanted(value.is_boolean());
     else if constexpr (std::is_integral_v<Plain>)
+    {
       wanted(value.is_number_integer());
+      const bool fits =
+          value.is_number_unsigned() ? std::in_range<Plain>(value.get<std::uint64_t>()) : std::in_range<Plain>(value.get<std::int64_t>());
+      if (!fits)
+        throw ConversionError("expected int, found " + value.dump() + ", which is out of range");
+    }
     else if constexpr (std::is_floating_point_v<Plain>)
       wanted(value.is_number());
     else if constexpr (std::is_same_v<Plain, std::string>)

@@ -14,6 +14,7 @@
 #include <variant>
 #include <vector>
 
+#include <vu/caller.hpp>
 #include <vu/threadpool.hpp>
 
 namespace vu
@@ -135,12 +136,17 @@ public:
 
   /// Attaches a continuation. It runs once, on the promise's pool, when there
   /// is a result: never inside this call, nor inside the one that completes
-  /// the promise. It holds no future open and is not tied to anyone's life.
+  /// the promise. It holds no future open and is not tied to anyone's life. It
+  /// works on behalf of the caller who attached it.
   void then(std::function<void(Future<T>)> continuation) const
   {
     auto pool = _state->pool();
-    _state->whenComplete([pool, self = *this, continuation = std::move(continuation)]
-                         { pool->post([self, continuation] { continuation(self); }); });
+    auto task = [self = *this, caller = currentCaller(), continuation = std::move(continuation)]
+    {
+      const CallerScope scope(caller);
+      continuation(self);
+    };
+    _state->whenComplete([pool, task = std::move(task)] { pool->post(task); });
   }
 
   /// Completes `promise` with this future's result turned by `convert`, inside
@@ -163,7 +169,7 @@ template <typename T> class Promise
 public:
   /// Continuations of the future run on `pool`, by default the process's.
   explicit Promise(std::shared_ptr<ThreadPool> pool = ThreadPool::process())
-    : _guard(std::make_shared<Guard>(std::make_shared<detail::FutureState<T>>(std::move(pool))))
+      : _guard(std::make_shared<Guard>(std::make_shared<detail::FutureState<T>>(std::move(pool))))
   {
   }
 
@@ -187,43 +193,42 @@ private:
   std::shared_ptr<Guard> _guard;
 };
 
-template <typename T>
-template <typename U, typename Convert>
-void Future<T>::forward(Promise<U> promise, Convert convert) const
+template <typename T> template <typename U, typename Convert> void Future<T>::forward(Promise<U> promise, Convert convert) const
 {
   _state->whenComplete(
-    [self = *this, promise, convert]
-    {
-      try
+      [self = *this, promise, convert]
       {
-        if constexpr (std::is_void_v<T> && std::is_void_v<U>)
+        try
         {
-          self.value();
-          convert();
-          promise.setValue();
+          if constexpr (std::is_void_v<T> && std::is_void_v<U>)
+          {
+            self.value();
+            convert();
+            promise.setValue();
+          }
+          else if constexpr (std::is_void_v<T>)
+          {
+            self.value();
+            promise.setValue(convert());
+          }
+          else if constexpr (std::is_void_v<U>)
+          {
+            convert(self.value());
+            promise.setValue();
+          }
+          else
+            promise.setValue(convert(self.value()));
         }
-        else if constexpr (std::is_void_v<T>)
+        catch (...)
         {
-          self.value();
-          promise.setValue(convert());
+          promise.setException(std::current_exception());
         }
-        else if constexpr (std::is_void_v<U>)
-        {
-          convert(self.value());
-          promise.setValue();
-        }
-        else
-          promise.setValue(convert(self.value()));
-      }
-      catch (...)
-      {
-        promise.setException(std::current_exception());
-      }
-    });
+      });
 }
 
 /// A future that has its result already.
-template <typename T> Future<T> makeReadyFuture(const detail::Stored<T>& value = {}, std::shared_ptr<ThreadPool> pool = ThreadPool::process())
+template <typename T>
+Future<T> makeReadyFuture(const detail::Stored<T>& value = {}, std::shared_ptr<ThreadPool> pool = ThreadPool::process())
 {
   const Promise<T> promise(std::move(pool));
   promise.setValue(value);

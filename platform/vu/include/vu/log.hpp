@@ -6,8 +6,9 @@
 #include <string_view>
 #include <vector>
 
-/// Logging by category. Every line carries its level, category and the name
-/// of the function that wrote it. Lines go to stderr. Thread-safe.
+/// Logging by category. Every line carries its level, category, the name of
+/// the function that wrote it and the caller on whose behalf it did (see
+/// vu/caller.hpp). Lines go to stderr. Thread-safe.
 namespace vu::log
 {
 
@@ -32,12 +33,30 @@ Level levelFromText(std::string_view text);
 
 void write(Level level, std::string_view category, std::string_view function, std::string_view message);
 
-inline void fatal(std::string_view category, std::string_view function, std::string_view message) { write(Level::Fatal, category, function, message); }
-inline void error(std::string_view category, std::string_view function, std::string_view message) { write(Level::Error, category, function, message); }
-inline void warning(std::string_view category, std::string_view function, std::string_view message) { write(Level::Warning, category, function, message); }
-inline void info(std::string_view category, std::string_view function, std::string_view message) { write(Level::Info, category, function, message); }
-inline void verbose(std::string_view category, std::string_view function, std::string_view message) { write(Level::Verbose, category, function, message); }
-inline void debug(std::string_view category, std::string_view function, std::string_view message) { write(Level::Debug, category, function, message); }
+inline void fatal(std::string_view category, std::string_view function, std::string_view message)
+{
+  write(Level::Fatal, category, function, message);
+}
+inline void error(std::string_view category, std::string_view function, std::string_view message)
+{
+  write(Level::Error, category, function, message);
+}
+inline void warning(std::string_view category, std::string_view function, std::string_view message)
+{
+  write(Level::Warning, category, function, message);
+}
+inline void info(std::string_view category, std::string_view function, std::string_view message)
+{
+  write(Level::Info, category, function, message);
+}
+inline void verbose(std::string_view category, std::string_view function, std::string_view message)
+{
+  write(Level::Verbose, category, function, message);
+}
+inline void debug(std::string_view category, std::string_view function, std::string_view message)
+{
+  write(Level::Debug, category, function, message);
+}
 
 struct Line
 {
@@ -45,6 +64,7 @@ struct Line
   std::string category;
   std::string function;
   std::string message;
+  std::string caller; ///< empty when nobody asked
 };
 
 /// While one exists, every line of every level is kept in it, whatever

@@ -28,7 +28,8 @@ public:
   };
 
   /// Connects; throws a ServiceError of kind ConnectionLost that names the
-  /// address when there is no host, NotAllowed when it refuses the token.
+  /// address when there is no host, NotAllowed when it refuses the token,
+  /// InvalidArguments when the URL is none.
   explicit RemoteSession(Options options);
   /// Disconnects. Not to be destroyed inside one of its own callbacks.
   ~RemoteSession() override;

@@ -12,7 +12,7 @@ namespace vu
 ///
 /// Tasks may block. When work waits and no task has begun or ended for a few
 /// milliseconds, one thread is added, up to `Limits::maximum`; threads beyond
-/// `Limits::threads` leave again after some idle seconds. Every task runs with the caller's
+/// `Limits::threads` leave again after an idle time. Every task runs with the caller's
 /// name (see vu/caller.hpp) of the thread that posted it. What a task throws
 /// is logged. Thread-safe.
 class ThreadPool
@@ -22,14 +22,15 @@ public:
 
   struct Limits
   {
-    std::size_t threads = 2;   ///< kept at all times, at least 1
-    std::size_t maximum = 512; ///< never more than these
-    std::size_t queue = 4096;  ///< calls that may wait once all `maximum` threads are busy
+    std::size_t threads = 2;               ///< kept at all times, at least 1
+    std::size_t maximum = 512;             ///< never more than these
+    std::size_t queue = 4096;              ///< calls that may wait once all `maximum` threads are busy
+    std::chrono::milliseconds idle{10000}; ///< without work, before a thread beyond `threads` leaves
   };
 
   ThreadPool();
   explicit ThreadPool(Limits limits);
-  /// Closes.
+  /// Closes; where a task of this pool held the last handle, on another thread.
   ~ThreadPool();
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
@@ -41,7 +42,8 @@ public:
   /// when all threads there may be are busy and the queue is full.
   void postCall(Task task);
 
-  /// Runs `task` after `delay`, unless the pool is closed before.
+  /// Runs `task` after `delay`, unless the pool is closed before. Threads that
+  /// are all blocked do not hold it up.
   void postAfter(std::chrono::milliseconds delay, Task task);
 
   /// Runs what is queued and what that posts in turn, drops what waits for its

@@ -47,7 +47,10 @@ public:
   std::shared_ptr<ZBProxy> getProxy(const std::string& name, int flag = 0);
 
   /// A proxy class made from a broker, which finds its service by `name`.
-  template <typename P> std::shared_ptr<P> getSpecialisedProxy(const std::string& name) { return std::make_shared<P>(shared_from_this(), name); }
+  template <typename P> std::shared_ptr<P> getSpecialisedProxy(const std::string& name)
+  {
+    return std::make_shared<P>(shared_from_this(), name);
+  }
 
   /// Constructs a module on this thread and publishes it. What the
   /// constructor throws comes out; nothing is left of the module then.
@@ -79,12 +82,15 @@ public:
   void removeModule(const std::string& name);
 
   /// Removes all modules, the last one loaded first, fails those who wait for
-  /// a service, and closes the pool. A second call does nothing.
+  /// a service, and closes the pool. Throws std::logic_error on a thread of
+  /// the pool. A second call does nothing.
   void shutdown();
 
 private:
   explicit ZBBroker(Options options);
   void add(std::unique_ptr<ZBModule> module);
+  /// Out of the modules; null when there is none of that name.
+  std::unique_ptr<ZBModule> take(const std::string& name);
 
   const std::shared_ptr<vu::ThreadPool> _pool;
   const std::shared_ptr<vu::LocalSession> _session;

@@ -27,16 +27,14 @@ public:
   /// Calls on this thread and waits for the result, that of a future included.
   template <typename R = void, typename... Arguments> R call(const std::string& method, const Arguments&... arguments) const
   {
-    return guarded(method,
-                   [&]() -> R
-                   { return service(method).call<R>(method, arguments...); });
+    return guarded(method, [&]() -> R { return service(method).call<R>(method, arguments...); });
   }
 
   /// Posts the call and returns at once with the number of its task. Throws
   /// when it cannot post; a later failure is logged as a warning.
   template <typename... Arguments> int pCall(const std::string& method, const Arguments&... arguments) const
   {
-    return postValues(method, vu::Value::array({vu::Value(arguments)...}));
+    return guarded(method, [&] { return postValues(method, vu::Value::array({vu::Value(arguments)...})); });
   }
 
   /// A handle of its own line; empty when there is no such service.
@@ -45,6 +43,7 @@ public:
 private:
   /// Throws a ServiceError of kind UnknownService.
   vu::Object service(const std::string& method) const;
+  /// May throw anything.
   int postValues(const std::string& method, vu::Value arguments) const;
 
   template <typename F> auto guarded(const std::string& method, const F& function) const -> decltype(function())

@@ -14,7 +14,8 @@ namespace ZB
 /// A value of any type. A copy is a value of its own; an element taken with
 /// operator[] refers into the array it was taken from and keeps it alive, so
 /// that the reference from a conversion to std::string& stays good as long as
-/// array or element lives. Not thread-safe.
+/// array or element lives; arrayPush() on the array ends its elements and such
+/// references. Not thread-safe.
 ///
 /// A conversion that does not fit throws vu::ConversionError.
 class ZBValue
@@ -30,9 +31,7 @@ public:
 
   template <typename T>
     requires(!std::is_base_of_v<ZBValue, std::remove_cvref_t<T>> && !std::is_same_v<std::remove_cvref_t<T>, vu::Value>)
-  ZBValue(const T& value) : ZBValue(vu::Value(value))
-  {
-  }
+  ZBValue(const T& value) : ZBValue(vu::Value(value)) {}
 
   /// Appends to an array; null becomes an array first.
   void arrayPush(const ZBValue& element);

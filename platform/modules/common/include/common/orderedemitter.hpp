@@ -5,7 +5,6 @@
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <thread>
 
 namespace common
 {
@@ -16,10 +15,11 @@ namespace common
 /// The owner calls queue() under that lock, beside the change, and emit()
 /// after it has let go of it. emit() returns when its announcement has been
 /// made, on this thread or on that of another one who stood before it in the
-/// queue. An announcement that queues and emits another one on its own thread
-/// does not wait for itself: the new one is made after those that stand before
-/// it, before the outer emit() returns. An announcement must not wait for
-/// another thread that emits. What it throws is logged. Thread-safe.
+/// queue. Inside an announcement, of this emitter or of another one, it waits
+/// for nobody: where somebody is announcing already, it leaves its own to him,
+/// to follow before his emit() returns. So whoever is told of a change may make
+/// others; but an announcement must not wait for another thread that emits.
+/// What it throws is logged. Thread-safe.
 class OrderedEmitter
 {
 public:
@@ -35,8 +35,8 @@ private:
   std::deque<Announcement> _waiting;
   Ticket _queued = 0; ///< the last one given out
   Ticket _done = 0;   ///< all up to this one have been made
-  Ticket _owed = 0;   ///< the last one that a nested emit() has left to the outer one
-  std::thread::id _emitter; ///< whoever is making an announcement
+  Ticket _owed = 0;   ///< the last one that was left to the emitter
+  bool _emitting = false;
 };
 
 } // namespace common

@@ -1,0 +1,392 @@
+#include <atomic>
+
+#include <boost/beast/websocket.hpp>
+
+#include "fixture.hpp"
+
+#include <vu/log.hpp>
+
+using namespace GatewayTest;
+namespace websocket = beast::websocket;
+using Kind = vu::ServiceError::Kind;
+using vu::RemoteSession;
+
+namespace
+{
+
+template <typename F> Kind kindOf(F function)
+{
+  try
+  {
+    function();
+  }
+  catch (const vu::ServiceError& error)
+  {
+    return error.kind();
+  }
+  ADD_FAILURE() << "no error";
+  return Kind::Service;
+}
+
+/// Keeps what comes and waits for a number of it.
+template <typename T> class Collector
+{
+public:
+  void add(T value)
+  {
+    const std::lock_guard lock(_mutex);
+    _values.push_back(std::move(value));
+    _changed.notify_all();
+  }
+  std::vector<T> waitFor(std::size_t count)
+  {
+    std::unique_lock lock(_mutex);
+    EXPECT_TRUE(_changed.wait_for(lock, patience, [&] { return _values.size() >= count; })) << _values.size() << " came";
+    return _values;
+  }
+
+private:
+  std::mutex _mutex; // guards _values
+  std::condition_variable _changed;
+  std::vector<T> _values;
+};
+
+} // namespace
+
+class WebSocket : public GatewayFixture
+{
+protected:
+  /// A WebSocket as it is, for what a well-behaved client does not do.
+  std::unique_ptr<websocket::stream<asio::ip::tcp::socket>> open()
+  {
+    auto stream = std::make_unique<websocket::stream<asio::ip::tcp::socket>>(connect());
+    stream->set_option(websocket::stream_base::decorator([](websocket::request_type& request)
+                                                         { request.set(http::field::authorization, std::string("Bearer ") + token); }));
+    stream->handshake("127.0.0.1:" + port, "/rpc");
+    return stream;
+  }
+
+  template <typename Stream> static vu::Value ask(Stream& stream, const std::string& text)
+  {
+    stream.write(asio::buffer(text));
+    return read(stream);
+  }
+
+  template <typename Stream> static vu::Value read(Stream& stream)
+  {
+    beast::flat_buffer buffer;
+    stream.read(buffer);
+    return vu::Value::parse(beast::buffers_to_string(buffer.data()));
+  }
+};
+
+TEST_F(WebSocket, RemoteObjectWorksLikeTheOneInTheHost)
+{
+  begin();
+  RemoteSession session(remote());
+  EXPECT_EQ(session.services(), (std::vector<std::string>{"Bench", "Silent", "ZBMemory"}));
+  const auto object = session.service("Bench").value();
+  EXPECT_EQ(object.call<int>("add", 2, 3), 5);
+  EXPECT_EQ(object.async<int>("add", 4, 5).value(), 9);
+  EXPECT_EQ(object.call<std::string>("caller"), "local");
+  EXPECT_EQ(vu::Value(object.description()), vu::Value(broker->session()->find("Bench")->description()));
+  auto later = object.async<int>("later", std::string("k"));
+  EXPECT_FALSE(later.isFinished());
+  bench->finishLater("k", 42);
+  EXPECT_EQ(later.value(), 42);
+}
+
+TEST_F(WebSocket, ErrorsArriveWhole)
+{
+  begin();
+  RemoteSession session(remote());
+  const auto object = session.service("Bench").value();
+  try
+  {
+    object.call<void>("fail", std::string("broken"));
+    ADD_FAILURE() << "no error";
+  }
+  catch (const vu::ServiceError& error)
+  {
+    EXPECT_EQ(error.kind(), Kind::Service);
+    EXPECT_EQ(error.module(), "Bench");
+    EXPECT_EQ(error.method(), "fail");
+    EXPECT_EQ(error.description(), "broken");
+  }
+  try
+  {
+    object.call<int>("failedFuture");
+    ADD_FAILURE() << "no error";
+  }
+  catch (const vu::ServiceError& error)
+  {
+    EXPECT_EQ(error.module() + "." + error.method() + ": " + error.description(), "Bench.failedFuture: plain text");
+  }
+  EXPECT_EQ(kindOf([&] { object.call<int>("subtract"); }), Kind::UnknownMethod);
+  EXPECT_EQ(kindOf([&] { object.call<int>("add", 1); }), Kind::InvalidArguments);
+  EXPECT_EQ(kindOf([&] { object.call<void>("fail", std::string("\xff")); }), Kind::InvalidArguments) << "no UTF-8 cannot be sent";
+  EXPECT_EQ(kindOf([&] { session.service("Nobody").value(); }), Kind::UnknownService);
+  EXPECT_EQ(kindOf([&] { object.connect<int>("nothing", [](int) {}).value(); }), Kind::UnknownMethod);
+  EXPECT_EQ(kindOf([&] { session.call("session.connect", vu::Value::array({1})).value(); }), Kind::InvalidArguments);
+  RemoteSession screen(remote("observer-token"));
+  EXPECT_EQ(kindOf([&] { screen.service("Bench").value().call<int>("add", 1, 2); }), Kind::NotAllowed);
+}
+
+TEST_F(WebSocket, ServiceThatComesLaterIsWaitedFor)
+{
+  begin();
+  RemoteSession session(remote());
+  const auto late = session.service("Late", {}, 10000);
+  EXPECT_EQ(kindOf([&] { session.service("Late", {}, 150).value(); }), Kind::UnknownService);
+  broker->createModule<Bench>("Late");
+  EXPECT_EQ(late.value().call<int>("add", 1, 2), 3);
+}
+
+TEST_F(WebSocket, SignalsAndEventsArriveUntilTheyAreDisconnected)
+{
+  begin();
+  Collector<int> numbers;
+  Collector<std::string> one;
+  Collector<std::string> all;
+  RemoteSession session(remote());
+  const auto object = session.service("Bench").value();
+  const auto link = object.connect<int>("happened", [&](int number) { numbers.add(number); }).value();
+  session.subscribe("a", [&](const std::string& key, const vu::Value& value) { one.add(key + value.dump()); }).value();
+  const auto everything = session.subscribe("*", [&](const std::string& key, const vu::Value& value) { all.add(key + value.dump()); }).value();
+  bench->emit(7);
+  memory->raise("b", 1);
+  memory->raise("a", {"x"});
+  EXPECT_EQ(numbers.waitFor(1), (std::vector<int>{7}));
+  EXPECT_EQ(one.waitFor(1), (std::vector<std::string>{"a[\"x\"]"}));
+  EXPECT_EQ(all.waitFor(2), (std::vector<std::string>{"b1", "a[\"x\"]"}));
+  object.disconnect(link);
+  object.disconnect(everything);
+  object.disconnect(vu::SignalBase::invalidSignalLink);
+  object.call<void>("nothing"); // the host has heard of it by now
+  EXPECT_EQ(bench->happened.connectionCount(), 0u);
+  EXPECT_EQ(memory->eventRaised.connectionCount(), 1u);
+  bench->emit(8);
+  memory->raise("a", 2);
+  one.waitFor(2);
+  EXPECT_EQ(all.waitFor(2).size(), 2u);
+  EXPECT_EQ(numbers.waitFor(1).size(), 1u);
+}
+
+TEST_F(WebSocket, NotificationsComeInTheOrderOfEmissionWhateverTheirKind)
+{
+  begin();
+  RemoteSession session(remote());
+  Collector<vu::Value> seen;
+  session.call("session.connect", vu::Value::array({"Bench", "happened"})).value();
+  session.call("session.subscribe", vu::Value::array({"*"})).value();
+  session.setNotificationCallback([&](const std::string& method, const vu::Value& params)
+                                  { seen.add(method == "signal" ? params["arguments"][0] : params["value"]); });
+  constexpr int emitters = 4;
+  constexpr int each = 250;
+  std::mutex turn;
+  int number = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < emitters; ++t)
+    threads.emplace_back(
+      [&, t]
+      {
+        for (int i = 0; i < each; ++i)
+        {
+          const std::lock_guard lock(turn); // makes the order known
+          (t + i) % 2 ? bench->emit(number) : memory->raise("k", number);
+          ++number;
+        }
+      });
+  for (auto& thread : threads)
+    thread.join();
+  const auto values = seen.waitFor(emitters * each);
+  for (int i = 0; i < emitters * each; ++i)
+    ASSERT_EQ(values[static_cast<std::size_t>(i)], i);
+}
+
+TEST_F(WebSocket, AnswerNeverOvertakesWhatWasEmittedBefore)
+{
+  options.limits.queuedMessages = 100000000;
+  options.limits.queuedBytes = std::size_t(1) << 30;
+  begin();
+  auto stream = open();
+  std::atomic<bool> stop = false;
+  std::thread emitter(
+    [&]
+    {
+      while (!stop)
+        bench->emit(-1);
+    });
+  // The link is known before its first notification, however fast that comes.
+  const auto link = ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
+  stop = true;
+  emitter.join();
+  ASSERT_TRUE(link.contains("result")) << link;
+  for (int i = 0; i < 50; ++i)
+  {
+    auto message = ask(*stream, R"({"jsonrpc":"2.0","id":2,"method":"Bench.emit","params":[)" + std::to_string(i) + "]}");
+    while (message.contains("method") && message["params"]["arguments"][0] == -1)
+      message = read(*stream);
+    ASSERT_EQ(message["params"]["arguments"][0], i);
+    ASSERT_EQ(read(*stream)["id"], 2);
+  }
+}
+
+TEST_F(WebSocket, ServiceThatIsWithdrawnHarmsNoSubscriber)
+{
+  begin();
+  broker->createModule<Bench>("Guest");
+  RemoteSession session(remote());
+  const auto guest = session.service("Guest").value();
+  const auto link = guest.connect<int>("happened", [](int) {}).value();
+  broker->removeModule("Guest");
+  EXPECT_EQ(kindOf([&] { guest.call<int>("add", 1, 2); }), Kind::UnknownService);
+  guest.disconnect(link);
+  EXPECT_EQ(session.service("Bench").value().call<int>("add", 1, 2), 3);
+}
+
+TEST_F(WebSocket, ClientThatDoesNotKeepUpIsDisconnectedWithTheReasonAndNobodyElse)
+{
+  options.limits.queuedMessages = 100;
+  options.limits.close = std::chrono::milliseconds(10000);
+  begin();
+  auto slow = open();
+  ask(*slow, R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})");
+  Collector<vu::Value> seen;
+  RemoteSession other(remote());
+  other.subscribe("last", [&](const std::string&, const vu::Value& value) { seen.add(value); }).value();
+  vu::log::Capture log;
+  const std::string large(100000, 'x');
+  for (int i = 0; i < 20000 && log.count(vu::log::Level::Info, "does not keep up") == 0; ++i)
+    memory->raise("large", large);
+  ASSERT_EQ(log.count(vu::log::Level::Info, "does not keep up"), 1u);
+  EXPECT_EQ(memory->eventRaised.connectionCount(), 1u);
+  memory->raise("last", "good");
+  EXPECT_EQ(seen.waitFor(1).front(), "good");
+  beast::error_code error;
+  beast::flat_buffer buffer;
+  while (!error)
+  {
+    buffer.clear();
+    slow->read(buffer, error);
+  }
+  EXPECT_EQ(error, websocket::error::closed);
+  EXPECT_EQ(slow->reason().code, websocket::close_code::policy_error);
+  EXPECT_EQ(slow->reason().reason, "this client does not keep up with its signals and answers");
+}
+
+TEST_F(WebSocket, ConnectionThatDropsWithCallsOpenLeavesNothingBehind)
+{
+  begin();
+  {
+    auto stream = open();
+    ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
+    stream->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":2,"method":"Bench.later","params":["k"]})")));
+    stream->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":3,"method":"Bench.block"})")));
+    ASSERT_TRUE(bench->waitForLater("k"));
+    ASSERT_TRUE(bench->waitForBlocked(1));
+    stream->next_layer().close();
+  }
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (bench->happened.connectionCount() != 0 && std::chrono::steady_clock::now() < end)
+    get("/healthz");
+  EXPECT_EQ(bench->happened.connectionCount(), 0u);
+  bench->finishLater("k", 1);
+  bench->unblock();
+  EXPECT_EQ(get("/Bench/?eval=Bench.add(1,2)").body, "3");
+}
+
+TEST_F(WebSocket, StoppedGatewayFailsEveryOpenCallAndTellsTheReason)
+{
+  begin();
+  RemoteSession session(remote());
+  Collector<std::string> reasons;
+  session.setClosedCallback([&](const std::string& reason) { reasons.add(reason); });
+  const auto object = session.service("Bench").value();
+  object.connect<int>("happened", [](int) {}).value();
+  const auto open = object.async<int>("later", std::string("k"));
+  ASSERT_TRUE(bench->waitForLater("k"));
+  gateway->stop();
+  EXPECT_EQ(kindOf([&] { open.value(); }), Kind::ConnectionLost);
+  EXPECT_EQ(reasons.waitFor(1), (std::vector<std::string>{"the host is shutting down"}));
+  EXPECT_FALSE(session.isConnected());
+  EXPECT_EQ(kindOf([&] { object.call<int>("add", 1, 2); }), Kind::ConnectionLost);
+  EXPECT_EQ(bench->happened.connectionCount(), 0u);
+  bench->finishLater("k", 1);
+}
+
+TEST_F(WebSocket, ObjectOutlivesItsSession)
+{
+  begin();
+  vu::Object object;
+  vu::Future<int> open;
+  {
+    RemoteSession session(remote());
+    object = session.service("Bench").value();
+    open = object.async<int>("later", std::string("k"));
+    ASSERT_TRUE(bench->waitForLater("k"));
+  }
+  EXPECT_EQ(kindOf([&] { open.value(); }), Kind::ConnectionLost);
+  EXPECT_EQ(kindOf([&] { object.call<int>("add", 1, 2); }), Kind::ConnectionLost);
+}
+
+TEST_F(WebSocket, BadMessagesAreAnsweredAndTooLargeOnesEndTheConnection)
+{
+  options.limits.messageBytes = 10000;
+  options.limits.openCalls = 2;
+  options.limits.links = 1;
+  begin();
+  auto stream = open();
+  EXPECT_EQ(ask(*stream, "{")["error"]["code"], -32700);
+  EXPECT_EQ(ask(*stream, "[]")["error"]["code"], -32600);
+  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.disconnect","params":["x"]})")["error"]["code"], -32602);
+  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.disconnect","params":[99]})")["result"], nullptr);
+  EXPECT_TRUE(ask(*stream, R"([{"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]}])")[0].contains("result"));
+  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})")["error"]["code"], -32002);
+  for (int i = 0; i < 2; ++i)
+    stream->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":9,"method":"Bench.block"})")));
+  ASSERT_TRUE(bench->waitForBlocked(2));
+  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":3,"method":"Bench.nothing"})")["error"]["code"], -32002);
+  stream->write(asio::buffer(std::string(10001, ' ')));
+  beast::flat_buffer buffer;
+  beast::error_code error;
+  stream->read(buffer, error);
+  EXPECT_TRUE(error);
+  EXPECT_EQ(stream->reason().code, websocket::close_code::too_big);
+}
+
+TEST_F(WebSocket, HandshakeIsRefusedToStrangers)
+{
+  begin();
+  EXPECT_EQ(kindOf([&] { RemoteSession session(remote("wrong")); }), Kind::NotAllowed);
+  const Fields upgrade{{"Connection", "Upgrade"}, {"Upgrade", "websocket"}, {"Sec-WebSocket-Version", "13"}, {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}};
+  const auto with = [&upgrade](const std::string& name, const std::string& value)
+  {
+    auto fields = upgrade;
+    fields.emplace_back(name, value);
+    return fields;
+  };
+  EXPECT_EQ(get("/rpc", upgrade).status, 101u);
+  EXPECT_EQ(get("/rpc", upgrade, "").status, 401u);
+  EXPECT_EQ(get("/rpc", with("Host", "evil.example:" + port)).status, 403u);
+  EXPECT_EQ(get("/rpc", with("Origin", "http://evil.example")).status, 403u);
+}
+
+TEST(RemoteSessionConnect, NamesTheAddressOfAHostThatIsNotThere)
+{
+  try
+  {
+    asio::io_context io;
+    const asio::ip::tcp::acceptor taken(io, {asio::ip::make_address("127.0.0.1"), 0}, false);
+    const auto port = std::to_string(taken.local_endpoint().port());
+    RemoteSession silent({"http://127.0.0.1:" + port, "t", std::chrono::milliseconds(100), {}});
+    ADD_FAILURE() << "connected to a host that does not answer";
+  }
+  catch (const vu::ServiceError& error)
+  {
+    EXPECT_EQ(error.kind(), Kind::ConnectionLost);
+    EXPECT_NE(error.description().find("http://127.0.0.1:"), std::string::npos) << error.what();
+  }
+  for (const auto* const url : {"", "ftp://x", "127.0.0.1:7110", "http://", "http://:80", "http://a:b", "http://a:1/path"})
+    EXPECT_EQ(kindOf([&] { RemoteSession session({url, "t", std::chrono::milliseconds(100), {}}); }), Kind::InvalidArguments) << url;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace Tarvik
+{
+
+/// The root that is meant: `given` where not empty, else $TARVIK_ROOT, else
+/// $XDG_DATA_HOME/tarvik, else ~/.local/share/tarvik. Absolute; it need not exist.
+std::filesystem::path resolveRoot(const std::string& given = {});
+
+/// Names in a root.
+struct RootLayout
+{
+  explicit RootLayout(std::filesystem::path root)
+    : packages(root / "packages"), preferences(root / "preferences"), run(root / "run"), endpoint(run / "endpoint"), token(run / "token"),
+      lock(run / "lock")
+  {
+  }
+
+  std::filesystem::path packages;
+  std::filesystem::path preferences;
+  std::filesystem::path run;      ///< the running host's, mode 0700
+  std::filesystem::path endpoint; ///< its URL in one line
+  std::filesystem::path token;    ///< an admin's token in one line, mode 0600
+  std::filesystem::path lock;
+};
+
+} // namespace Tarvik

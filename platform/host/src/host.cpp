@@ -1,0 +1,156 @@
+#include <host/host.hpp>
+
+#include <charconv>
+#include <stdexcept>
+#include <tuple>
+
+#include <host/root.hpp>
+#include <zb/zbmemoryproxy.hpp>
+
+#include "rundirectory.hpp"
+
+namespace Tarvik
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+/// Each may use those before it.
+constexpr const char* platformModules[] = {"memory", "preferences", "packagemanager", "framemanager", "behaviormanager"};
+
+std::pair<std::string, std::uint16_t> parseListen(const std::string& text)
+{
+  const auto colon = text.rfind(':');
+  const auto fail = [&text] { return std::runtime_error("'" + text + "' is no place to listen: write it as ADDRESS:PORT, 127.0.0.1:7110 or [::1]:7110"); };
+  if (colon == std::string::npos || colon == 0)
+    throw fail();
+  auto address = text.substr(0, colon);
+  if (address.front() == '[' && address.back() == ']')
+    address = address.substr(1, address.size() - 2);
+  else if (address.find(':') != std::string::npos)
+    throw fail();
+  if (address == "localhost")
+    address = "127.0.0.1";
+  std::uint16_t port = 0;
+  const char* const end = text.data() + text.size();
+  if (const auto [rest, error] = std::from_chars(text.data() + colon + 1, end, port); error != std::errc() || rest != end)
+    throw fail();
+  return {address, port};
+}
+
+fs::path findModules()
+{
+  const auto here = fs::read_symlink("/proc/self/exe").parent_path();
+  for (const auto* const candidate : {"../modules", TARVIK_MODULES_FROM_EXECUTABLE})
+    if (const auto directory = (here / candidate).lexically_normal(); fs::is_directory(directory))
+      return directory;
+  throw std::runtime_error("the platform's modules are not beside " + here.string() + ": give --module-directory");
+}
+
+} // namespace
+
+/// In the order in which it comes into being; it goes the other way round.
+struct Host::Running
+{
+  explicit Running(const fs::path& root) : directory(root) {}
+
+  ~Running()
+  {
+    if (gateway)
+      gateway->stop();
+    if (broker)
+      broker->shutdown();
+  }
+
+  RunDirectory directory;
+  std::unique_ptr<Gateway> gateway;
+  std::string url;
+  std::shared_ptr<ZB::ZBBroker> broker;
+};
+
+Host::Host(Options options) : _options(std::move(options)) { _options.root = resolveRoot(_options.root.string()); }
+
+Host::~Host() { stop(); }
+
+void Host::start()
+{
+  if (_running)
+    throw std::logic_error("this host runs already");
+  auto running = std::make_unique<Running>(_options.root);
+
+  Gateway::Options gateway;
+  std::tie(gateway.address, gateway.port) = parseListen(_options.listen);
+  gateway.tlsCertificate = _options.tlsCertificate;
+  gateway.tlsKey = _options.tlsKey;
+  gateway.insecure = _options.insecure;
+  gateway.limits = _options.limits;
+  gateway.access.add(running->directory.makeToken(), {"local", Role::Admin});
+  running->gateway = std::make_unique<Gateway>(std::move(gateway));
+  // The address is known before the modules are loaded, which may start
+  // programs that need it; clients wait until they are.
+  running->url = running->gateway->listen();
+
+  ZB::ZBBroker::Options broker;
+  auto systemPackages = vu::Value::array();
+  for (const auto& directory : _options.systemPackages)
+    systemPackages.push_back(fs::absolute(directory).lexically_normal().string());
+  broker.configuration = {{"root", _options.root.string()},
+                          {"systemPackages", systemPackages},
+                          {"url", running->url},
+                          {"tokenFile", running->directory.layout().token.string()}};
+  running->broker = ZB::ZBBroker::create(std::move(broker));
+  _running = std::move(running);
+  try
+  {
+    loadModules();
+    _running->gateway->start(_running->broker);
+    _running->directory.announce(_running->url);
+    const vu::CallerScope caller("host");
+    const ZB::ZBMemoryProxy memory(_running->broker);
+    memory.declareEvent("TarvikReady");
+    memory.raiseMicroEvent("TarvikReady", 1);
+  }
+  catch (...)
+  {
+    stop();
+    throw;
+  }
+  vu::log::info("host", __func__, "ready at " + _running->url + " on the root " + _options.root.string());
+}
+
+void Host::loadModules()
+{
+  const auto directory = _options.moduleDirectory.empty() ? findModules() : fs::absolute(_options.moduleDirectory);
+  for (const auto* const name : platformModules)
+    _running->broker->loadLibrary(directory / ("lib" + std::string(name) + ".so"));
+  for (const auto& file : _options.modules)
+    _running->broker->loadLibrary(fs::absolute(file));
+}
+
+void Host::stop()
+{
+  if (!_running)
+    return;
+  vu::log::info("host", __func__, "shutting down");
+  _running.reset();
+}
+
+const std::string& Host::url() const
+{
+  if (!_running)
+    throw std::logic_error("this host does not run");
+  return _running->url;
+}
+
+const fs::path& Host::root() const { return _options.root; }
+
+const std::shared_ptr<ZB::ZBBroker>& Host::broker() const
+{
+  if (!_running)
+    throw std::logic_error("this host does not run");
+  return _running->broker;
+}
+
+} // namespace Tarvik

@@ -1,0 +1,134 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <host/commandline.hpp>
+#include <host/root.hpp>
+
+using namespace Tarvik;
+namespace fs = std::filesystem;
+
+namespace
+{
+
+struct Parsed
+{
+  std::optional<CommandLine> result;
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+Parsed parse(std::vector<const char*> arguments)
+{
+  arguments.insert(arguments.begin(), "tarvikd");
+  Parsed parsed;
+  std::ostringstream out;
+  std::ostringstream err;
+  parsed.result = parseCommandLine(static_cast<int>(arguments.size()), arguments.data(), out, err, parsed.exitCode);
+  parsed.out = out.str();
+  parsed.err = err.str();
+  return parsed;
+}
+
+class ConfigurationFile
+{
+public:
+  explicit ConfigurationFile(const std::string& text)
+  {
+    std::ofstream(path) << text;
+  }
+  ~ConfigurationFile() { fs::remove(path); }
+  const std::string path = testing::TempDir() + "tarvikd-" + std::to_string(::getpid()) + ".json";
+};
+
+/// Sets a variable of the environment, or takes it out, for a scope.
+class Variable
+{
+public:
+  Variable(const char* name, const char* value) : _name(name)
+  {
+    if (const char* const before = std::getenv(name))
+      _before = before;
+    value ? ::setenv(name, value, 1) : ::unsetenv(name);
+  }
+  ~Variable() { _before ? ::setenv(_name, _before->c_str(), 1) : ::unsetenv(_name); }
+
+private:
+  const char* const _name;
+  std::optional<std::string> _before;
+};
+
+} // namespace
+
+TEST(CommandLine, TakesEachOptionAndRepeatsLists)
+{
+  const auto parsed = parse({"--root", "/r", "--listen", "127.0.0.1:0", "--system-packages", "/a", "--system-packages", "/b", "--module", "x.so", "--module",
+                             "y.so", "--module-directory", "/m", "--log-level", "debug", "--tls-cert", "c", "--tls-key", "k", "--insecure"});
+  ASSERT_TRUE(parsed.result) << parsed.err;
+  const auto& host = parsed.result->host;
+  EXPECT_EQ(host.root, "/r");
+  EXPECT_EQ(host.listen, "127.0.0.1:0");
+  EXPECT_EQ(host.systemPackages, (std::vector<fs::path>{"/a", "/b"}));
+  EXPECT_EQ(host.modules, (std::vector<fs::path>{"x.so", "y.so"}));
+  EXPECT_EQ(host.moduleDirectory, "/m");
+  EXPECT_EQ(host.tlsCertificate + host.tlsKey, "ck");
+  EXPECT_TRUE(host.insecure);
+  EXPECT_EQ(parsed.result->logLevel, vu::log::Level::Debug);
+  EXPECT_EQ(parse({}).result->host.listen, "127.0.0.1:7110");
+}
+
+TEST(CommandLine, FileFillsInWhatTheCommandLineLeavesOpen)
+{
+  const ConfigurationFile file(R"({"listen": "127.0.0.1:1", "root": "/of-the-file", "module": ["m.so"], "insecure": true, "log-level": "error"})");
+  const auto parsed = parse({"--root", "/of-the-line", "--config", file.path.c_str()});
+  ASSERT_TRUE(parsed.result) << parsed.err;
+  EXPECT_EQ(parsed.result->host.root, "/of-the-line");
+  EXPECT_EQ(parsed.result->host.listen, "127.0.0.1:1");
+  EXPECT_EQ(parsed.result->host.modules, (std::vector<fs::path>{"m.so"}));
+  EXPECT_TRUE(parsed.result->host.insecure);
+  EXPECT_EQ(parsed.result->logLevel, vu::log::Level::Error);
+}
+
+TEST(CommandLine, RefusesWhatItDoesNotKnowByName)
+{
+  const std::pair<const char*, const char*> files[] = {
+    {R"({"lisen": "x"})", "lisen"}, {R"({"module": "m.so"})", "module"}, {R"({"insecure": 1})", "insecure"}, {"[]", "no JSON object"}, {"{", "no JSON"}};
+  for (const auto& [text, named] : files)
+  {
+    SCOPED_TRACE(text);
+    const ConfigurationFile file(text);
+    const auto parsed = parse({"--config", file.path.c_str()});
+    EXPECT_FALSE(parsed.result);
+    EXPECT_EQ(parsed.exitCode, 1);
+    EXPECT_NE(parsed.err.find(named), std::string::npos) << parsed.err;
+  }
+  for (const auto& arguments : std::vector<std::vector<const char*>>{{"--nonsense"}, {"--log-level", "loud"}, {"--config", "/nonexistent.json"}, {"extra"}})
+  {
+    const auto parsed = parse(arguments);
+    EXPECT_EQ(parsed.exitCode, 1);
+    EXPECT_NE(parsed.err.find(arguments.back()), std::string::npos) << parsed.err;
+  }
+  const auto help = parse({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_NE(help.out.find("--system-packages"), std::string::npos);
+}
+
+TEST(ResolveRoot, TakesTheFirstThatIsGiven)
+{
+  const Variable home("HOME", "/home/somebody");
+  const Variable root("TARVIK_ROOT", "/from-variable");
+  const Variable data("XDG_DATA_HOME", "/data");
+  EXPECT_EQ(resolveRoot("/given/"), fs::path("/given/"));
+  EXPECT_EQ(resolveRoot("given"), fs::current_path() / "given");
+  EXPECT_EQ(resolveRoot(), "/from-variable");
+  const Variable noRoot("TARVIK_ROOT", nullptr);
+  EXPECT_EQ(resolveRoot(), "/data/tarvik");
+  const Variable noData("XDG_DATA_HOME", nullptr);
+  EXPECT_EQ(resolveRoot(), "/home/somebody/.local/share/tarvik");
+}

@@ -1,0 +1,123 @@
+#include "fixture.hpp"
+
+#include <future>
+
+#include <host/host.hpp>
+#include <vu/remotesession.hpp>
+
+using namespace Tarvik;
+using HostTest::RootFixture;
+
+class HostInProcess : public RootFixture
+{
+protected:
+  HostInProcess()
+  {
+    options.root = root;
+    options.listen = "127.0.0.1:0";
+    options.moduleDirectory = TARVIK_MODULES;
+  }
+
+  std::string startFailure()
+  {
+    Host host(options);
+    try
+    {
+      host.start();
+      return "";
+    }
+    catch (const std::exception& error)
+    {
+      EXPECT_THROW(host.url(), std::logic_error);
+      return error.what();
+    }
+  }
+
+  Host::Options options;
+};
+
+TEST_F(HostInProcess, TellsItsClientsWhereItIsAndTakesItBackAtTheEnd)
+{
+  Host host(options);
+  host.start();
+  EXPECT_EQ(read("run/endpoint"), host.url());
+  EXPECT_EQ(read("run/token").size(), 64u);
+  EXPECT_EQ(mode("run"), 0700u);
+  EXPECT_EQ(mode("run/token"), 0600u);
+  EXPECT_EQ(mode("run/endpoint"), 0600u);
+  EXPECT_TRUE(exists("packages"));
+  EXPECT_TRUE(exists("preferences"));
+  const auto token = read("run/token");
+  {
+    vu::RemoteSession session({host.url(), token, std::chrono::milliseconds(10000), {}});
+    EXPECT_EQ(session.services(), (std::vector<std::string>{"PackageManager", "ZBBehaviorManager", "ZBFrameManager", "ZBMemory", "ZBPreferences"}));
+    const auto events = session.service("ZBMemory").value().call<std::vector<std::string>>("getEventList");
+    EXPECT_NE(std::find(events.begin(), events.end(), "TarvikReady"), events.end());
+  }
+  host.stop();
+  EXPECT_FALSE(exists("run/endpoint"));
+  EXPECT_FALSE(exists("run/token"));
+  host.stop();
+
+  host.start();
+  EXPECT_NE(read("run/token"), token) << "a fresh one at every start";
+}
+
+TEST_F(HostInProcess, SecondHostOnARootIsRefusedAndHarmsNotTheFirst)
+{
+  Host host(options);
+  host.start();
+  const auto token = read("run/token");
+  const auto failure = startFailure();
+  EXPECT_NE(failure.find("another host runs on the root " + root.string()), std::string::npos) << failure;
+  EXPECT_EQ(read("run/token"), token);
+  EXPECT_EQ(read("run/endpoint"), host.url());
+}
+
+TEST_F(HostInProcess, FailedStartNamesTheFaultAndLeavesNothingBehind)
+{
+  const auto expectFailure = [this](const std::string& named)
+  {
+    const auto failure = startFailure();
+    EXPECT_NE(failure.find(named), std::string::npos) << failure;
+    EXPECT_FALSE(exists("run/endpoint"));
+    EXPECT_FALSE(exists("run/token"));
+  };
+  options.modules = {"/nonexistent/libguest.so"};
+  expectFailure("/nonexistent/libguest.so");
+  const auto noLibrary = root / "libnothing.so";
+  std::ofstream(noLibrary) << "nothing";
+  options.modules = {noLibrary};
+  expectFailure(noLibrary.string());
+  options.modules.clear();
+  for (const auto* const place : {"127.0.0.1", "127.0.0.1:", ":7110", "127.0.0.1:70000", "127.0.0.1:x", "::1:80", ""})
+  {
+    SCOPED_TRACE(place);
+    options.listen = place;
+    expectFailure("'" + options.listen + "' is no place to listen");
+  }
+  options.listen = "0.0.0.0:0";
+  expectFailure("--insecure");
+  options.listen = "127.0.0.1:0";
+  options.moduleDirectory = root;
+  expectFailure("libmemory.so");
+  options.moduleDirectory = TARVIK_MODULES;
+  EXPECT_EQ(startFailure(), "");
+}
+
+TEST_F(HostInProcess, StopsWithClientsThatWaitForABehavior)
+{
+  std::ofstream(root / "behavior.xar") << R"(<project format="1" name="long"><wait seconds="1000"/></project>)";
+  Host host(options);
+  host.start();
+  vu::RemoteSession session({host.url(), read("run/token"), std::chrono::milliseconds(10000), {}});
+  const auto frames = session.service("ZBFrameManager").value();
+  const auto id = frames.call<std::string>("createBehavior", root.string(), std::string("behavior.xar"), std::string("long"));
+  frames.call<void>("playBehavior", id);
+  const auto ended = frames.async<vu::Value>("_waitForStopped", id);
+  EXPECT_FALSE(ended.isFinished());
+  auto stopped = std::async(std::launch::async, [&host] { host.stop(); });
+  ASSERT_EQ(stopped.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_TRUE(ended.wait(std::chrono::seconds(10)));
+  EXPECT_TRUE(ended.hasError());
+}
