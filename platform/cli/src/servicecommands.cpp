@@ -79,7 +79,8 @@ void addServiceCommands(Commands& commands)
       ->required();
 
   // The arguments are taken from what the parser leaves: as an option's values
-  // it would take arrays of JSON apart.
+  // it would take arrays of JSON apart. One that looks like an option of ours
+  // is written as a JSON string: '"--json"'.
   const auto chosen = std::make_shared<CLI::App*>();
   *chosen = commands.add("call", "Calls a method: SERVICE.METHOD [ARGUMENT...], arguments JSON or else strings",
                          [name, chosen](Context& context) { call(context, *name, (*chosen)->remaining()); });

@@ -278,8 +278,8 @@ TEST_F(EndToEnd, callPassesJsonAndStringsAndAnswersWithTheResult)
   EXPECT_EQ(tarvik({"call", "ZBMemory.getData", "Test/Number"}).out, "-1.5\n");
   EXPECT_EQ(tarvik({"call", "ZBMemory.insertData", "list", "run"}).code, 0);
   EXPECT_EQ(tarvik({"call", "ZBMemory.getData", "list"}).out, "run\n");
-  EXPECT_EQ(tarvik({"call", "ZBMemory.insertData", "--", "--json", "--text"}).code, 0);
-  EXPECT_EQ(tarvik({"call", "ZBMemory.getData", "--", "--json"}).out, "--text\n");
+  EXPECT_EQ(tarvik({"call", "ZBMemory.insertData", "\"--json\"", "--text"}).code, 0);
+  EXPECT_EQ(tarvik({"call", "ZBMemory.getData", "\"--json\""}).out, "--text\n");
 }
 
 TEST_F(EndToEnd, refusedCallTellsWhereToLook)
@@ -315,7 +315,8 @@ TEST_F(EndToEnd, addressAndTokenFileReachTheHostAndAWrongTokenIsRefused)
   const auto with = [&url](const std::string& tokenFile)
   {
     Process process({TARVIK, "--url", url, "--token-file", tokenFile, "services"});
-    return std::pair(process.waitForEnd().value_or(-1), process.error());
+    const auto code = process.waitForEnd().value_or(-1);
+    return std::pair(code, process.error());
   };
   EXPECT_EQ(with(root() + "/run/token").first, 0);
   const auto wrong = fs::path(root()) / "wrong";

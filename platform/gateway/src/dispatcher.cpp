@@ -57,11 +57,12 @@ std::shared_ptr<Dispatcher::OpenCalls> Dispatcher::makeOpenCalls() { return std:
 void logCall(const Client& client, const std::string& service, const std::string& method, const std::string& outcome)
 {
   const auto level = mayCall(Role::Observer, service, method) ? vu::log::Level::Debug : vu::log::Level::Info;
-  vu::log::write(level, "gateway", "call",
-                 client.identity.name + " at " + client.address + ": " + service + "." + method + ": " + outcome);
+  const vu::CallerScope caller(client.identity.name); // which the line tells
+  vu::log::write(level, "gateway", "call", service + "." + method + " from " + client.address + ": " + outcome);
 }
 
-void Dispatcher::handle(JsonRpc::Message message, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own, Done done) const
+void Dispatcher::handle(JsonRpc::Message message, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
+                        Done done) const
 {
   if (message.batch)
   {
@@ -79,7 +80,8 @@ void Dispatcher::handle(JsonRpc::Message message, const Client& client, const st
     done(std::get<std::string>(message.entries.front()));
 }
 
-void Dispatcher::dispatch(JsonRpc::Request request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own, Done done) const
+void Dispatcher::dispatch(JsonRpc::Request request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
+                          Done done) const
 {
   if (request.notification)
     done = [done](std::string) { done({}); };
@@ -118,7 +120,8 @@ std::string Dispatcher::session(const JsonRpc::Request& request) const
   {
     if (request.params.size() != count)
       throw vu::ServiceError(request.service, request.method,
-                             request.fullName() + " takes " + std::to_string(count) + " parameters, " + std::to_string(request.params.size()) + " given",
+                             request.fullName() + " takes " + std::to_string(count) + " parameters, " +
+                                 std::to_string(request.params.size()) + " given",
                              Kind::InvalidArguments);
   };
   if (request.method == "services")
@@ -156,25 +159,25 @@ void Dispatcher::call(const JsonRpc::Request& request, const Client& client, con
   // The continuation outlives the connection and the gateway: it has values
   // only, and what `done` holds weakly.
   object->post(request.method, request.params)
-    .then(
-      [id = request.id, service = request.service, method = request.method, client, done](const vu::Future<vu::Value>& result)
-      {
-        std::string answer;
-        if (result.hasError())
-        {
-          logCall(client, service, method, result.error());
-          JsonRpc::Request called;
-          called.service = service;
-          called.method = method;
-          answer = JsonRpc::error(id, called, result.exception());
-        }
-        else
-        {
-          logCall(client, service, method, "ok");
-          answer = JsonRpc::result(id, result.value());
-        }
-        done(std::move(answer));
-      });
+      .then(
+          [id = request.id, service = request.service, method = request.method, client, done](const vu::Future<vu::Value>& result)
+          {
+            std::string answer;
+            if (result.hasError())
+            {
+              logCall(client, service, method, result.error());
+              JsonRpc::Request called;
+              called.service = service;
+              called.method = method;
+              answer = JsonRpc::error(id, called, result.exception());
+            }
+            else
+            {
+              logCall(client, service, method, "ok");
+              answer = JsonRpc::result(id, result.value());
+            }
+            done(std::move(answer));
+          });
 }
 
 } // namespace Tarvik

@@ -38,7 +38,7 @@ public:
   using Done = std::function<void(std::string answer)>;
 
   Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::size_t maximumOpenCalls)
-    : _broker(std::move(broker)), _maximumOpenCalls(maximumOpenCalls)
+      : _broker(std::move(broker)), _maximumOpenCalls(maximumOpenCalls)
   {
   }
 

@@ -48,26 +48,26 @@ struct Gateway::Implementation
   void accept()
   {
     acceptor.async_accept(
-      [this](error_code error, tcp::socket socket)
-      {
-        if (*server->stopped)
-          return;
-        if (error)
+        [this](error_code error, tcp::socket socket)
         {
-          // Out of files, most likely: what is open must end first.
-          vu::log::warning("gateway", "accept", error.message());
-          pause.expires_after(std::chrono::milliseconds(100));
-          pause.async_wait(
-            [this](error_code cancelled)
-            {
-              if (!cancelled)
-                accept();
-            });
-          return;
-        }
-        serveHttp(server, io, std::move(socket), server->connections.size() >= server->options.limits.connections);
-        accept();
-      });
+          if (*server->stopped)
+            return;
+          if (error)
+          {
+            // Out of files, most likely: what is open must end first.
+            vu::log::warning("gateway", "accept", error.message());
+            pause.expires_after(std::chrono::milliseconds(100));
+            pause.async_wait(
+                [this](error_code cancelled)
+                {
+                  if (!cancelled)
+                    accept();
+                });
+            return;
+          }
+          serveHttp(server, io, std::move(socket), server->connections.size() >= server->options.limits.connections);
+          accept();
+        });
   }
 
   void run()
@@ -91,11 +91,11 @@ struct Gateway::Implementation
     pause.cancel();
     deadline.expires_after(server->options.limits.close);
     deadline.async_wait(
-      [this](error_code error)
-      {
-        if (!error)
-          each(&Connection::abort);
-      });
+        [this](error_code error)
+        {
+          if (!error)
+            each(&Connection::abort);
+        });
     server->connectionEnded = [this]
     {
       if (server->connections.empty())
@@ -130,7 +130,8 @@ std::string Gateway::listen()
   const auto& server = _implementation->server;
   auto& acceptor = _implementation->acceptor;
   const auto& options = server->options;
-  const auto where = (options.address.find(':') == std::string::npos ? options.address : "[" + options.address + "]") + ":" + std::to_string(options.port);
+  const auto where =
+      (options.address.find(':') == std::string::npos ? options.address : "[" + options.address + "]") + ":" + std::to_string(options.port);
   error_code error;
   const auto address = asio::ip::make_address(options.address, error);
   if (error)

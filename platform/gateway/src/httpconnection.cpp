@@ -32,14 +32,15 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
 {
 public:
   HttpConnection(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket)
-    : _io(std::move(io)), _server(std::move(server)), _stream(std::move(socket), _server->tls.get())
+      : _io(std::move(io)), _server(std::move(server)), _stream(std::move(socket), _server->tls.get())
   {
     error_code error;
     const auto& tcp = _stream.next_layer().socket();
     _door = {tcp.local_endpoint(error), _server->tls != nullptr};
     const auto peer = tcp.remote_endpoint(error);
     if (!error)
-      _peer = (peer.address().is_v6() ? "[" + peer.address().to_string() + "]" : peer.address().to_string()) + ":" + std::to_string(peer.port());
+      _peer = (peer.address().is_v6() ? "[" + peer.address().to_string() + "]" : peer.address().to_string()) + ":" +
+              std::to_string(peer.port());
   }
 
   void start(bool crowded)
@@ -83,7 +84,8 @@ private:
     _parser->body_limit(limits.messageBytes);
     _stream.next_layer().expires_after(_first ? limits.header : limits.idle);
     http::async_read_header(_stream, _buffer, *_parser,
-                            [self = shared_from_this()](error_code error, std::size_t) { error ? self->unreadable(error) : self->onHeader(); });
+                            [self = shared_from_this()](error_code error, std::size_t)
+                            { error ? self->unreadable(error) : self->onHeader(); });
   }
 
   void unreadable(error_code error)
@@ -171,8 +173,8 @@ private:
     }
     auto response = respond(Page::text(303, "welcome, " + identity->name));
     response->set(http::field::location, path);
-    response->set(http::field::set_cookie, cookieName(_door) + "=" + std::string(token) + "; HttpOnly; SameSite=Strict; Path=/" +
-                                             (_door.secure ? "; Secure" : ""));
+    response->set(http::field::set_cookie,
+                  cookieName(_door) + "=" + std::string(token) + "; HttpOnly; SameSite=Strict; Path=/" + (_door.secure ? "; Secure" : ""));
     send(response);
     return true;
   }
@@ -212,7 +214,8 @@ private:
     }
     if (request.method() != http::verb::post)
     {
-      auto response = respond(Page::text(request.method() == http::verb::get ? 426 : 405, "send a JSON-RPC message with POST, or open a WebSocket"));
+      auto response =
+          respond(Page::text(request.method() == http::verb::get ? 426 : 405, "send a JSON-RPC message with POST, or open a WebSocket"));
       response->set(http::field::allow, "GET, POST");
       if (request.method() == http::verb::get)
         response->set(http::field::upgrade, "websocket");
@@ -256,13 +259,14 @@ private:
     try
     {
       _server->broker->pool()->postCall(
-        [io = _io, self = weak_from_this(), turn, broker = _server->broker, stopped = _server->stopped, client = _client, make = std::move(make)]
-        {
-          if (*stopped)
-            return;
-          auto page = make(*broker, client);
-          asio::post(*io, [self, turn, page = std::move(page)]() mutable { finish(self, turn, std::move(page)); });
-        });
+          [io = _io, self = weak_from_this(), turn, broker = _server->broker, stopped = _server->stopped, client = _client,
+           make = std::move(make)]
+          {
+            if (*stopped)
+              return;
+            auto page = make(*broker, client);
+            asio::post(*io, [self, turn, page = std::move(page)]() mutable { finish(self, turn, std::move(page)); });
+          });
     }
     catch (const vu::ServiceError& error)
     {
@@ -365,7 +369,8 @@ private:
 
   void readAway()
   {
-    _stream.async_read_some(asio::buffer(_waste), [self = shared_from_this()](error_code error, std::size_t) { error ? self->end() : self->readAway(); });
+    _stream.async_read_some(asio::buffer(_waste),
+                            [self = shared_from_this()](error_code error, std::size_t) { error ? self->end() : self->readAway(); });
   }
 
   void end()

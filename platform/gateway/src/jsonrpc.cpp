@@ -103,7 +103,7 @@ Message parse(std::string_view text)
   if (isTooDeep(text))
   {
     message.entries.emplace_back(
-      error(nullptr, InvalidRequest, "invalid request: values may be nested " + std::to_string(maximumDepth) + " deep"));
+        error(nullptr, InvalidRequest, "invalid request: values may be nested " + std::to_string(maximumDepth) + " deep"));
     return message;
   }
   vu::Value value;

@@ -24,7 +24,7 @@ public:
   /// `wake` is called, on the putting thread and without a lock, when the
   /// writer has something to do after take() had nothing for it.
   Outbox(std::size_t maximumMessages, std::size_t maximumBytes, std::function<void()> wake)
-    : _maximumMessages(maximumMessages), _maximumBytes(maximumBytes), _wake(std::move(wake))
+      : _maximumMessages(maximumMessages), _maximumBytes(maximumBytes), _wake(std::move(wake))
   {
   }
 

@@ -86,11 +86,11 @@ vu::Value carryOut(ZB::ZBBroker& broker, Expression& expression, const Client& c
   if (!method || !method->future || (result.isFinished() && result.hasError()))
     return method && method->future ? (result.value(), vu::Value()) : result.value();
   result.then(
-    [client, service = expression.service, name = expression.method](const vu::Future<vu::Value>& end)
-    {
-      if (end.hasError())
-        logCall(client, service, name, "begun, then: " + end.error());
-    });
+      [client, service = expression.service, name = expression.method](const vu::Future<vu::Value>& end)
+      {
+        if (end.hasError())
+          logCall(client, service, name, "begun, then: " + end.error());
+      });
   return nullptr;
 }
 

@@ -23,7 +23,8 @@ public:
 
   /// TLS with a context; it must outlive the stream.
   Stream(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* context)
-    : _tcp(std::make_unique<boost::beast::tcp_stream>(std::move(socket))), _secure(context ? std::make_unique<Secure>(*_tcp, *context) : nullptr)
+      : _tcp(std::make_unique<boost::beast::tcp_stream>(std::move(socket))),
+        _secure(context ? std::make_unique<Secure>(*_tcp, *context) : nullptr)
   {
   }
 

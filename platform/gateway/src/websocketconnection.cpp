@@ -27,7 +27,7 @@ class WebSocketConnection final : public Connection, public std::enable_shared_f
 {
 public:
   WebSocketConnection(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client)
-    : _io(std::move(io)), _server(std::move(server)), _client(std::move(client)), _webSocket(std::move(stream)), _timer(*_io)
+      : _io(std::move(io)), _server(std::move(server)), _client(std::move(client)), _webSocket(std::move(stream)), _timer(*_io)
   {
   }
 
@@ -94,25 +94,26 @@ private:
     // In a batch, whose answer comes when all of it has been carried out,
     // nothing is held back.
     if (const auto* const request = message.batch ? nullptr : std::get_if<JsonRpc::Request>(&message.entries.front());
-        request && request->service == "session" && (request->method == "connect" || request->method == "subscribe") && !request->notification)
+        request && request->service == "session" && (request->method == "connect" || request->method == "subscribe") &&
+        !request->notification)
     {
       const auto slot = _outbox->reserve();
       _outbox->fill(slot, answerLink(*request));
       return;
     }
     _server->dispatcher->handle(
-      std::move(message), _client, _openCalls,
-      [this](const JsonRpc::Request& request) -> std::optional<std::string>
-      {
-        if (request.method == "connect" || request.method == "subscribe" || request.method == "disconnect")
-          return answerLink(request);
-        return std::nullopt;
-      },
-      [outbox = _outbox](std::string answer)
-      {
-        if (!answer.empty())
-          outbox->push(std::move(answer));
-      });
+        std::move(message), _client, _openCalls,
+        [this](const JsonRpc::Request& request) -> std::optional<std::string>
+        {
+          if (request.method == "connect" || request.method == "subscribe" || request.method == "disconnect")
+            return answerLink(request);
+          return std::nullopt;
+        },
+        [outbox = _outbox](std::string answer)
+        {
+          if (!answer.empty())
+            outbox->push(std::move(answer));
+        });
   }
 
   std::string answerLink(const JsonRpc::Request& request)
@@ -151,10 +152,9 @@ private:
       const auto service = params[0].get<std::string>();
       const auto signal = params[1].get<std::string>();
       connect(service, signal, number,
-              [outbox = _outbox, number, service, signal](const vu::Value& arguments)
-              {
-                outbox->push(
-                  JsonRpc::notification("signal", {{"link", number}, {"service", service}, {"signal", signal}, {"arguments", arguments}}));
+              [outbox = _outbox, number, service, signal](const vu::Value& arguments) {
+                outbox->push(JsonRpc::notification("signal",
+                                                   {{"link", number}, {"service", service}, {"signal", signal}, {"arguments", arguments}}));
               });
     }
     else
@@ -225,11 +225,11 @@ private:
     vu::log::info("gateway", __func__, _client.identity.name + " at " + _client.address + " is disconnected: " + reason);
     _timer.expires_after(_server->options.limits.close);
     _timer.async_wait(
-      [self = shared_from_this()](error_code error)
-      {
-        if (!error)
-          self->abort();
-      });
+        [self = shared_from_this()](error_code error)
+        {
+          if (!error)
+            self->abort();
+        });
     _webSocket.async_close(websocket::close_reason(code, reason), [self = shared_from_this()](error_code) { self->end(); });
   }
 

@@ -207,7 +207,8 @@ protected:
   std::string request(const std::string& line, Fields fields = {}, const std::string& body = {}, const std::string& bearer = token) const
   {
     std::string text = line + " HTTP/1.1\r\n";
-    const auto has = [&fields](const std::string& name) { return std::any_of(fields.begin(), fields.end(), [&](auto& f) { return f.first == name; }); };
+    const auto has = [&fields](const std::string& name)
+    { return std::any_of(fields.begin(), fields.end(), [&](auto& f) { return f.first == name; }); };
     if (!has("Host"))
       fields.emplace_back("Host", "127.0.0.1:" + port);
     if (!bearer.empty())
@@ -219,8 +220,14 @@ protected:
     return text + "\r\n" + body;
   }
 
-  Answer get(const std::string& target, Fields fields = {}, const std::string& bearer = token) { return raw(request("GET " + target, fields, {}, bearer)); }
-  Answer post(const std::string& body, Fields fields = {}, const std::string& bearer = token) { return raw(request("POST /rpc", fields, body, bearer)); }
+  Answer get(const std::string& target, Fields fields = {}, const std::string& bearer = token)
+  {
+    return raw(request("GET " + target, fields, {}, bearer));
+  }
+  Answer post(const std::string& body, Fields fields = {}, const std::string& bearer = token)
+  {
+    return raw(request("POST /rpc", fields, body, bearer));
+  }
   vu::Value rpc(const std::string& body, const std::string& bearer = token) { return vu::Value::parse(post(body, {}, bearer).body); }
   vu::RemoteSession::Options remote(const std::string& bearer = token) const { return {url, bearer, std::chrono::milliseconds(10000), {}}; }
 

@@ -18,8 +18,9 @@ TEST_F(Http, CallsAnswerWithTheResultOrTheErrorWhole)
   EXPECT_EQ(call("Bench.add", "[2,3]"), (vu::Value{{"jsonrpc", "2.0"}, {"id", 1}, {"result", 5}}));
   EXPECT_EQ(call("Bench.nothing", "[]")["result"], nullptr);
   EXPECT_EQ(call("Bench.caller", "[]")["result"], "local");
-  EXPECT_EQ(call("Bench.fail", R"(["broken"])")["error"],
-            (vu::Value{{"code", -32000}, {"message", "broken"}, {"data", {{"module", "Bench"}, {"method", "fail"}, {"description", "broken"}}}}));
+  EXPECT_EQ(
+      call("Bench.fail", R"(["broken"])")["error"],
+      (vu::Value{{"code", -32000}, {"message", "broken"}, {"data", {{"module", "Bench"}, {"method", "fail"}, {"description", "broken"}}}}));
   EXPECT_EQ(call("Bench.failedFuture", "[]")["error"]["data"],
             (vu::Value{{"module", "Bench"}, {"method", "failedFuture"}, {"description", "plain text"}}));
   EXPECT_EQ(call("Bench.add", "[2]")["error"]["code"], -32602);
@@ -84,7 +85,8 @@ TEST_F(Http, RequestsForAnotherHostOrFromAnotherSiteAreRefused)
   const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"Bench.add","params":[1,1]})";
   EXPECT_EQ(post(call, {{"Origin", "http://evil.example"}}).status, 403u);
   EXPECT_EQ(post(call, {{"Origin", "http://127.0.0.1:" + port}}).status, 200u);
-  EXPECT_EQ(get("/Bench/?eval=Bench.nothing()", {{"Sec-Fetch-Site", "same-site"}}).status, 403u) << "a page of another port, with our cookie";
+  EXPECT_EQ(get("/Bench/?eval=Bench.nothing()", {{"Sec-Fetch-Site", "same-site"}}).status, 403u)
+      << "a page of another port, with our cookie";
   EXPECT_EQ(get("/Bench/?eval=Bench.nothing()", {{"Sec-Fetch-Site", "same-origin"}}).status, 200u);
 }
 
@@ -126,22 +128,22 @@ TEST_F(Http, EvalCarriesOutOneCallAndTellsHowItWent)
     const char* body;
   };
   const Case cases[] = {
-    {"Bench.add(2,3)", 200, "5"},
-    {"Bench.echo(%27a%20b%27)", 200, "\"a b\""},
-    {"Bench.nothing()", 200, "null"},
-    {"Bench.caller()", 200, "\"local\""},
-    {"Bench.loadBehavior('x/y')", 200, "\"preloaded x/y\""},
-    {"Bench.unloadBehavior('x')", 200, "\"stopped x\""},
-    {"Bench.later('eval')", 200, "null"},
-    {"Bench.fail('broken')", 500, "broken\n"},
-    {"Bench.failAtOnce()", 500, "not today\n"},
-    {"Bench.failedFuture()", 500, "plain text\n"},
-    {"Nobody.add()", 404, "there is no service Nobody\n"},
-    {"Bench.subtract()", 404, nullptr},
-    {"Bench.add(1)", 400, nullptr},
-    {"Bench.add('1',2)", 400, nullptr},
-    {"Bench.add(", 400, "position 11 of the expression: expected a text in quotes, a number, true, false or null, found its end\n"},
-    {"Bench.add%2", 400, nullptr},
+      {"Bench.add(2,3)", 200, "5"},
+      {"Bench.echo(%27a%20b%27)", 200, "\"a b\""},
+      {"Bench.nothing()", 200, "null"},
+      {"Bench.caller()", 200, "\"local\""},
+      {"Bench.loadBehavior('x/y')", 200, "\"preloaded x/y\""},
+      {"Bench.unloadBehavior('x')", 200, "\"stopped x\""},
+      {"Bench.later('eval')", 200, "null"},
+      {"Bench.fail('broken')", 500, "broken\n"},
+      {"Bench.failAtOnce()", 500, "not today\n"},
+      {"Bench.failedFuture()", 500, "plain text\n"},
+      {"Nobody.add()", 404, "there is no service Nobody\n"},
+      {"Bench.subtract()", 404, nullptr},
+      {"Bench.add(1)", 400, nullptr},
+      {"Bench.add('1',2)", 400, nullptr},
+      {"Bench.add(", 400, "position 11 of the expression: expected a text in quotes, a number, true, false or null, found its end\n"},
+      {"Bench.add%2", 400, nullptr},
   };
   for (const auto& [expression, status, body] : cases)
   {
@@ -171,8 +173,13 @@ TEST_F(Http, CallsAreLoggedWithTheirCallerAndNeverWithATokenInThem)
   rpc(R"({"jsonrpc":"2.0","id":1,"method":"Bench.add","params":[1,1]})", "operator-token");
   get("/?token=admin-token", {}, "");
   get("/Bench/", {}, "wrong-token");
-  EXPECT_EQ(log.count(vu::log::Level::Info, ": Bench.fail: broken"), 1u);
-  EXPECT_EQ(log.count(vu::log::Level::Info, "tablet at 127.0.0.1:"), 1u);
+  EXPECT_EQ(log.count(vu::log::Level::Info, "Bench.fail from 127.0.0.1:"), 1u);
+  EXPECT_EQ(log.count(vu::log::Level::Info, "Bench.add from 127.0.0.1:"), 1u);
+  for (const auto& line : log.lines())
+  {
+    EXPECT_EQ(line.caller == "tablet", line.message.starts_with("Bench.add from ")) << line.message;
+    EXPECT_EQ(line.message.ends_with(": broken"), line.message.starts_with("Bench.fail from ")) << line.message;
+  }
   for (const auto& line : log.lines())
     EXPECT_EQ(line.message.find("-token"), std::string::npos) << line.message;
 }

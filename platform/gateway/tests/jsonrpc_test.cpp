@@ -35,7 +35,8 @@ TEST(JsonRpcParse, RefusesWhatIsNoRequestWithTheCodeThatSaysWhy)
   EXPECT_EQ(refusal(R"({"jsonrpc":"2.0","id":1,"method":"ab"})"), JsonRpc::MethodNotFound);
   EXPECT_EQ(refusal(R"({"jsonrpc":"2.0","id":1,"method":"a.b","params":{"x":1}})"), JsonRpc::InvalidParams);
   EXPECT_EQ(refusal(std::string(1000000, '[')), JsonRpc::InvalidRequest);
-  EXPECT_EQ(refusal(R"({"jsonrpc":"2.0","id":1,"method":"a.b","params":[")" + std::string(1000, '[') + "\"]}"), 0) << "brackets in a text are not nested";
+  EXPECT_EQ(refusal(R"({"jsonrpc":"2.0","id":1,"method":"a.b","params":[")" + std::string(1000, '[') + "\"]}"), 0)
+      << "brackets in a text are not nested";
 }
 
 TEST(JsonRpcParse, TellsRequestsNotificationsAndBatchesApart)
@@ -56,10 +57,11 @@ TEST(JsonRpcError, CarriesModuleMethodAndDescriptionWithTheCodeOfItsKind)
   JsonRpc::Request request;
   request.service = "S";
   request.method = "m";
-  const auto answer = [&request](auto error) { return vu::Value::parse(JsonRpc::error(7, request, std::make_exception_ptr(error)))["error"]; };
+  const auto answer = [&request](auto error)
+  { return vu::Value::parse(JsonRpc::error(7, request, std::make_exception_ptr(error)))["error"]; };
   const std::pair<Kind, int> cases[] = {
-    {Kind::Service, -32000},          {Kind::UnknownService, -32601}, {Kind::UnknownMethod, -32601},
-    {Kind::InvalidArguments, -32602}, {Kind::NotAllowed, -32001},     {Kind::Overloaded, -32002},
+      {Kind::Service, -32000},          {Kind::UnknownService, -32601}, {Kind::UnknownMethod, -32601},
+      {Kind::InvalidArguments, -32602}, {Kind::NotAllowed, -32001},     {Kind::Overloaded, -32002},
   };
   for (const auto& [kind, code] : cases)
     EXPECT_EQ(answer(vu::ServiceError("M", "x", "text", kind))["code"], code);
@@ -69,7 +71,4 @@ TEST(JsonRpcError, CarriesModuleMethodAndDescriptionWithTheCodeOfItsKind)
   EXPECT_EQ(answer(vu::ServiceError("M", "", "t", Kind::UnknownService))["data"]["unknown"], "service");
 }
 
-TEST(JsonRpcDump, ReplacesWhatIsNoUtf8)
-{
-  EXPECT_EQ(vu::Value::parse(JsonRpc::result(1, "a\xff"))["result"], "a\xef\xbf\xbd");
-}
+TEST(JsonRpcDump, ReplacesWhatIsNoUtf8) { EXPECT_EQ(vu::Value::parse(JsonRpc::result(1, "a\xff"))["result"], "a\xef\xbf\xbd"); }

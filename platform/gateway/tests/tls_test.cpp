@@ -28,7 +28,7 @@ public:
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("test"), -1, -1, 0);
     X509_set_issuer_name(made.get(), name);
     const std::unique_ptr<X509_EXTENSION, void (*)(X509_EXTENSION*)> alternative(
-      X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1"), X509_EXTENSION_free);
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1"), X509_EXTENSION_free);
     X509_add_ext(made.get(), alternative.get(), -1);
     X509_sign(made.get(), pair.get(), EVP_sha256());
     write(certificate, [&made](FILE* file) { return PEM_write_X509(file, made.get()); });

@@ -152,7 +152,8 @@ TEST_F(WebSocket, SignalsAndEventsArriveUntilTheyAreDisconnected)
   const auto object = session.service("Bench").value();
   const auto link = object.connect<int>("happened", [&](int number) { numbers.add(number); }).value();
   session.subscribe("a", [&](const std::string& key, const vu::Value& value) { one.add(key + value.dump()); }).value();
-  const auto everything = session.subscribe("*", [&](const std::string& key, const vu::Value& value) { all.add(key + value.dump()); }).value();
+  const auto everything =
+      session.subscribe("*", [&](const std::string& key, const vu::Value& value) { all.add(key + value.dump()); }).value();
   bench->emit(7);
   memory->raise("b", 1);
   memory->raise("a", {"x"});
@@ -188,15 +189,15 @@ TEST_F(WebSocket, NotificationsComeInTheOrderOfEmissionWhateverTheirKind)
   std::vector<std::thread> threads;
   for (int t = 0; t < emitters; ++t)
     threads.emplace_back(
-      [&, t]
-      {
-        for (int i = 0; i < each; ++i)
+        [&, t]
         {
-          const std::lock_guard lock(turn); // makes the order known
-          (t + i) % 2 ? bench->emit(number) : memory->raise("k", number);
-          ++number;
-        }
-      });
+          for (int i = 0; i < each; ++i)
+          {
+            const std::lock_guard lock(turn); // makes the order known
+            (t + i) % 2 ? bench->emit(number) : memory->raise("k", number);
+            ++number;
+          }
+        });
   for (auto& thread : threads)
     thread.join();
   const auto values = seen.waitFor(emitters * each);
@@ -212,11 +213,11 @@ TEST_F(WebSocket, AnswerNeverOvertakesWhatWasEmittedBefore)
   auto stream = open();
   std::atomic<bool> stop = false;
   std::thread emitter(
-    [&]
-    {
-      while (!stop)
-        bench->emit(-1);
-    });
+      [&]
+      {
+        while (!stop)
+          bench->emit(-1);
+      });
   // The link is known before its first notification, however fast that comes.
   const auto link = ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
   stop = true;
@@ -359,7 +360,10 @@ TEST_F(WebSocket, HandshakeIsRefusedToStrangers)
 {
   begin();
   EXPECT_EQ(kindOf([&] { RemoteSession session(remote("wrong")); }), Kind::NotAllowed);
-  const Fields upgrade{{"Connection", "Upgrade"}, {"Upgrade", "websocket"}, {"Sec-WebSocket-Version", "13"}, {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}};
+  const Fields upgrade{{"Connection", "Upgrade"},
+                       {"Upgrade", "websocket"},
+                       {"Sec-WebSocket-Version", "13"},
+                       {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}};
   const auto with = [&upgrade](const std::string& name, const std::string& value)
   {
     auto fields = upgrade;

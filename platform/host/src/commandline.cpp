@@ -47,9 +47,10 @@ void readConfiguration(const std::string& file, Settings& settings)
   if (!values.is_object())
     refuse(file + " holds no JSON object");
   const std::map<std::string, std::string*> texts{
-    {"root", &settings.root},         {"listen", &settings.listen},           {"module-directory", &settings.moduleDirectory},
-    {"log-level", &settings.logLevel}, {"tls-cert", &settings.tlsCertificate}, {"tls-key", &settings.tlsKey}};
-  const std::map<std::string, std::vector<std::string>*> lists{{"system-packages", &settings.systemPackages}, {"module", &settings.modules}};
+      {"root", &settings.root},          {"listen", &settings.listen},           {"module-directory", &settings.moduleDirectory},
+      {"log-level", &settings.logLevel}, {"tls-cert", &settings.tlsCertificate}, {"tls-key", &settings.tlsKey}};
+  const std::map<std::string, std::vector<std::string>*> lists{{"system-packages", &settings.systemPackages},
+                                                               {"module", &settings.modules}};
   for (const auto& [key, value] : values.items())
     try
     {
@@ -83,7 +84,8 @@ std::optional<CommandLine> parseCommandLine(int argc, const char* const* argv, s
   Settings settings;
   std::string configuration;
   CLI::App app("The Tarvik host: loads the platform's modules and lets clients in.", "tarvikd");
-  app.add_option("--root", settings.root, "Directory of packages, preferences and the running host (default: $TARVIK_ROOT, else ~/.local/share/tarvik)");
+  app.add_option("--root", settings.root,
+                 "Directory of packages, preferences and the running host (default: $TARVIK_ROOT, else ~/.local/share/tarvik)");
   app.add_option("--listen", settings.listen, "ADDRESS:PORT; port 0 takes a free one (default: 127.0.0.1:7110)");
   app.add_option("--system-packages", settings.systemPackages, "Directory of read-only packages")->expected(1)->take_all();
   app.add_option("--module", settings.modules, "Module library to load after the platform's own")->expected(1)->take_all();

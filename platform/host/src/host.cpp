@@ -23,7 +23,8 @@ constexpr const char* platformModules[] = {"memory", "preferences", "packagemana
 std::pair<std::string, std::uint16_t> parseListen(const std::string& text)
 {
   const auto colon = text.rfind(':');
-  const auto fail = [&text] { return std::runtime_error("'" + text + "' is no place to listen: write it as ADDRESS:PORT, 127.0.0.1:7110 or [::1]:7110"); };
+  const auto fail = [&text]
+  { return std::runtime_error("'" + text + "' is no place to listen: write it as ADDRESS:PORT, 127.0.0.1:7110 or [::1]:7110"); };
   if (colon == std::string::npos || colon == 0)
     throw fail();
   auto address = text.substr(0, colon);

@@ -39,10 +39,7 @@ Parsed parse(std::vector<const char*> arguments)
 class ConfigurationFile
 {
 public:
-  explicit ConfigurationFile(const std::string& text)
-  {
-    std::ofstream(path) << text;
-  }
+  explicit ConfigurationFile(const std::string& text) { std::ofstream(path) << text; }
   ~ConfigurationFile() { fs::remove(path); }
   const std::string path = testing::TempDir() + "tarvikd-" + std::to_string(::getpid()) + ".json";
 };
@@ -68,8 +65,9 @@ private:
 
 TEST(CommandLine, TakesEachOptionAndRepeatsLists)
 {
-  const auto parsed = parse({"--root", "/r", "--listen", "127.0.0.1:0", "--system-packages", "/a", "--system-packages", "/b", "--module", "x.so", "--module",
-                             "y.so", "--module-directory", "/m", "--log-level", "debug", "--tls-cert", "c", "--tls-key", "k", "--insecure"});
+  const auto parsed = parse({"--root",     "/r",   "--listen",  "127.0.0.1:0", "--system-packages",  "/a", "--system-packages", "/b",
+                             "--module",   "x.so", "--module",  "y.so",        "--module-directory", "/m", "--log-level",       "debug",
+                             "--tls-cert", "c",    "--tls-key", "k",           "--insecure"});
   ASSERT_TRUE(parsed.result) << parsed.err;
   const auto& host = parsed.result->host;
   EXPECT_EQ(host.root, "/r");
@@ -85,7 +83,8 @@ TEST(CommandLine, TakesEachOptionAndRepeatsLists)
 
 TEST(CommandLine, FileFillsInWhatTheCommandLineLeavesOpen)
 {
-  const ConfigurationFile file(R"({"listen": "127.0.0.1:1", "root": "/of-the-file", "module": ["m.so"], "insecure": true, "log-level": "error"})");
+  const ConfigurationFile file(
+      R"({"listen": "127.0.0.1:1", "root": "/of-the-file", "module": ["m.so"], "insecure": true, "log-level": "error"})");
   const auto parsed = parse({"--root", "/of-the-line", "--config", file.path.c_str()});
   ASSERT_TRUE(parsed.result) << parsed.err;
   EXPECT_EQ(parsed.result->host.root, "/of-the-line");
@@ -97,8 +96,11 @@ TEST(CommandLine, FileFillsInWhatTheCommandLineLeavesOpen)
 
 TEST(CommandLine, RefusesWhatItDoesNotKnowByName)
 {
-  const std::pair<const char*, const char*> files[] = {
-    {R"({"lisen": "x"})", "lisen"}, {R"({"module": "m.so"})", "module"}, {R"({"insecure": 1})", "insecure"}, {"[]", "no JSON object"}, {"{", "no JSON"}};
+  const std::pair<const char*, const char*> files[] = {{R"({"lisen": "x"})", "lisen"},
+                                                       {R"({"module": "m.so"})", "module"},
+                                                       {R"({"insecure": 1})", "insecure"},
+                                                       {"[]", "no JSON object"},
+                                                       {"{", "no JSON"}};
   for (const auto& [text, named] : files)
   {
     SCOPED_TRACE(text);
@@ -108,7 +110,8 @@ TEST(CommandLine, RefusesWhatItDoesNotKnowByName)
     EXPECT_EQ(parsed.exitCode, 1);
     EXPECT_NE(parsed.err.find(named), std::string::npos) << parsed.err;
   }
-  for (const auto& arguments : std::vector<std::vector<const char*>>{{"--nonsense"}, {"--log-level", "loud"}, {"--config", "/nonexistent.json"}, {"extra"}})
+  for (const auto& arguments :
+       std::vector<std::vector<const char*>>{{"--nonsense"}, {"--log-level", "loud"}, {"--config", "/nonexistent.json"}, {"extra"}})
   {
     const auto parsed = parse(arguments);
     EXPECT_EQ(parsed.exitCode, 1);

@@ -149,10 +149,10 @@ TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)
   Daemon first(arguments());
   first.line();
   const std::pair<std::vector<std::string>, std::string> cases[] = {
-    {arguments(), "another host runs on the root"},
-    {{"--root", root.string() + "/other", "--listen", "127.0.0.1:0", "--module", "/nonexistent/libguest.so"}, "/nonexistent/libguest.so"},
-    {{"--root", "/proc/nowhere"}, "/proc/nowhere"},
-    {{"--nonsense"}, "--nonsense"},
+      {arguments(), "another host runs on the root"},
+      {{"--root", root.string() + "/other", "--listen", "127.0.0.1:0", "--module", "/nonexistent/libguest.so"}, "/nonexistent/libguest.so"},
+      {{"--root", "/proc/nowhere"}, "/proc/nowhere"},
+      {{"--nonsense"}, "--nonsense"},
   };
   for (const auto& [options, named] : cases)
   {

@@ -37,7 +37,9 @@ protected:
 
   unsigned mode(const std::string& name) const
   {
-    struct stat status{};
+    struct stat status
+    {
+    };
     return ::stat((root / name).c_str(), &status) == 0 ? status.st_mode & 0777 : 0;
   }
 

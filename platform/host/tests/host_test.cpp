@@ -50,7 +50,8 @@ TEST_F(HostInProcess, TellsItsClientsWhereItIsAndTakesItBackAtTheEnd)
   const auto token = read("run/token");
   {
     vu::RemoteSession session({host.url(), token, std::chrono::milliseconds(10000), {}});
-    EXPECT_EQ(session.services(), (std::vector<std::string>{"PackageManager", "ZBBehaviorManager", "ZBFrameManager", "ZBMemory", "ZBPreferences"}));
+    EXPECT_EQ(session.services(),
+              (std::vector<std::string>{"PackageManager", "ZBBehaviorManager", "ZBFrameManager", "ZBMemory", "ZBPreferences"}));
     const auto events = session.service("ZBMemory").value().call<std::vector<std::string>>("getEventList");
     EXPECT_NE(std::find(events.begin(), events.end(), "TarvikReady"), events.end());
   }

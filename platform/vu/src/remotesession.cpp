@@ -48,7 +48,8 @@ ServiceError toError(const Value& error, const std::string& called)
 {
   const auto data = error.contains("data") && error["data"].is_object() ? error["data"] : Value::object();
   const auto dot = called.find('.');
-  return ServiceError(data.value("module", called.substr(0, dot)), data.value("method", dot == std::string::npos ? "" : called.substr(dot + 1)),
+  return ServiceError(data.value("module", called.substr(0, dot)),
+                      data.value("method", dot == std::string::npos ? "" : called.substr(dot + 1)),
                       error.value("message", "an error without a message"), kindOf(error.value("code", 0), data));
 }
 
@@ -99,9 +100,9 @@ struct RemoteSession::Implementation : std::enable_shared_from_this<Implementati
     {
       const auto dot = method.find('.');
       take(id);
-      promise.setException(std::make_exception_ptr(ServiceError(method.substr(0, dot), dot == std::string::npos ? "" : method.substr(dot + 1),
-                                                                std::string("the arguments cannot be sent: ") + error.what(),
-                                                                ServiceError::Kind::InvalidArguments)));
+      promise.setException(std::make_exception_ptr(
+          ServiceError(method.substr(0, dot), dot == std::string::npos ? "" : method.substr(dot + 1),
+                       std::string("the arguments cannot be sent: ") + error.what(), ServiceError::Kind::InvalidArguments)));
       return promise.future();
     }
     channel->send(std::move(text));
@@ -125,7 +126,7 @@ struct RemoteSession::Implementation : std::enable_shared_from_this<Implementati
              alive->localLinks.emplace(remote, local);
            }
          })
-      .forward(promise, [local](const Value&) { return local; });
+        .forward(promise, [local](const Value&) { return local; });
     return promise.future();
   }
 
@@ -249,14 +250,20 @@ class RemoteSession::Implementation::RemoteObject final : public ObjectBackend
 {
 public:
   RemoteObject(std::shared_ptr<Implementation> session, ObjectDescription description)
-    : _session(std::move(session)), _description(std::move(description))
+      : _session(std::move(session)), _description(std::move(description))
   {
   }
 
   const std::string& name() const override { return _description.name; }
   ObjectDescription description() override { return _description; }
-  Future<Value> call(const std::string& method, const Value& arguments) override { return _session->call(name() + "." + method, arguments); }
-  Future<Value> post(const std::string& method, Value arguments) override { return _session->call(name() + "." + method, std::move(arguments)); }
+  Future<Value> call(const std::string& method, const Value& arguments) override
+  {
+    return _session->call(name() + "." + method, arguments);
+  }
+  Future<Value> post(const std::string& method, Value arguments) override
+  {
+    return _session->call(name() + "." + method, std::move(arguments));
+  }
   Future<SignalLink> connect(const std::string& signal, SignalBase::ValuesCallback callback) override
   {
     return _session->link("session.connect", Value::array({name(), signal}), std::move(callback));
@@ -273,28 +280,28 @@ void RemoteSession::Implementation::lookUp(const std::string& name, const Promis
                                            std::optional<std::chrono::steady_clock::time_point> end)
 {
   call("session.describe", Value::array({name}))
-    .then(
-      [self = weak_from_this(), name, promise, end](const Future<Value>& answer)
-      {
-        const auto session = self.lock();
-        if (!session)
-          return;
-        try
-        {
-          promise.setValue(Object(std::make_shared<RemoteObject>(session, answer.value().get<ObjectDescription>())));
-        }
-        catch (const ServiceError& error)
-        {
-          if (error.kind() != ServiceError::Kind::UnknownService || (end && std::chrono::steady_clock::now() >= *end))
-            promise.setException(std::current_exception());
-          else
-            session->pool->postAfter(pollInterval, [session, name, promise, end] { session->lookUp(name, promise, end); });
-        }
-        catch (...)
-        {
-          promise.setException(std::current_exception());
-        }
-      });
+      .then(
+          [self = weak_from_this(), name, promise, end](const Future<Value>& answer)
+          {
+            const auto session = self.lock();
+            if (!session)
+              return;
+            try
+            {
+              promise.setValue(Object(std::make_shared<RemoteObject>(session, answer.value().get<ObjectDescription>())));
+            }
+            catch (const ServiceError& error)
+            {
+              if (error.kind() != ServiceError::Kind::UnknownService || (end && std::chrono::steady_clock::now() >= *end))
+                promise.setException(std::current_exception());
+              else
+                session->pool->postAfter(pollInterval, [session, name, promise, end] { session->lookUp(name, promise, end); });
+            }
+            catch (...)
+            {
+              promise.setException(std::current_exception());
+            }
+          });
 }
 
 RemoteSession::RemoteSession(Options options) : _implementation(std::make_shared<Implementation>())
@@ -315,7 +322,10 @@ RemoteSession::~RemoteSession()
   _implementation->pool->close();
 }
 
-std::vector<std::string> RemoteSession::services() { return call("session.services", Value::array()).value().get<std::vector<std::string>>(); }
+std::vector<std::string> RemoteSession::services()
+{
+  return call("session.services", Value::array()).value().get<std::vector<std::string>>();
+}
 
 Future<Object> RemoteSession::service(const std::string& name, const std::string&, int timeoutMs)
 {
@@ -329,7 +339,8 @@ Future<Object> RemoteSession::service(const std::string& name, const std::string
 
 Future<Value> RemoteSession::call(const std::string& method, const Value& params) { return _implementation->call(method, params); }
 
-Future<SignalLink> RemoteSession::subscribe(const std::string& key, std::function<void(const std::string& key, const Value& value)> callback)
+Future<SignalLink> RemoteSession::subscribe(const std::string& key,
+                                            std::function<void(const std::string& key, const Value& value)> callback)
 {
   return _implementation->link("session.subscribe", Value::array({key}),
                                [line = _implementation->line, callback = std::move(callback)](const Value& event)

@@ -71,8 +71,8 @@ template <typename Stream> class Channel final : public WebSocketChannel
 public:
   template <typename... StreamArguments>
   Channel(const RemoteSession::Options& options, HostAddress address, Handlers handlers, StreamArguments&&... arguments)
-    : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _resolver(_io),
-      _webSocket(_io, std::forward<StreamArguments>(arguments)...), _timer(_io)
+      : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _resolver(_io),
+        _webSocket(_io, std::forward<StreamArguments>(arguments)...), _timer(_io)
   {
   }
 
@@ -82,18 +82,19 @@ public:
   {
     _timer.expires_after(_options.timeout);
     _timer.async_wait(
-      [this](error_code error)
-      {
-        if (!error)
-          fail("it did not answer within " + std::to_string(_options.timeout.count()) + " ms");
-      });
+        [this](error_code error)
+        {
+          if (!error)
+            fail("it did not answer within " + std::to_string(_options.timeout.count()) + " ms");
+        });
     _resolver.async_resolve(_address.host, _address.port,
                             [this](error_code error, const asio::ip::tcp::resolver::results_type& endpoints)
                             {
                               if (error)
                                 return fail(error.message());
                               beast::get_lowest_layer(_webSocket)
-                                .async_connect(endpoints, [this](error_code error, const auto&) { error ? fail(error.message()) : secure(); });
+                                  .async_connect(endpoints,
+                                                 [this](error_code error, const auto&) { error ? fail(error.message()) : secure(); });
                             });
     auto opened = _opened.get_future();
     _thread = std::thread([this] { _io.run(); });
@@ -125,11 +126,11 @@ public:
                  _state = State::Closing;
                  _timer.expires_after(std::chrono::seconds(1));
                  _timer.async_wait(
-                   [this](error_code error)
-                   {
-                     if (!error)
-                       abort();
-                   });
+                     [this](error_code error)
+                     {
+                       if (!error)
+                         abort();
+                     });
                  _webSocket.async_close(websocket::close_code::normal, [this](error_code) { abort(); });
                });
     _thread.join();
@@ -274,7 +275,7 @@ class SecureChannel final : public WebSocketChannel
 {
 public:
   SecureChannel(const RemoteSession::Options& options, HostAddress address, Handlers handlers)
-    : _context(makeContext(options)), _channel(options, std::move(address), std::move(handlers), _context)
+      : _context(makeContext(options)), _channel(options, std::move(address), std::move(handlers), _context)
   {
     _channel.open();
   }

@@ -18,11 +18,11 @@ struct GatewayLimits
 {
   std::size_t connections = 1024;
   std::size_t headerBytes = 16 << 10;
-  std::size_t messageBytes = 4 << 20;    ///< of a request's body or a WebSocket message
-  std::size_t openCalls = 1000;          ///< per connection
-  std::size_t links = 1000;              ///< signals and subscriptions per WebSocket
-  std::size_t queuedMessages = 10000;    ///< that wait to be sent to one WebSocket
-  std::size_t queuedBytes = 64 << 20;    ///< the same in bytes
+  std::size_t messageBytes = 4 << 20;      ///< of a request's body or a WebSocket message
+  std::size_t openCalls = 1000;            ///< per connection
+  std::size_t links = 1000;                ///< signals and subscriptions per WebSocket
+  std::size_t queuedMessages = 10000;      ///< that wait to be sent to one WebSocket
+  std::size_t queuedBytes = 64 << 20;      ///< the same in bytes
   std::chrono::milliseconds header{10000}; ///< for a request to come whole
   std::chrono::milliseconds idle{60000};   ///< between two requests, and without a sign of life of a WebSocket
   std::chrono::milliseconds send{30000};   ///< for an answer over HTTP to be taken

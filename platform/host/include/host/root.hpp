@@ -14,8 +14,8 @@ std::filesystem::path resolveRoot(const std::string& given = {});
 struct RootLayout
 {
   explicit RootLayout(std::filesystem::path root)
-    : packages(root / "packages"), preferences(root / "preferences"), run(root / "run"), endpoint(run / "endpoint"), token(run / "token"),
-      lock(run / "lock")
+      : packages(root / "packages"), preferences(root / "preferences"), run(root / "run"), endpoint(run / "endpoint"), token(run / "token"),
+        lock(run / "lock")
   {
   }
 

@@ -47,7 +47,7 @@ void RunningProcess::begin()
   }
   _output->start();
   _errors->start();
-  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::programEnded));
+  waitForProgram();
   if (_step.timeout)
   {
     _limit.expires_after(*_step.timeout);
@@ -63,12 +63,22 @@ std::shared_ptr<OutputReader> RunningProcess::makeReader(FileDescriptor pipe, bo
                                         { vu::log::write(level, "framemanager", "run", name + ": " + line); });
 }
 
+void RunningProcess::waitForProgram()
+{
+  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::programEnded));
+}
+
 void RunningProcess::programEnded(Error error)
 {
   if (error || hasEnded())
     return;
+  // Readiness is a hint: a descriptor that takes a closed one's place may be
+  // woken by the news of that one.
+  const auto collected = ::waitpid(_group, &_status, WNOHANG);
+  if (collected == 0)
+    return waitForProgram();
   _programEnded = true;
-  _statusKnown = ::waitpid(_group, &_status, WNOHANG) == _group;
+  _statusKnown = collected == _group;
   _limit.cancel();
   if (groupLives(_group))
   {

@@ -30,6 +30,7 @@ private:
   void letGo() override { terminate(); }
   std::shared_ptr<OutputReader> makeReader(FileDescriptor pipe, bool isError);
 
+  void waitForProgram();
   void programEnded(Error error);
   void timedOut(Error error);
   void terminate();
