@@ -9,6 +9,10 @@ endif()
 if(TARVIK_SANITIZE)
   target_compile_options(tarvik_options INTERFACE -fsanitize=${TARVIK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(tarvik_options INTERFACE -fsanitize=${TARVIK_SANITIZE})
+  if(TARVIK_SANITIZE MATCHES thread)
+    # The thread sanitizer knows no fences; Asio has its locks besides.
+    target_compile_definitions(tarvik_options INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK)
+  endif()
 endif()
 
 # tarvik_library(NAME ALIAS KIND SOURCES...): a library of this layer, its

@@ -24,9 +24,15 @@ BehaviorInfo* ZBBehaviorManager::xBehaviorInfo(const std::string& path)
   return found->second.get();
 }
 
-BehaviorLoadingLocker ZBBehaviorManager::xBehaviorLoadingLock(const std::string& path) { return BehaviorLoadingLocker(xBehaviorInfo(path)); }
+BehaviorLoadingLocker ZBBehaviorManager::xBehaviorLoadingLock(const std::string& path)
+{
+  return BehaviorLoadingLocker(xBehaviorInfo(path));
+}
 
-BehaviorRunningLocker ZBBehaviorManager::xBehaviorRunningLock(const std::string& path) { return BehaviorRunningLocker(xBehaviorInfo(path)); }
+BehaviorRunningLocker ZBBehaviorManager::xBehaviorRunningLock(const std::string& path)
+{
+  return BehaviorRunningLocker(xBehaviorInfo(path));
+}
 
 BehaviorState ZBBehaviorManager::xBehaviorState(const std::string& path) { return xBehaviorInfo(path)->state(); }
 

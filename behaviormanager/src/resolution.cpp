@@ -94,7 +94,7 @@ std::string ZBBehaviorManager::xResolveBehaviorName(const std::string& name, std
         continue;
       if (!result.empty())
         throw makeError("xResolveBehaviorName", "Found several behaviors with the name \"" + name +
-                                                  "\". Please specify the package uuid in which to find the behavior.");
+                                                    "\". Please specify the package uuid in which to find the behavior.");
       foundPackage = info.uuid();
       foundBehavior = candidate.path();
       result = foundPackage + "/" + foundBehavior;

@@ -121,23 +121,23 @@ void ZBBehaviorManager::xConnectPlay(const std::shared_ptr<BehaviorPlay>& play)
   }
   if (play->stoppedLink == vu::SignalBase::invalidSignalLink)
     play->stoppedLink = _frameManagerObject
-                          .connect<std::string>("behaviorStopped",
-                                                [this, gate = _gate, play](const std::string& id)
-                                                {
-                                                  if (const auto pass = gate->enter())
-                                                    onBehaviorStopped(play, id);
-                                                })
-                          .value();
+                            .connect<std::string>("behaviorStopped",
+                                                  [this, gate = _gate, play](const std::string& id)
+                                                  {
+                                                    if (const auto pass = gate->enter())
+                                                      onBehaviorStopped(play, id);
+                                                  })
+                            .value();
   if (play->failedLink == vu::SignalBase::invalidSignalLink)
     play->failedLink = _frameManagerObject
-                         .connect<std::string, std::string, std::string>(
-                           "behaviorFailed",
-                           [this, gate = _gate, play](const std::string& id, const std::string& second, const std::string& third)
-                           {
-                             if (const auto pass = gate->enter())
-                               onBehaviorFailed(play, id, second, third);
-                           })
-                         .value();
+                           .connect<std::string, std::string, std::string>(
+                               "behaviorFailed",
+                               [this, gate = _gate, play](const std::string& id, const std::string& second, const std::string& third)
+                               {
+                                 if (const auto pass = gate->enter())
+                                   onBehaviorFailed(play, id, second, third);
+                               })
+                           .value();
   xSetBehaviorLinks(play->path, play->stoppedLink, play->failedLink);
 }
 
@@ -177,19 +177,19 @@ vu::Future<void> ZBBehaviorManager::runBehavior(const std::string& behavior)
   // The reports of the instance stand in the line when the wait ends. They go
   // first, so that a failure is announced before its stop.
   waited.then(
-    [this, gate = _gate, line = _frameManagerObject, name = behavior, path, id, promise](const vu::Future<void>& ended)
-    {
-      line.delivered().then(
-        [this, gate, name, path, id, promise, ended](const vu::Future<void>&)
-        {
-          if (const auto pass = gate->enter())
-            _runBehaviorCont(ended, name, path, id, promise);
-          else if (ended.hasError()) // the module has gone and taken the behavior along
-            promise.setError(ended.error());
-          else
-            promise.setValue();
-        });
-    });
+      [this, gate = _gate, line = _frameManagerObject, name = behavior, path, id, promise](const vu::Future<void>& ended)
+      {
+        line.delivered().then(
+            [this, gate, name, path, id, promise, ended](const vu::Future<void>&)
+            {
+              if (const auto pass = gate->enter())
+                _runBehaviorCont(ended, name, path, id, promise);
+              else if (ended.hasError()) // the module has gone and taken the behavior along
+                promise.setError(ended.error());
+              else
+                promise.setValue();
+            });
+      });
   return promise.future();
 }
 

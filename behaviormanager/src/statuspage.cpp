@@ -69,12 +69,13 @@ std::string ZBBehaviorManager::httpGet()
   const std::string gap = "<br><br><br>";
   std::string html = "<html><body><script>" + javaScriptCode() + "</script>";
   html += table(
-    "Loaded behaviors", "<td><b>Loaded by dependency</b></td>", getLoadedBehaviors(),
-    [](const std::string& name) { return "<tr><td>" + name + "</td><td></td></tr>"; }, gap);
+      "Loaded behaviors", "<td><b>Loaded by dependency</b></td>", getLoadedBehaviors(),
+      [](const std::string& name) { return "<tr><td>" + name + "</td><td></td></tr>"; }, gap);
   html += table(
-    "Running behaviors", "", getRunningBehaviors(), [](const std::string& name) { return linkRow("stopBehavior", name); }, gap);
+      "Running behaviors", "", getRunningBehaviors(), [](const std::string& name) { return linkRow("stopBehavior", name); }, gap);
   html += table(
-    "Installed behaviors", "", xGetBehaviorsInPackages(InstallerAll), [](const std::string& name) { return linkRow("playBehavior", name); }, "");
+      "Installed behaviors", "", xGetBehaviorsInPackages(InstallerAll),
+      [](const std::string& name) { return linkRow("playBehavior", name); }, "");
   return html + "</body></html>";
 }
 

@@ -14,7 +14,7 @@ void ZBBehaviorManager::bindMethods()
   const auto deprecatedList = [this](const char* list, const char* prefix)
   {
     setReturn("return", std::string("Returns the list of ") + list + " prefixed by " + prefix +
-                          ". DEPRECATED in favor of ZBBehaviorManager.getInstalledBehaviors.");
+                            ". DEPRECATED in favor of ZBBehaviorManager.getInstalledBehaviors.");
   };
 
   functionName("preloadBehavior", getName(), "Load a behavior");

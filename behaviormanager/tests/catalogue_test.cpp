@@ -34,8 +34,9 @@ std::string resolved(ZBBehaviorManager& manager, const std::string& name)
 
 TEST_F(Catalogue, ListsByInstallerInOrderOfArrival)
 {
-  auto& manager = platform.start({platform.makePackage("U", TestPlatform::paths({"b", "a/x"}), ""), platform.makePackage("S", TestPlatform::paths({"."}), "system"),
-                                  platform.makePackage("E", {}), platform.makePackage("T", TestPlatform::paths({"", "z"}), "System")});
+  auto& manager = platform.start({platform.makePackage("U", TestPlatform::paths({"b", "a/x"}), ""),
+                                  platform.makePackage("S", TestPlatform::paths({"."}), "system"), platform.makePackage("E", {}),
+                                  platform.makePackage("T", TestPlatform::paths({"", "z"}), "System")});
   EXPECT_THAT(manager.getInstalledBehaviors(), ElementsAre("U/b", "U/a/x", "S", "T", "T/z"));
   EXPECT_TRUE(platform.log.lines().empty());
   EXPECT_THAT(manager.getUserBehaviorNames(), ElementsAre("User/U/b", "User/U/a/x", "User/T", "User/T/z"));
@@ -55,25 +56,24 @@ TEST_F(Catalogue, ResolvesEveryFormOfAName)
   auto& manager = platform.start({platform.makePackage("P", TestPlatform::paths({"a/b", ".", "x", "only"})),
                                   platform.makePackage("Q", TestPlatform::paths({"x", "P/gone", "User/odd"})),
                                   platform.makePackage("S", TestPlatform::paths({"x", "sys"}), "system")});
-  const std::vector<std::pair<std::string, std::string>> cases{
-    {"P/a/b", "P/a/b | P | a/b"},
-    {"P", "P/. | P | ."},
-    {"P/", "P/. | P | ."},
-    {"P/.", "P/. | P | ."},
-    {"P//a", " |  | ."},
-    {"a/b", "P/a/b | P | a/b"},
-    {"only", "P/only | P | only"},
-    {"System/S/x", "S/x | S | x"},
-    {"User/S/x", " |  | ."},
-    {"System/P/x", " |  | ."},
-    {"User/P/x", "P/x | P | x"},
-    {"User/only", " |  | ."},
-    {"System/sys", " |  | ."},
-    {"User/odd", "Q/User/odd | Q | User/odd"},
-    {"P/gone", "Q/P/gone | Q | P/gone"},
-    {"p/x", " |  | ."},
-    {"", " |  | ."},
-    {"System/", " |  | ."}};
+  const std::vector<std::pair<std::string, std::string>> cases{{"P/a/b", "P/a/b | P | a/b"},
+                                                               {"P", "P/. | P | ."},
+                                                               {"P/", "P/. | P | ."},
+                                                               {"P/.", "P/. | P | ."},
+                                                               {"P//a", " |  | ."},
+                                                               {"a/b", "P/a/b | P | a/b"},
+                                                               {"only", "P/only | P | only"},
+                                                               {"System/S/x", "S/x | S | x"},
+                                                               {"User/S/x", " |  | ."},
+                                                               {"System/P/x", " |  | ."},
+                                                               {"User/P/x", "P/x | P | x"},
+                                                               {"User/only", " |  | ."},
+                                                               {"System/sys", " |  | ."},
+                                                               {"User/odd", "Q/User/odd | Q | User/odd"},
+                                                               {"P/gone", "Q/P/gone | Q | P/gone"},
+                                                               {"p/x", " |  | ."},
+                                                               {"", " |  | ."},
+                                                               {"System/", " |  | ."}};
   for (const auto& [name, result] : cases)
     EXPECT_EQ(resolved(manager, name), result) << name;
 }
@@ -86,8 +86,10 @@ TEST_F(Catalogue, ResolvesTheEmptyNameToAnEmptyPath)
 
 TEST_F(Catalogue, RefusesAnAmbiguousNameEverywhere)
 {
-  auto& manager = platform.start({platform.makePackage("P", TestPlatform::paths({"x"})), platform.makePackage("S", TestPlatform::paths({"x"}), "system")});
-  const std::string error = "xResolveBehaviorName: Found several behaviors with the name \"x\". Please specify the package uuid in which to find the behavior.";
+  auto& manager = platform.start(
+      {platform.makePackage("P", TestPlatform::paths({"x"})), platform.makePackage("S", TestPlatform::paths({"x"}), "system")});
+  const std::string error =
+      "xResolveBehaviorName: Found several behaviors with the name \"x\". Please specify the package uuid in which to find the behavior.";
   EXPECT_EQ(errorOf([&] { manager.resolveBehaviorName("x"); }), error);
   EXPECT_EQ(errorOf([&] { manager.isBehaviorInstalled("x"); }), error);
   EXPECT_EQ(errorOf([&] { manager.loadBehavior("x"); }), error);
@@ -137,9 +139,9 @@ TEST_F(Catalogue, AnnouncesAPackageBehaviorByBehaviorThenWhole)
   platform.journal.clear();
   platform.install(package);
   EXPECT_THAT(platform.journal.lines(),
-              ElementsAre("signal behaviorStopped [\"P/b\"]", "event ZBBehaviorManager/BehaviorAdded \"P/b\"", "signal behaviorStopped [\"P/.\"]",
-                          "event ZBBehaviorManager/BehaviorAdded \"P/.\"", "signal behaviorsAdded [[\"P/b\",\"P/.\"]]",
-                          "event ZBBehaviorManager/BehaviorsAdded [\"P/b\",\"P/.\"]"));
+              ElementsAre("signal behaviorStopped [\"P/b\"]", "event ZBBehaviorManager/BehaviorAdded \"P/b\"",
+                          "signal behaviorStopped [\"P/.\"]", "event ZBBehaviorManager/BehaviorAdded \"P/.\"",
+                          "signal behaviorsAdded [[\"P/b\",\"P/.\"]]", "event ZBBehaviorManager/BehaviorsAdded [\"P/b\",\"P/.\"]"));
   EXPECT_THAT(manager.getInstalledBehaviors(), ElementsAre("P/b", "P"));
   platform.journal.clear();
   platform.install(package);
@@ -192,8 +194,9 @@ TEST_F(Catalogue, AnswersAboutTagsAndNature)
   using Tags = std::map<std::string, std::list<std::string>>;
   auto& manager = platform.start();
   EXPECT_THAT(manager.getTagList(), IsEmpty());
-  platform.install(platform.makePackage("P", {vu::BehaviorInfo("x", "solitary", Tags{{"en_US", {"dance"}}, {"en", {"dance", "music"}}, {"fr", {"danse"}}}),
-                                              vu::BehaviorInfo(".", "", Tags{{"en_US", {"zeal", "dance"}}})}));
+  platform.install(platform.makePackage(
+      "P", {vu::BehaviorInfo("x", "solitary", Tags{{"en_US", {"dance"}}, {"en", {"dance", "music"}}, {"fr", {"danse"}}}),
+            vu::BehaviorInfo(".", "", Tags{{"en_US", {"zeal", "dance"}}})}));
   platform.install(platform.makePackage("A", {vu::BehaviorInfo("y", "interactive", Tags{{"en_US", {"dance", ""}}})}));
   EXPECT_THAT(manager.getTagList(), ElementsAre("", "dance", "music", "zeal"));
   EXPECT_THAT(manager.getBehaviorTags("P/x"), ElementsAre("dance", "music"));

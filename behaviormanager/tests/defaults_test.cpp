@@ -34,7 +34,8 @@ protected:
 TEST_F(Defaults, AreWrittenResolvedAndSortedOnEveryAddAndRemove)
 {
   EXPECT_THAT(manager.getDefaultBehaviors(), IsEmpty());
-  EXPECT_EQ(platform.log.count(Level::Verbose, "DefaultBehaviors preference file could not be read: there is no file DefaultBehaviors"), 1U);
+  EXPECT_EQ(platform.log.count(Level::Verbose, "DefaultBehaviors preference file could not be read: there is no file DefaultBehaviors"),
+            1U);
   platform.journal.clear();
   manager.addDefaultBehavior("User/P/b");
   EXPECT_EQ(platform.preferences->file(), fileWith("P/b\n"));
@@ -42,8 +43,8 @@ TEST_F(Defaults, AreWrittenResolvedAndSortedOnEveryAddAndRemove)
   manager.addDefaultBehavior("P/b");
   EXPECT_EQ(platform.preferences->file(), fileWith("P/.\nP/b\n"));
   EXPECT_THAT(platform.journal.lines("preferences "),
-              ElementsAre("read DefaultBehaviors false", "write DefaultBehaviors true", "read DefaultBehaviors false", "write DefaultBehaviors true",
-                          "read DefaultBehaviors false", "write DefaultBehaviors true"));
+              ElementsAre("read DefaultBehaviors false", "write DefaultBehaviors true", "read DefaultBehaviors false",
+                          "write DefaultBehaviors true", "read DefaultBehaviors false", "write DefaultBehaviors true"));
   EXPECT_TRUE(ModuleAccess{manager}.isDefault("P/b"));
   EXPECT_FALSE(ModuleAccess{manager}.isDefault("b")) << "membership resolves no names";
 
@@ -60,16 +61,16 @@ TEST_F(Defaults, AreWrittenResolvedAndSortedOnEveryAddAndRemove)
 TEST_F(Defaults, AreReadFromWhateverTheFileHolds)
 {
   const std::vector<std::pair<vu::Value, std::vector<std::string>>> cases{
-    {fileWith("P/b\n\n\nP/a"), {"P/a", "P/b"}},
-    {fileWith("\nb\nP/b\nGone/x\nP/a\r\n a\n"), {"P/b"}},
-    {fileWith(""), {}},
-    {vu::Value::array({vu::Value::array({"Other", 7, "P/a\n"}), "more"}), {"P/a"}},
-    {vu::Value::array({vu::Value::array({"DefaultBehaviors", "too short"})}), {}},
-    {vu::Value::array({vu::Value::array({"", "", 7})}), {}},
-    {vu::Value::array(), {}},
-    {"text", {}},
-    {nullptr, {}},
-    {vu::Value::object({{"0", 1}}), {}}};
+      {fileWith("P/b\n\n\nP/a"), {"P/a", "P/b"}},
+      {fileWith("\nb\nP/b\nGone/x\nP/a\r\n a\n"), {"P/b"}},
+      {fileWith(""), {}},
+      {vu::Value::array({vu::Value::array({"Other", 7, "P/a\n"}), "more"}), {"P/a"}},
+      {vu::Value::array({vu::Value::array({"DefaultBehaviors", "too short"})}), {}},
+      {vu::Value::array({vu::Value::array({"", "", 7})}), {}},
+      {vu::Value::array(), {}},
+      {"text", {}},
+      {nullptr, {}},
+      {vu::Value::object({{"0", 1}}), {}}};
   for (const auto& [file, names] : cases)
   {
     platform.preferences->setFile(file);

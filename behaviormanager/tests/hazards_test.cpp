@@ -33,10 +33,15 @@ protected:
   void during(const std::string& signal, std::function<void()> action)
   {
     auto first = std::make_shared<std::atomic<bool>>(true);
-    platform.broker->session()->find("ZBBehaviorManager")->connect(signal, [first, action](const vu::Value&) {
-      if (first->exchange(false))
-        action();
-    }).value();
+    platform.broker->session()
+        ->find("ZBBehaviorManager")
+        ->connect(signal,
+                  [first, action](const vu::Value&)
+                  {
+                    if (first->exchange(false))
+                      action();
+                  })
+        .value();
   }
 
   TestPlatform platform;
@@ -337,13 +342,13 @@ TEST_F(Hazards, AStopInsideASignalHandlerOfAnotherHandleIsServed)
   const vu::Object client(platform.broker->session()->find("ZBBehaviorManager"));
   std::promise<void> stopped;
   client
-    .connect<std::string>("behaviorStarted",
-                          [&](const std::string& path)
-                          {
-                            client.call<void>("stopBehavior", path);
-                            stopped.set_value();
-                          })
-    .value();
+      .connect<std::string>("behaviorStarted",
+                            [&](const std::string& path)
+                            {
+                              client.call<void>("stopBehavior", path);
+                              stopped.set_value();
+                            })
+      .value();
   client.call<void>("startBehavior", std::string("P/a"));
   EXPECT_EQ(stopped.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_EQ(state(), BehaviorState::Stopped);
@@ -356,18 +361,18 @@ TEST_F(Hazards, EmptyBehaviorsStartedByManyClientsAllEndStopped)
   std::vector<std::thread> clients;
   for (int client = 0; client < 8; ++client)
     clients.emplace_back(
-      [this, client]
-      {
-        for (int i = 0; i < 250; ++i)
-          try
-          {
-            manager.startBehavior(client % 2 == 0 ? "P/a" : "P/b");
-          }
-          catch (const ZBError&)
-          {
-            // Already running, or gone between load and play: both are honest answers.
-          }
-      });
+        [this, client]
+        {
+          for (int i = 0; i < 250; ++i)
+            try
+            {
+              manager.startBehavior(client % 2 == 0 ? "P/a" : "P/b");
+            }
+            catch (const ZBError&)
+            {
+              // Already running, or gone between load and play: both are honest answers.
+            }
+        });
   for (auto& client : clients)
     client.join();
   platform.settle();

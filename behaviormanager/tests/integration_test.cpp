@@ -74,7 +74,10 @@ protected:
     return "<call service=\"ZBBehaviorManager\" method=\"" + method + "\" arguments='[\"" + behavior + "\"]'/>";
   }
 
-  void install(const std::string& directory) { ZBProxy(broker, "PackageManager").call<std::string>("install", directory, std::string("test")); }
+  void install(const std::string& directory)
+  {
+    ZBProxy(broker, "PackageManager").call<std::string>("install", directory, std::string("test"));
+  }
 
   /// Bounded: false when it does not come true.
   static bool eventually(const std::function<bool()>& condition)
@@ -165,11 +168,11 @@ TEST_F(Integration, ManyRunsOfRunsAndManyBlockedCallersAreServed)
     const vu::Promise<void> promise(broker->pool());
     callers.push_back(promise.future());
     broker->pool()->post(
-      [released, promise]
-      {
-        released.wait();
-        promise.setValue();
-      });
+        [released, promise]
+        {
+          released.wait();
+          promise.setValue();
+        });
   }
   const auto chain = object.async<void>("runBehavior", std::string("chain/leaf0"));
   EXPECT_TRUE(chain.wait(20s));
@@ -217,33 +220,43 @@ TEST_F(Integration, AStormLeavesEverythingConsistentAndStoppable)
   std::atomic<int> unexpected{0};
   for (unsigned client = 0; client < 10; ++client)
     clients.emplace_back(
-      [&, client]
-      {
-        std::mt19937 random(client);
-        std::vector<vu::Future<void>> runs;
-        for (int i = 0; i < 150; ++i)
+        [&, client]
         {
-          const auto name = "storm/" + behaviors[random() % behaviors.size()].first;
-          try
+          std::mt19937 random(client);
+          std::vector<vu::Future<void>> runs;
+          for (int i = 0; i < 150; ++i)
           {
-            switch (random() % 6)
+            const auto name = "storm/" + behaviors[random() % behaviors.size()].first;
+            try
             {
-            case 0: manager.loadBehavior(name); break;
-            case 1: manager.startBehavior(name); break;
-            case 2: runs.push_back(manager.runBehavior(name)); break;
-            case 3:
-            case 4: manager.stopBehavior(name); break;
-            default: manager.getLoadedBehaviors(); manager.isBehaviorRunning(name);
+              switch (random() % 6)
+              {
+              case 0:
+                manager.loadBehavior(name);
+                break;
+              case 1:
+                manager.startBehavior(name);
+                break;
+              case 2:
+                runs.push_back(manager.runBehavior(name));
+                break;
+              case 3:
+              case 4:
+                manager.stopBehavior(name);
+                break;
+              default:
+                manager.getLoadedBehaviors();
+                manager.isBehaviorRunning(name);
+              }
+            }
+            catch (const ZBError& error)
+            {
+              const std::string text = error.what();
+              if (text.find("already running") == std::string::npos && text.find("unexpectedly deleted") == std::string::npos)
+                ++unexpected;
             }
           }
-          catch (const ZBError& error)
-          {
-            const std::string text = error.what();
-            if (text.find("already running") == std::string::npos && text.find("unexpectedly deleted") == std::string::npos)
-              ++unexpected;
-          }
-        }
-      });
+        });
   for (auto& client : clients)
     client.join();
   EXPECT_EQ(unexpected, 0);
@@ -263,28 +276,34 @@ TEST_F(Integration, AStormLeavesEverythingConsistentAndStoppable)
 
 TEST_F(Integration, RemovalOfTheModuleUnderAStormLeavesNoInstanceAndNoOpenFuture)
 {
-  install(source("storm", {{"long", "<wait seconds=\"60\"/>"}, {"short", "<wait seconds=\"0.001\"/>"}, {"fail", "<fail reason=\"no arm\"/>"}}));
+  install(
+      source("storm", {{"long", "<wait seconds=\"60\"/>"}, {"short", "<wait seconds=\"0.001\"/>"}, {"fail", "<fail reason=\"no arm\"/>"}}));
   for (int round = 0; round < 5; ++round)
   {
     start();
+    const vu::Object object(broker->session()->find("ZBBehaviorManager"));
     std::atomic<bool> ended{false};
     std::vector<std::thread> clients;
     std::mutex mutex;
     std::vector<vu::Future<void>> runs;
     for (int client = 0; client < 4; ++client)
       clients.emplace_back(
-        [&, client]
-        {
-          const vu::Object object(broker->session()->find("ZBBehaviorManager"));
-          const std::vector<std::string> names{"System/storm/long", "storm/short", "storm/fail", "storm/long"};
-          for (int i = 0; !ended && i < 2000; ++i)
+          [&, client]
           {
-            auto run = object.async<void>("runBehavior", names[static_cast<std::size_t>(client + i) % names.size()]);
-            const std::lock_guard lock(mutex);
-            runs.push_back(std::move(run));
-          }
-        });
-    EXPECT_TRUE(eventually([&] { const std::lock_guard lock(mutex); return runs.size() > 100; }));
+            const std::vector<std::string> names{"System/storm/long", "storm/short", "storm/fail", "storm/long"};
+            for (int i = 0; !ended && i < 2000; ++i)
+            {
+              auto run = object.async<void>("runBehavior", names[static_cast<std::size_t>(client + i) % names.size()]);
+              const std::lock_guard lock(mutex);
+              runs.push_back(std::move(run));
+            }
+          });
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+          const std::lock_guard lock(mutex);
+          return runs.size() > 100;
+        }));
     broker->removeModule("ZBBehaviorManager");
     ended = true;
     for (auto& client : clients)

@@ -18,7 +18,10 @@ using Script = StandInFrameManager::Script;
 class Lifecycle : public testing::Test
 {
 protected:
-  Lifecycle() : manager(platform.start({platform.makePackage("P", TestPlatform::paths({"a", "b", ".", "old/behavior.xar"}))})) { platform.journal.clear(); }
+  Lifecycle() : manager(platform.start({platform.makePackage("P", TestPlatform::paths({"a", "b", ".", "old/behavior.xar"}))}))
+  {
+    platform.journal.clear();
+  }
 
   BehaviorState state(const std::string& path) { return access.info(path)->state(); }
 
@@ -32,9 +35,10 @@ protected:
 TEST_F(Lifecycle, LoadingHandsDirectoryFileAndNameToTheFrameManager)
 {
   const auto directory = (platform.directory / "P").string();
-  const std::vector<std::pair<std::string, std::vector<std::string>>> cases{{"P/a", {directory, "a/behavior.xar", "P/a"}},
-                                                                            {"User/P", {directory, "behavior.xar", "P/."}},
-                                                                            {"old/behavior.xar", {directory, "old/behavior.xar", "P/old/behavior.xar"}}};
+  const std::vector<std::pair<std::string, std::vector<std::string>>> cases{
+      {"P/a", {directory, "a/behavior.xar", "P/a"}},
+      {"User/P", {directory, "behavior.xar", "P/."}},
+      {"old/behavior.xar", {directory, "old/behavior.xar", "P/old/behavior.xar"}}};
   for (const auto& [name, arguments] : cases)
   {
     EXPECT_TRUE(manager.loadBehavior(name));
@@ -105,16 +109,16 @@ TEST_F(Lifecycle, EveryChangeIsAnnouncedAsTheTableSays)
   const std::string loaded = "event ZBBehaviorManager/BehaviorsLoaded ";
   const std::string running = "event BehaviorsRun ";
   const std::vector<Change> changes{
-    {BehaviorState::Unknown, BehaviorState::Loaded, {"signal behaviorLoaded [\"P/a\"]", loaded + "[\"P/a\"]"}},
-    {BehaviorState::Loaded, BehaviorState::Running, {"signal behaviorStarted [\"P/a\"]", running + "[\"P/a\"]"}},
-    {BehaviorState::Running, BehaviorState::Loaded, {"signal behaviorLoaded [\"P/a\"]", loaded + "[\"P/a\"]"}},
-    {BehaviorState::Loaded, BehaviorState::Stopped, {"signal behaviorStopped [\"P/a\"]", loaded + "[]"}},
-    {BehaviorState::Running, BehaviorState::Stopped, {"signal behaviorStopped [\"P/a\"]", loaded + "[]", running + "[]"}},
-    {BehaviorState::Unknown, BehaviorState::Stopped, {"signal behaviorStopped [\"P/a\"]"}},
-    {BehaviorState::Stopped, BehaviorState::Unknown, {}},
-    {BehaviorState::Loaded, BehaviorState::Unknown, {loaded + "[]"}},
-    {BehaviorState::Running, BehaviorState::Unknown, {loaded + "[]", running + "[]"}},
-    {BehaviorState::Running, BehaviorState::Running, {}}};
+      {BehaviorState::Unknown, BehaviorState::Loaded, {"signal behaviorLoaded [\"P/a\"]", loaded + "[\"P/a\"]"}},
+      {BehaviorState::Loaded, BehaviorState::Running, {"signal behaviorStarted [\"P/a\"]", running + "[\"P/a\"]"}},
+      {BehaviorState::Running, BehaviorState::Loaded, {"signal behaviorLoaded [\"P/a\"]", loaded + "[\"P/a\"]"}},
+      {BehaviorState::Loaded, BehaviorState::Stopped, {"signal behaviorStopped [\"P/a\"]", loaded + "[]"}},
+      {BehaviorState::Running, BehaviorState::Stopped, {"signal behaviorStopped [\"P/a\"]", loaded + "[]", running + "[]"}},
+      {BehaviorState::Unknown, BehaviorState::Stopped, {"signal behaviorStopped [\"P/a\"]"}},
+      {BehaviorState::Stopped, BehaviorState::Unknown, {}},
+      {BehaviorState::Loaded, BehaviorState::Unknown, {loaded + "[]"}},
+      {BehaviorState::Running, BehaviorState::Unknown, {loaded + "[]", running + "[]"}},
+      {BehaviorState::Running, BehaviorState::Running, {}}};
   for (const auto& change : changes)
   {
     SCOPED_TRACE(static_cast<int>(change.from) * 10 + static_cast<int>(change.to));
@@ -205,8 +209,9 @@ TEST_F(Lifecycle, ARunCompletesWithItsOutcomeAndUnloads)
   platform.frames->end(id, "no arm");
   EXPECT_EQ(bad.error(), "no arm");
   EXPECT_THAT(platform.journal.lines(),
-              ElementsAre("signal behaviorFailed [\"P/b\",\"" + id + "\",\"no arm\"]", "event ZBBehaviorManager/BehaviorFailed [\"P/b\",\"the step\",\"no arm\"]",
-                          "signal behaviorStopped [\"P/b\"]", "event ZBBehaviorManager/BehaviorsLoaded []", "event BehaviorsRun []"));
+              ElementsAre("signal behaviorFailed [\"P/b\",\"" + id + "\",\"no arm\"]",
+                          "event ZBBehaviorManager/BehaviorFailed [\"P/b\",\"the step\",\"no arm\"]", "signal behaviorStopped [\"P/b\"]",
+                          "event ZBBehaviorManager/BehaviorsLoaded []", "event BehaviorsRun []"));
   EXPECT_EQ(state("P/b"), BehaviorState::Stopped);
 }
 

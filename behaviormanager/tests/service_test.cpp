@@ -74,11 +74,11 @@ TEST(StartUp, SurvivesEachRefusalOfTheMemory)
 {
   const std::string end = " event. The BehaviorManager is not started properly.";
   const std::vector<std::pair<std::string, std::string>> cases{
-    {"subscribeToMicroEvent TarvikReady", "Could not subscribe to the TarvikReady" + end},
-    {"declareEvent BehaviorsRun", "Could not declare the BehaviorsRun" + end},
-    {"declareEvent ZBBehaviorManager/BehaviorsRemoved", "Could not declare the ZBBehaviorManager/BehaviorsRemoved" + end},
-    {"subscribeToEvent packageInstalled", "Could not subscribe to \"packageInstalled\" event: no"},
-    {"subscribeToEvent packageRemoved", "Could not subscribe to \"packageRemoved\" event: no"}};
+      {"subscribeToMicroEvent TarvikReady", "Could not subscribe to the TarvikReady" + end},
+      {"declareEvent BehaviorsRun", "Could not declare the BehaviorsRun" + end},
+      {"declareEvent ZBBehaviorManager/BehaviorsRemoved", "Could not declare the ZBBehaviorManager/BehaviorsRemoved" + end},
+      {"subscribeToEvent packageInstalled", "Could not subscribe to \"packageInstalled\" event: no"},
+      {"subscribeToEvent packageRemoved", "Could not subscribe to \"packageRemoved\" event: no"}};
   for (const auto& [call, line] : cases)
   {
     SCOPED_TRACE(call);
@@ -185,9 +185,9 @@ TEST(Page, IsBuiltFromTheListsAndTheScript)
   const std::string table = "<table cellspacing=\"5\" cellpadding=\"5\"><tr><td><b>Name</b></td>";
   const auto row = [](const std::string& function, const std::string& name)
   { return "<tr><td><a href=\"javascript:" + function + "('" + name + "');\">" + name + "</a></td></tr>"; };
-  EXPECT_EQ(platform.manager->httpGet(), start + "<i><u>Loaded behaviors</u></i><br>" + table + "<td><b>Loaded by dependency</b></td></tr>" +
-                                           "<tr><td>P/.</td><td></td></tr><tr><td>P/a</td><td></td></tr></table><br><br><br>" +
-                                           "<i><u>Running behaviors</u></i><br>" + table + "</tr>" + row("stopBehavior", "P/a") +
-                                           "</table><br><br><br>" + "<i><u>Installed behaviors</u></i><br>" + table + "</tr>" +
-                                           row("playBehavior", "P/a") + row("playBehavior", "P") + "</table></body></html>");
+  EXPECT_EQ(platform.manager->httpGet(),
+            start + "<i><u>Loaded behaviors</u></i><br>" + table + "<td><b>Loaded by dependency</b></td></tr>" +
+                "<tr><td>P/.</td><td></td></tr><tr><td>P/a</td><td></td></tr></table><br><br><br>" + "<i><u>Running behaviors</u></i><br>" +
+                table + "</tr>" + row("stopBehavior", "P/a") + "</table><br><br><br>" + "<i><u>Installed behaviors</u></i><br>" + table +
+                "</tr>" + row("playBehavior", "P/a") + row("playBehavior", "P") + "</table></body></html>");
 }

@@ -1,7 +1,5 @@
 #include "standins.hpp"
 
-#include <algorithm>
-
 #include <zb/zbbroker.hpp>
 
 namespace ZB::BehaviorManager
@@ -50,7 +48,7 @@ void StandIn::enter(const std::string& method, const std::string& argument)
 }
 
 StandInMemory::StandInMemory(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
-  : StandIn(std::move(broker), name, journal)
+    : StandIn(std::move(broker), name, journal)
 {
   method("declareEvent");
   bindMethod(this, &StandInMemory::declareEvent);
@@ -74,7 +72,8 @@ void StandInMemory::raiseMicroEvent(const std::string& key, const ZBValue& value
   journal().add("event " + key + " " + value.value().dump());
 }
 
-void StandInMemory::subscribeToEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method)
+void StandInMemory::subscribeToEvent(const std::string& key, const std::string& module, const std::string& message,
+                                     const std::string& method)
 {
   journal().add("memory subscribeToEvent " + key + " " + module + " '" + message + "' " + method);
   enter("subscribeToEvent", key);
@@ -88,7 +87,7 @@ void StandInMemory::subscribeToMicroEvent(const std::string& key, const std::str
 }
 
 StandInFrameManager::StandInFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
-  : StandIn(std::move(broker), name, journal)
+    : StandIn(std::move(broker), name, journal)
 {
   method("createBehavior");
   bindMethod(this, &StandInFrameManager::createBehavior);
@@ -184,8 +183,7 @@ vu::Future<void> StandInFrameManager::waitForStopped(const std::string& id)
   const std::lock_guard lock(_framesMutex);
   const vu::Promise<void> promise(getParentBroker()->pool());
   const auto outcome = _outcomes.find(id);
-  const bool reportHeld = std::any_of(_heldReports.begin(), _heldReports.end(), [&id](const auto& held) { return held.first == id; });
-  if (_names.count(id) != 0 || reportHeld)
+  if (_names.count(id) != 0 || _ending.count(id) != 0)
     _waits.emplace(id, promise);
   else if (outcome != _outcomes.end() && outcome->second)
     promise.setError(*outcome->second);
@@ -212,6 +210,7 @@ void StandInFrameManager::end(const std::string& id, const std::optional<std::st
     const std::lock_guard lock(_framesMutex);
     if (_names.erase(id) == 0)
       return;
+    _ending.insert(id);
     if (_held)
     {
       _heldReports.emplace_back(id, failure);
@@ -229,6 +228,7 @@ void StandInFrameManager::report(const std::string& id, const std::optional<std:
   std::vector<vu::Promise<void>> waits;
   {
     const std::lock_guard lock(_framesMutex);
+    _ending.erase(id);
     _outcomes[id] = failure;
     const auto [first, last] = _waits.equal_range(id);
     for (auto wait = first; wait != last; ++wait)
@@ -244,7 +244,7 @@ void StandInFrameManager::report(const std::string& id, const std::optional<std:
 
 StandInPackageManager::StandInPackageManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal,
                                              std::vector<vu::PackageInfo> packages)
-  : StandIn(std::move(broker), name, journal), _packages(std::move(packages))
+    : StandIn(std::move(broker), name, journal), _packages(std::move(packages))
 {
   method("packages");
   bindMethod(this, &StandInPackageManager::packages);
@@ -258,7 +258,7 @@ std::vector<vu::PackageInfo> StandInPackageManager::packages()
 }
 
 StandInPreferences::StandInPreferences(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
-  : StandIn(std::move(broker), name, journal)
+    : StandIn(std::move(broker), name, journal)
 {
   method("readPrefFile");
   bindMethod(this, &StandInPreferences::readPrefFile);

@@ -26,7 +26,10 @@ namespace ZB::BehaviorManager
 class StandIn : public ZBModule
 {
 public:
-  StandIn(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal) : ZBModule(std::move(broker), name), _journal(journal) {}
+  StandIn(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
+      : ZBModule(std::move(broker), name), _journal(journal)
+  {
+  }
 
   /// Every call of a method from now on, or only the nth, throws a ZBError. `call`
   /// is the method's name, or that and the first argument: "declareEvent BehaviorsRun".
@@ -77,10 +80,10 @@ class StandInFrameManager final : public StandIn
 public:
   enum class Script
   {
-    Play,         ///< until ended
-    EndInPlay,    ///< ends inside playBehavior
-    FailInPlay,   ///< fails inside playBehavior
-    RefuseToPlay  ///< playBehavior throws; the instance stays
+    Play,        ///< until ended
+    EndInPlay,   ///< ends inside playBehavior
+    FailInPlay,  ///< fails inside playBehavior
+    RefuseToPlay ///< playBehavior throws; the instance stays
   };
 
   StandInFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal);
@@ -110,6 +113,7 @@ private:
   bool _held = false;
   std::map<std::string, Script> _scripts;
   std::map<std::string, std::string> _names;                   // of the instances, by id
+  std::set<std::string> _ending;                               // not yet reported
   std::map<std::string, std::optional<std::string>> _outcomes; // of those that have ended
   std::multimap<std::string, vu::Promise<void>> _waits;
   std::vector<std::pair<std::string, std::optional<std::string>>> _heldReports;

@@ -31,7 +31,8 @@ TestPlatform::~TestPlatform()
   std::filesystem::remove_all(directory);
 }
 
-vu::PackageInfo TestPlatform::makePackage(const std::string& uuid, const std::list<vu::BehaviorInfo>& behaviors, const std::string& installer)
+vu::PackageInfo TestPlatform::makePackage(const std::string& uuid, const std::list<vu::BehaviorInfo>& behaviors,
+                                          const std::string& installer)
 {
   vu::PackageInfo::Data data;
   data.uuid = uuid;
@@ -66,7 +67,10 @@ ZBBehaviorManager& TestPlatform::start(std::vector<vu::PackageInfo> packages)
   manager = &broker->createModule<ZBBehaviorManager>("ZBBehaviorManager");
   const auto service = broker->session()->find("ZBBehaviorManager");
   for (const auto& signal : service->description().signals)
-    service->connect(signal.name, [this, name = signal.name](const vu::Value& arguments) { journal.add("signal " + name + " " + arguments.dump()); }).value();
+    service
+        ->connect(signal.name,
+                  [this, name = signal.name](const vu::Value& arguments) { journal.add("signal " + name + " " + arguments.dump()); })
+        .value();
   return *manager;
 }
 

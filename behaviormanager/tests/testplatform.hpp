@@ -74,7 +74,10 @@ struct ModuleAccess
   void setState(const std::string& path, BehaviorState state) { module.xSetBehaviorState(path, state); }
   void setId(const std::string& path, const std::string& id) { module.xSetFrameManagerId(path, id); }
   std::string find(const std::string& name) { return module.xFindBehavior(name); }
-  std::string resolve(const std::string& name, std::string* package, std::string* behavior) { return module.xResolveBehaviorName(name, package, behavior); }
+  std::string resolve(const std::string& name, std::string* package, std::string* behavior)
+  {
+    return module.xResolveBehaviorName(name, package, behavior);
+  }
   std::string packageDirectory(const std::string& uuid) { return module.getPackageDir(uuid); }
   bool isDefault(const std::string& name) { return module.xIsDefaultBehavior(name); }
   void updated(const std::string& name) { module.onBehaviorUpdated(name); }

@@ -52,9 +52,7 @@ std::unique_ptr<vu::RemoteSession> Context::connect()
   {
     if (error.kind() != vu::ServiceError::Kind::ConnectionLost)
       throw;
-    throw CommandError("no host reached at " + host.url + ": " + error.description() +
-                           "; start one with \"tarvikd\", or name another with --root or --url",
-                       ExitCode::NoHost);
+    throw CommandError(error.description() + "; start one with \"tarvikd\", or name another with --root or --url", ExitCode::NoHost);
   }
 }
 

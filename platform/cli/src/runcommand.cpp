@@ -45,7 +45,8 @@ public:
       : _context(context), _interrupt([mailbox = _mailbox] { put(mailbox, News::Kind::Interrupted); })
   {
     _session = _context.connect();
-    _session->setClosedCallback([mailbox = _mailbox](const std::string& reason) { put(mailbox, News::Kind::Disconnected, {}, reason); });
+    _session->setClosedCallback([mailbox = _mailbox](const std::string& reason)
+                                { put(mailbox, News::Kind::Disconnected, {}, "the connection to the host has ended: " + reason); });
     _behaviors.emplace(*_session);
     for (const auto& name : names)
       _open.insert(_behaviors->resolve(name));
@@ -70,19 +71,36 @@ private:
   void begin(const std::string& name)
   {
     const auto& object = _behaviors->object();
-    const auto tell = [mailbox = _mailbox, name](const vu::Future<void>& future)
-    { put(mailbox, News::Kind::Ended, name, outcome(future)); };
+    const auto tell = [mailbox = _mailbox, name](const vu::Future<void>& future) { putOutcome(mailbox, name, future); };
     // The signals that came before the answer may still stand in the line.
     const auto answered = [object, tell](const vu::Future<void>& future)
     { object.delivered().then([tell, future](const auto&) { tell(future); }); };
     object.async<void>("runBehavior", name).then(answered);
   }
 
-  static std::string outcome(const vu::Future<void>& future)
+  static void putOutcome(const NewsBox& mailbox, const std::string& name, const vu::Future<void>& future)
   {
-    if (!future.hasError())
-      return {};
-    const auto text = future.error();
+    try
+    {
+      future.value();
+      put(mailbox, News::Kind::Ended, name);
+    }
+    catch (const vu::ServiceError& error)
+    {
+      // That the connection ended says nothing about the behavior.
+      const auto lost = error.kind() == vu::ServiceError::Kind::ConnectionLost;
+      put(mailbox, lost ? News::Kind::Disconnected : News::Kind::Ended, name, reason(error));
+    }
+    catch (const std::exception& error)
+    {
+      put(mailbox, News::Kind::Ended, name, reason(error));
+    }
+  }
+
+  /// Never empty, which would mean success.
+  static std::string reason(const std::exception& error)
+  {
+    const std::string text = error.what();
     return text.empty() ? "it failed without a reason" : text;
   }
 
@@ -114,8 +132,7 @@ private:
       interrupted();
       break;
     case News::Kind::Disconnected:
-      throw CommandError("the connection to the host ended: " + news.text + "; the behaviors may still be running, see \"tarvik list\"",
-                         ExitCode::NoHost);
+      throw CommandError(news.text + "; the behaviors may still be running, see \"tarvik list\"", ExitCode::NoHost);
     }
   }
 

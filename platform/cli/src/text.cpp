@@ -108,14 +108,14 @@ std::string formatDescription(const vu::ObjectDescription& description)
 {
   std::string text = description.name + "\n";
   if (!description.description.empty())
-    text += "  " + description.description + "\n";
+    text += "  " + singleLine(description.description) + "\n";
   if (!description.methods.empty())
     text += "\nmethods\n";
   for (const auto& method : description.methods)
   {
     text += "  " + signature(method) + "\n";
     if (!method.description.empty())
-      text += "      " + method.description + "\n";
+      text += "      " + singleLine(method.description) + "\n";
     for (const auto& parameter : method.parameters)
       if (!parameter.description.empty())
         text += "      " + parameter.name + ": " + parameter.description + "\n";

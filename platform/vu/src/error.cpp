@@ -6,7 +6,7 @@ namespace vu
 {
 
 ServiceError::ServiceError(std::string module, std::string method, const std::string& description, Kind kind)
-  : std::runtime_error(description), _module(std::move(module)), _method(std::move(method)), _kind(kind)
+    : std::runtime_error(description), _module(std::move(module)), _method(std::move(method)), _kind(kind)
 {
 }
 

@@ -98,22 +98,22 @@ Future<Object> LocalSession::service(const std::string& name, const std::string&
   }
   if (timeoutMs > 0)
     _implementation->pool->postAfter(
-      std::chrono::milliseconds(timeoutMs),
-      [weak = std::weak_ptr<Implementation>(_implementation), number, name, timeoutMs]
-      {
-        std::optional<Promise<Object>> late;
-        if (const auto session = weak.lock())
+        std::chrono::milliseconds(timeoutMs),
+        [weak = std::weak_ptr<Implementation>(_implementation), number, name, timeoutMs]
         {
-          const std::lock_guard lock(session->mutex);
-          if (const auto found = session->waiters.find(number); found != session->waiters.end())
+          std::optional<Promise<Object>> late;
+          if (const auto session = weak.lock())
           {
-            late = found->second.promise;
-            session->waiters.erase(found);
+            const std::lock_guard lock(session->mutex);
+            if (const auto found = session->waiters.find(number); found != session->waiters.end())
+            {
+              late = found->second.promise;
+              session->waiters.erase(found);
+            }
           }
-        }
-        if (late)
-          late->setException(unknownService(name, "there is no service " + name + " after " + std::to_string(timeoutMs) + " ms"));
-      });
+          if (late)
+            late->setException(unknownService(name, "there is no service " + name + " after " + std::to_string(timeoutMs) + " ms"));
+        });
   return promise.future();
 }
 

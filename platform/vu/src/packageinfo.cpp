@@ -45,7 +45,7 @@ void expectObject(const Value& value, const char* what)
 } // namespace
 
 BehaviorInfo::BehaviorInfo(std::string path, std::string nature, std::map<std::string, std::list<std::string>> tags)
-  : _data(std::make_shared<const Data>(Data{std::move(path), std::move(nature), std::move(tags)}))
+    : _data(std::make_shared<const Data>(Data{std::move(path), std::move(nature), std::move(tags)}))
 {
 }
 
@@ -106,7 +106,10 @@ std::string PackageInfo::version() const { return _data ? _data->version : std::
 std::string PackageInfo::installer() const { return _data ? _data->installer : std::string(); }
 std::string PackageInfo::path() const { return _data ? _data->path : std::string(); }
 std::string PackageInfo::name(const std::string& locale) const { return _data ? textIn(_data->names, locale) : std::string(); }
-std::string PackageInfo::description(const std::string& locale) const { return _data ? textIn(_data->descriptions, locale) : std::string(); }
+std::string PackageInfo::description(const std::string& locale) const
+{
+  return _data ? textIn(_data->descriptions, locale) : std::string();
+}
 std::list<BehaviorInfo> PackageInfo::behaviors() const { return _data ? _data->behaviors : std::list<BehaviorInfo>(); }
 
 Value PackageInfo::toValue() const

@@ -6,7 +6,7 @@ namespace ZB
 {
 
 ZBError::ZBError(std::string module, std::string method, const std::string& description, std::source_location location)
-  : vu::ServiceError(std::move(module), std::move(method), description), _location(location)
+    : vu::ServiceError(std::move(module), std::move(method), description), _location(location)
 {
 }
 

@@ -9,7 +9,7 @@ namespace ZB
 {
 
 ZBModuleCore::ZBModuleCore(std::shared_ptr<ZBBroker> broker, const std::string& name)
-  : _name(name), _broker(std::move(broker)), _builder(name, _broker->pool())
+    : _name(name), _broker(std::move(broker)), _builder(name, _broker->pool())
 {
 }
 

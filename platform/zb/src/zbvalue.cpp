@@ -30,7 +30,8 @@ int ZBValue::getSize() const { return _value->is_array() ? static_cast<int>(_val
 ZBValue ZBValue::operator[](int index) const
 {
   if (index < 0 || index >= getSize())
-    throw std::out_of_range("index " + std::to_string(index) + " is out of range: the value has " + std::to_string(getSize()) + " elements");
+    throw std::out_of_range("index " + std::to_string(index) + " is out of range: the value has " + std::to_string(getSize()) +
+                            " elements");
   return ZBValue(std::shared_ptr<vu::Value>(_value, &(*_value)[static_cast<std::size_t>(index)]));
 }
 

@@ -95,9 +95,11 @@ public:
   Future<Value> asyncValues(const std::string& method, Value arguments) const;
 
   /// Connects; `callback` is queued in this handle's line for every emission.
-  template <typename... Arguments> Future<SignalLink> connect(const std::string& signal, std::type_identity_t<std::function<void(Arguments...)>> callback) const
+  template <typename... Arguments>
+  Future<SignalLink> connect(const std::string& signal, std::type_identity_t<std::function<void(Arguments...)>> callback) const
   {
-    return connectValues(signal, [callback = std::move(callback)](const Value& values) { xApply<Arguments...>(callback, values, std::index_sequence_for<Arguments...>()); });
+    return connectValues(signal, [callback = std::move(callback)](const Value& values)
+                         { xApply<Arguments...>(callback, values, std::index_sequence_for<Arguments...>()); });
   }
   Future<SignalLink> connectValues(const std::string& signal, SignalBase::ValuesCallback callback) const;
 

@@ -77,12 +77,16 @@ public:
   template <typename C, typename R, typename... Arguments>
   void advertiseMethod(MethodDescription description, C* instance, R (C::*member)(Arguments...))
   {
-    xAdvertise<R, Arguments...>(std::move(description), [instance, member](Arguments... arguments) -> R { return (instance->*member)(std::forward<Arguments>(arguments)...); });
+    xAdvertise<R, Arguments...>(std::move(description),
+                                [instance, member](Arguments... arguments) -> R
+                                { return (instance->*member)(std::forward<Arguments>(arguments)...); });
   }
   template <typename C, typename R, typename... Arguments>
   void advertiseMethod(MethodDescription description, const C* instance, R (C::*member)(Arguments...) const)
   {
-    xAdvertise<R, Arguments...>(std::move(description), [instance, member](Arguments... arguments) -> R { return (instance->*member)(std::forward<Arguments>(arguments)...); });
+    xAdvertise<R, Arguments...>(std::move(description),
+                                [instance, member](Arguments... arguments) -> R
+                                { return (instance->*member)(std::forward<Arguments>(arguments)...); });
   }
 
   void advertiseSignal(const std::string& name, SignalBase& signal);
@@ -99,7 +103,8 @@ private:
   }
 
   template <typename R, typename... Arguments, typename F, std::size_t... index>
-  static std::variant<Value, Future<Value>> xInvoke(const F& function, const Value& values, const std::shared_ptr<ThreadPool>& pool, std::index_sequence<index...>)
+  static std::variant<Value, Future<Value>> xInvoke(const F& function, const Value& values, const std::shared_ptr<ThreadPool>& pool,
+                                                    std::index_sequence<index...>)
   {
     // All conversions come before the call, so that their errors cannot be
     // taken for the method's own.

@@ -20,8 +20,8 @@ class RemoteSession final : public Session
 public:
   struct Options
   {
-    std::string url;   ///< "http://127.0.0.1:7110" or "https://…"
-    std::string token; ///< sent as bearer token
+    std::string url;                          ///< "http://127.0.0.1:7110" or "https://…"
+    std::string token;                        ///< sent as bearer token
     std::chrono::milliseconds timeout{10000}; ///< for connecting
     /// Certificate of the authority to trust for https, a PEM file; empty: the system's.
     std::string certificateAuthority;

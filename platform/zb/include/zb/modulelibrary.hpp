@@ -8,8 +8,8 @@
 /// looks for. Stands once in a library, in a source file:
 ///
 ///   ZB_MODULE_LIBRARY(My::ZBModuleClass, "ZBMyModule")
-#define ZB_MODULE_LIBRARY(ModuleClass, moduleName)                                         \
-  extern "C" __attribute__((visibility("default"))) void zbLoadModule(ZB::ZBBroker* broker) \
-  {                                                                                        \
-    broker->createModule<ModuleClass>(moduleName);                                         \
+#define ZB_MODULE_LIBRARY(ModuleClass, moduleName)                                                                                         \
+  extern "C" __attribute__((visibility("default"))) void zbLoadModule(ZB::ZBBroker* broker)                                                \
+  {                                                                                                                                        \
+    broker->createModule<ModuleClass>(moduleName);                                                                                         \
   }

@@ -12,7 +12,8 @@ namespace ZB
 class ZBError : public vu::ServiceError
 {
 public:
-  ZBError(std::string module, std::string method, const std::string& description, std::source_location location = std::source_location::current());
+  ZBError(std::string module, std::string method, const std::string& description,
+          std::source_location location = std::source_location::current());
   /// The same error as one that came from a service, with its kind.
   explicit ZBError(const vu::ServiceError& error, std::source_location location = std::source_location::current());
   ~ZBError() override;

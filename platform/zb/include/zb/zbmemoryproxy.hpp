@@ -24,10 +24,19 @@ public:
   void removeData(const std::string& key) const { _proxy.call("removeData", key); }
   std::vector<std::string> getDataListName() const { return _proxy.call<std::vector<std::string>>("getDataListName"); }
   std::vector<std::string> getEventList() const { return _proxy.call<std::vector<std::string>>("getEventList"); }
-  void subscribeToEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method) const { _proxy.call("subscribeToEvent", key, module, message, method); }
-  void subscribeToMicroEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method) const { _proxy.call("subscribeToMicroEvent", key, module, message, method); }
+  void subscribeToEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method) const
+  {
+    _proxy.call("subscribeToEvent", key, module, message, method);
+  }
+  void subscribeToMicroEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method) const
+  {
+    _proxy.call("subscribeToMicroEvent", key, module, message, method);
+  }
   void unsubscribeToEvent(const std::string& key, const std::string& module) const { _proxy.call("unsubscribeToEvent", key, module); }
-  void unsubscribeToMicroEvent(const std::string& key, const std::string& module) const { _proxy.call("unsubscribeToMicroEvent", key, module); }
+  void unsubscribeToMicroEvent(const std::string& key, const std::string& module) const
+  {
+    _proxy.call("unsubscribeToMicroEvent", key, module);
+  }
 
 private:
   ZBProxy _proxy;
