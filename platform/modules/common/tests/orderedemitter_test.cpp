@@ -22,32 +22,29 @@ TEST(OrderedEmitter, concurrentEmissionsComeInTheOrderOfTheirTicketsAndBeforeEmi
   std::mutex mutex; // guards next
   int next = 0;
   std::vector<int> announced; // one announcement at a time: needs no lock
-  std::vector<std::thread> threads;
   std::latch start(8);
-  for (int thread = 0; thread < 8; ++thread)
-    threads.emplace_back(
-        [&]
-        {
-          start.arrive_and_wait();
-          for (int i = 0; i < 500; ++i)
+  const auto work = [&]
+  {
+    start.arrive_and_wait();
+    for (int i = 0; i < 500; ++i)
+    {
+      bool made = false;
+      std::unique_lock lock(mutex);
+      const auto ticket = emitter.queue(
+          [&, number = next++]
           {
-            bool made = false;
-            common::OrderedEmitter::Ticket ticket;
-            {
-              const std::lock_guard lock(mutex);
-              ticket = emitter.queue(
-                  [&announced, &made, number = next++]
-                  {
-                    announced.push_back(number);
-                    made = true;
-                  });
-            }
-            emitter.emit(ticket);
-            EXPECT_TRUE(made);
-          }
-        });
-  for (auto& thread : threads)
-    thread.join();
+            announced.push_back(number);
+            made = true;
+          });
+      lock.unlock();
+      emitter.emit(ticket);
+      EXPECT_TRUE(made);
+    }
+  };
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < 8; ++thread)
+    threads.emplace_back(work);
+  threads.clear();
   ASSERT_EQ(announced.size(), 4000U);
   EXPECT_TRUE(std::is_sorted(announced.begin(), announced.end()));
 }
@@ -56,32 +53,31 @@ TEST(OrderedEmitter, nestedEmissionComesAfterTheOuterOneAndBeforeItReturns)
 {
   common::OrderedEmitter emitter;
   std::vector<std::string> announced;
-  emitter.emit(emitter.queue(
-      [&]
-      {
-        emitter.emit(emitter.queue([&] { announced.emplace_back("inner"); }));
-        announced.emplace_back("outer");
-      }));
+  const auto outer = [&]
+  {
+    emitter.emit(emitter.queue([&] { announced.emplace_back("inner"); }));
+    announced.emplace_back("outer");
+  };
+  emitter.emit(emitter.queue(outer));
   EXPECT_THAT(announced, testing::ElementsAre("outer", "inner"));
 }
 
 TEST(OrderedEmitter, announcementsThatEmitCrosswiseDoNotWaitForEachOther)
 {
-  common::OrderedEmitter left;
-  common::OrderedEmitter right;
+  common::OrderedEmitter emitters[2];
   std::latch bothInside(2);
   std::atomic<int> followers = 0;
-  const auto announce = [&](common::OrderedEmitter& own, common::OrderedEmitter& other)
+  const auto announce = [&](int own)
   {
-    own.emit(own.queue(
-        [&]
-        {
-          bothInside.arrive_and_wait();
-          other.emit(other.queue([&] { ++followers; }));
-        }));
+    const auto cross = [&, own]
+    {
+      bothInside.arrive_and_wait();
+      emitters[1 - own].emit(emitters[1 - own].queue([&] { ++followers; }));
+    };
+    emitters[own].emit(emitters[own].queue(cross));
   };
-  std::thread thread([&] { announce(left, right); });
-  announce(right, left);
+  std::thread thread(announce, 0);
+  announce(1);
   thread.join();
   EXPECT_EQ(followers, 2);
 }
@@ -90,10 +86,10 @@ TEST(OrderedEmitter, announcementThatThrowsIsLoggedAndHindersNoOther)
 {
   common::OrderedEmitter emitter;
   vu::log::Capture log;
-  emitter.emit(emitter.queue([] { throw std::runtime_error("broken announcement"); }));
-  EXPECT_EQ(log.count(vu::log::Level::Error, "broken announcement"), 1U);
   bool made = false;
+  emitter.emit(emitter.queue([] { throw std::runtime_error("broken announcement"); }));
   emitter.emit(emitter.queue([&] { made = true; }));
+  EXPECT_EQ(log.count(vu::log::Level::Error, "broken announcement"), 1U);
   EXPECT_TRUE(made);
 }
 

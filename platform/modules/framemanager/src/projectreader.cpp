@@ -51,7 +51,7 @@ public:
     if (const auto second = root.next_sibling())
       fault(second, "there must be nothing after </project>");
     checkAttributes(root, {"format", "name"});
-    if (const std::string_view format = required(root, "format"); format != "1")
+    if (const auto format = required(root, "format"); format != "1")
       fault(root, "the format " + quote(format) + " is not known; write format=\"1\"");
 
     Project project;

@@ -1,8 +1,19 @@
 #include <zbmemory.hpp>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <latch>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 #include <zb/zbmemoryproxy.hpp>
@@ -13,93 +24,336 @@ using testing::HasSubstr;
 namespace
 {
 
+/// What happened, in order, on whatever thread.
+class Journal
+{
+public:
+  void add(std::string entry)
+  {
+    const std::lock_guard lock(_mutex);
+    _entries.push_back(std::move(entry));
+    _added.notify_all();
+  }
+
+  /// The entries, as soon as there are `count`; those there are after ten seconds.
+  std::vector<std::string> wait(std::size_t count)
+  {
+    std::unique_lock lock(_mutex);
+    _added.wait_for(lock, std::chrono::seconds(10), [&] { return _entries.size() >= count; });
+    return _entries;
+  }
+
+private:
+  std::mutex _mutex; // guards _entries
+  std::condition_variable _added;
+  std::vector<std::string> _entries;
+};
+
+using Callback = std::function<void(const std::string& key, const ZB::ZBValue& value, const std::string& message)>;
+
+/// A module that hands on what it is told.
+class Listener : public ZB::ZBModule
+{
+public:
+  Listener(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, Callback callback)
+      : ZBModule(std::move(broker), name), _callback(std::move(callback))
+  {
+    functionName("onEvent", name, "Be told of an event");
+    bindMethod(this, &Listener::onEvent);
+    functionName("onEventLater", name, "Fails in its future");
+    bindMethod(this, &Listener::onEventLater);
+  }
+
+  void onEvent(const std::string& key, const ZB::ZBValue& value, const std::string& message) { _callback(key, value, message); }
+  vu::Future<void> onEventLater(const std::string& key, const ZB::ZBValue& value, const std::string& message)
+  {
+    _callback(key, value, message);
+    return later.future();
+  }
+
+  vu::Promise<void> later;
+
+private:
+  const Callback _callback;
+};
+
 class Memory : public testing::Test
 {
 protected:
-  Memory() { broker->createModule<ZB::ZBMemory>("ZBMemory"); }
+  explicit Memory(vu::ThreadPool::Limits limits = {}) : broker(ZB::ZBBroker::create({.pool = limits})), memory(broker)
+  {
+    service = &broker->createModule<ZB::ZBMemory>("ZBMemory");
+    for (const auto* key : {"A", "B"})
+      memory.declareEvent(key);
+  }
   ~Memory() override { broker->shutdown(); }
 
-  template <typename F> static std::string errorOf(const F& function)
+  /// A module that hears of `keys`.
+  Listener& listen(const std::string& name, const std::vector<std::string>& keys, Callback callback)
   {
-    try
-    {
-      function();
-    }
-    catch (const ZB::ZBError& error)
-    {
-      EXPECT_EQ(error.module(), "ZBMemory");
-      return error.description();
-    }
-    ADD_FAILURE() << "no error";
-    return {};
+    auto& listener = broker->createModule<Listener>(name, std::move(callback));
+    for (const auto& key : keys)
+      memory.subscribeToEvent(key, name, "", "onEvent");
+    return listener;
   }
+  Listener& listen(const std::string& name, const std::vector<std::string>& keys) { return listen(name, keys, note); }
 
-  const std::shared_ptr<ZB::ZBBroker> broker = ZB::ZBBroker::create();
-  const ZB::ZBMemoryProxy memory{broker};
+  std::shared_ptr<ZB::ZBBroker> broker;
+  ZB::ZBMemoryProxy memory;
+  ZB::ZBMemory* service = nullptr;
+  Journal journal;
+  const Callback note = [this](const std::string& key, const ZB::ZBValue& value, const std::string& message)
+  { journal.add(key + value.value().dump() + message); };
+  vu::log::Capture log;
 };
 
-TEST_F(Memory, dataIsKeptReplacedAndRemovedByKey)
+TEST_F(Memory, dataIsKeptReplacedAndRemovedByKeyAndOnlyEventsLeaveTheirValue)
 {
-  for (const auto& value : {vu::Value(1), vu::Value("text"), vu::Value(), vu::Value({{"nested", {1, 2}}})})
+  for (const auto& value : {vu::Value("text"), vu::Value(), vu::Value({{"nested", {1, 2}}})})
   {
-    memory.insertData("b", value);
-    EXPECT_EQ(memory.getData("b").value(), value);
+    memory.insertData("data", value);
+    EXPECT_EQ(memory.getData("data").value(), value);
   }
-  memory.insertData("a", 1);
-  EXPECT_THAT(memory.getDataListName(), ElementsAre("a", "b"));
-  memory.removeData("b");
-  EXPECT_THAT(memory.getDataListName(), ElementsAre("a"));
-  EXPECT_THAT(errorOf([&] { memory.getData("b"); }), HasSubstr("\"b\""));
-  EXPECT_THAT(errorOf([&] { memory.removeData("b"); }), HasSubstr("\"b\""));
+  memory.raiseEvent("A", 1);
+  memory.raiseEvent("A", 2);
+  memory.raiseMicroEvent("A", 3);
+  memory.raiseMicroEvent("B", 4);
+  EXPECT_THAT(memory.getEventList(), ElementsAre("A", "B"));
+  EXPECT_THAT(memory.getDataListName(), ElementsAre("A", "data"));
+  EXPECT_EQ(memory.getData("A").to<int>(), 2);
+  memory.removeData("data");
+  EXPECT_THAT(memory.getDataListName(), ElementsAre("A"));
 }
 
-TEST_F(Memory, eventKeepsItsLastValueAsDataAndMicroEventDoesNot)
+TEST_F(Memory, wrongKeysAndNamesAreRefusedByName)
 {
-  memory.declareEvent("Event");
-  memory.declareEvent("MicroEvent");
-  memory.declareEvent("Event");
-  EXPECT_THAT(memory.getEventList(), ElementsAre("Event", "MicroEvent"));
-  EXPECT_THAT(memory.getDataListName(), testing::IsEmpty());
-  memory.raiseEvent("Event", 1);
-  memory.raiseEvent("Event", 2);
-  memory.raiseMicroEvent("MicroEvent", 3);
-  memory.raiseMicroEvent("Event", 4);
-  EXPECT_THAT(memory.getDataListName(), ElementsAre("Event"));
-  EXPECT_EQ(memory.getData("Event").to<int>(), 2);
+  memory.insertData("known", 1);
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {[this] { memory.getData("x"); }, "\"x\""},
+      {[this] { memory.removeData("x"); }, "\"x\""},
+      {[this] { memory.raiseEvent("known", 2); }, "\"known\" has not been declared"},
+      {[this] { memory.raiseMicroEvent("known", 2); }, "\"known\" has not been declared"},
+      {[this] { memory.declareEvent(""); }, "key is empty"},
+      {[this] { memory.insertData("", 1); }, "key is empty"},
+      {[this] { memory.subscribeToEvent("", "Module", "", "method"); }, "the module \"Module\""},
+      {[this] { memory.subscribeToEvent("key", "", "", "method"); }, "the key \"key\""},
+      {[this] { memory.subscribeToMicroEvent("key", "Module", "", ""); }, "the key \"key\""}};
+  for (const auto& [call, text] : cases)
+    EXPECT_THAT(call, testing::Throws<ZB::ZBError>(testing::Property(&ZB::ZBError::description, HasSubstr(text))));
+  EXPECT_EQ(memory.getData("known").to<int>(), 1);
 }
 
-TEST_F(Memory, undeclaredKeyIsRefusedByName)
+TEST_F(Memory, eitherKindOfSubscriptionGetsEitherKindOfRaiseAndReplacesTheOther)
 {
-  memory.insertData("Unknown", 1);
-  EXPECT_THAT(errorOf([&] { memory.raiseEvent("Unknown", 2); }), HasSubstr("\"Unknown\" has not been declared"));
-  EXPECT_THAT(errorOf([&] { memory.raiseMicroEvent("Unknown", 2); }), HasSubstr("\"Unknown\" has not been declared"));
-  EXPECT_EQ(memory.getData("Unknown").to<int>(), 1);
+  listen("Listener", {"A"});
+  memory.subscribeToMicroEvent("A", "Listener", "micro", "onEvent");
+  memory.raiseEvent("A", 1);
+  memory.raiseMicroEvent("A", 2);
+  memory.subscribeToEvent("A", "Listener", "event", "onEvent");
+  memory.raiseEvent("A", 3);
+  memory.raiseMicroEvent("A", 4);
+  EXPECT_THAT(journal.wait(4), ElementsAre("A1micro", "A2micro", "A3event", "A4event"));
 }
 
-TEST_F(Memory, emptyNamesAreRefused)
+TEST_F(Memory, subscriptionBeforeTheDeclarationIsServedAndSubscribingDeliversNothing)
 {
-  EXPECT_THAT(errorOf([&] { memory.declareEvent(""); }), HasSubstr("key is empty"));
-  EXPECT_THAT(errorOf([&] { memory.insertData("", 1); }), HasSubstr("key is empty"));
-  EXPECT_THAT(errorOf([&] { memory.subscribeToEvent("", "Module", "", "method"); }), HasSubstr("the module \"Module\""));
-  EXPECT_THAT(errorOf([&] { memory.subscribeToEvent("key", "", "", "method"); }), HasSubstr("the key \"key\""));
-  EXPECT_THAT(errorOf([&] { memory.subscribeToMicroEvent("key", "Module", "", ""); }), HasSubstr("the key \"key\""));
+  memory.raiseEvent("A", 0);
+  listen("Listener", {"A", "Later"});
+  EXPECT_THROW(memory.raiseEvent("Later", 1), ZB::ZBError);
+  memory.declareEvent("Later");
+  memory.raiseEvent("Later", 2);
+  EXPECT_THAT(journal.wait(1), ElementsAre("Later2"));
 }
 
-TEST_F(Memory, everyMethodIsDescribedWithItsParameters)
+TEST_F(Memory, eventsOfAllKeysArriveInOrderOneAtATimeAndNeverOnTheRaisersThread)
 {
-  const auto description = broker->session()->service("ZBMemory").value().description();
-  EXPECT_EQ(description.methods.size(), 12U);
-  for (const auto& method : description.methods)
+  constexpr int count = 300;
+  std::atomic<int> inside = 0;
+  std::vector<std::string> expected;
+  const auto raiser = std::this_thread::get_id();
+  const auto check = [&](const std::string& key, const ZB::ZBValue& value, const std::string& message)
   {
-    SCOPED_TRACE(method.name);
-    EXPECT_FALSE(method.description.empty());
-    for (const auto& parameter : method.parameters)
-      EXPECT_FALSE(parameter.name.empty() || parameter.description.empty());
-    EXPECT_EQ(method.returns.has_value(), method.name.starts_with("get"));
+    EXPECT_EQ(++inside, 1);
+    EXPECT_NE(std::this_thread::get_id(), raiser);
+    note(key, value, message);
+    --inside;
+  };
+  listen("Listener", {"A", "B"}, check);
+  for (int i = 0; i < count; ++i)
+  {
+    const std::string key = i % 3 == 0 ? "A" : "B";
+    i % 2 == 0 ? memory.raiseEvent(key, i) : memory.raiseMicroEvent(key, i);
+    expected.push_back(key + std::to_string(i));
   }
-  ASSERT_EQ(description.signals.size(), 1U);
-  EXPECT_EQ(description.signals[0].name, "eventRaised");
-  EXPECT_THAT(description.signals[0].arguments, ElementsAre("string", "value"));
+  EXPECT_EQ(journal.wait(count), expected);
+}
+
+TEST_F(Memory, subscriberThatBlocksHoldsUpNeitherRaiserNorOtherSubscribers)
+{
+  std::promise<void> release;
+  listen("Blocked", {"A"}, [future = release.get_future().share()](auto&&...) { future.wait(); });
+  listen("Free", {"A"});
+  memory.raiseEvent("A", 1);
+  memory.raiseEvent("A", 2);
+  EXPECT_THAT(journal.wait(2), ElementsAre("A1", "A2"));
+  release.set_value();
+}
+
+TEST_F(Memory, subscribersMethodMayRaiseSubscribeAndUnsubscribe)
+{
+  const auto change = [this](const std::string& key, const ZB::ZBValue& value, const std::string& message)
+  {
+    note(key, value, message);
+    if (key == "B")
+      return;
+    memory.unsubscribeToEvent("A", "Listener");
+    memory.subscribeToEvent("B", "Listener", "", "onEvent");
+    memory.raiseEvent("A", 2);
+    memory.raiseEvent("B", 3);
+  };
+  listen("Listener", {"A"}, change);
+  memory.raiseEvent("A", 1);
+  EXPECT_THAT(journal.wait(2), ElementsAre("A1", "B3"));
+}
+
+TEST_F(Memory, afterUnsubscribingNothingThatStoodInTheLineIsDelivered)
+{
+  std::promise<void> entered;
+  std::promise<void> release;
+  const auto block = [&](const std::string& key, const ZB::ZBValue& value, const std::string& message)
+  {
+    note(key, value, message);
+    if (key == "B")
+      return;
+    entered.set_value();
+    release.get_future().wait();
+  };
+  listen("Listener", {"A", "B"}, block);
+  memory.raiseEvent("A", 1);
+  entered.get_future().wait();
+  memory.raiseEvent("A", 2);
+  memory.unsubscribeToMicroEvent("A", "Listener");
+  memory.unsubscribeToMicroEvent("A", "Listener");
+  memory.raiseEvent("A", 3);
+  memory.raiseEvent("B", 4);
+  release.set_value();
+  EXPECT_THAT(journal.wait(2), ElementsAre("A1", "B4"));
+}
+
+TEST_F(Memory, methodThatFailsIsLoggedAndHurtsNobody)
+{
+  const auto fail = [this](const std::string& key, const ZB::ZBValue& value, const std::string&)
+  {
+    if (key == "A")
+      throw std::runtime_error("broken subscriber");
+    note(key, value, " of Failing");
+  };
+  listen("Failing", {"B"}, fail);
+  listen("Sound", {"A"});
+  std::size_t delivered = 0;
+  for (const auto& [method, text] : {std::pair("onEvent", "broken subscriber"), std::pair("missing", "no method missing")})
+  {
+    SCOPED_TRACE(method);
+    memory.subscribeToEvent("A", "Failing", "", method);
+    memory.raiseEvent("A", 1);
+    memory.raiseEvent("B", 2);
+    EXPECT_THAT(journal.wait(delivered += 2), testing::IsSupersetOf({"A1", "B2 of Failing"}));
+    EXPECT_EQ(log.count(vu::log::Level::Warning, text), 1U);
+    EXPECT_EQ(log.count(vu::log::Level::Warning, std::string("Failing.") + method + " failed on the event \"A\""), 1U);
+  }
+}
+
+TEST_F(Memory, futureThatFailsLaterIsLoggedAndDoesNotHoldTheLine)
+{
+  auto& listener = listen("Listener", {});
+  memory.subscribeToEvent("A", "Listener", "", "onEventLater");
+  memory.raiseEvent("A", 1);
+  memory.raiseEvent("A", 2);
+  EXPECT_THAT(journal.wait(2), ElementsAre("A1", "A2"));
+  listener.later.setError("failed in the end");
+  broker->shutdown(); // runs what is queued on the pool
+  EXPECT_EQ(log.count(vu::log::Level::Warning, "failed in the end"), 2U);
+}
+
+TEST_F(Memory, subscriberThatHasGoneIsSkippedAndItsSuccessorServed)
+{
+  listen("Gone", {"A"});
+  listen("Sound", {"A"});
+  broker->removeModule("Gone");
+  memory.raiseEvent("A", 1);
+  EXPECT_THAT(journal.wait(1), ElementsAre("A1"));
+  broker->createModule<Listener>("Gone", note);
+  memory.raiseEvent("A", 2);
+  EXPECT_THAT(journal.wait(3), ElementsAre("A1", "A2", "A2"));
+  EXPECT_EQ(log.count(vu::log::Level::Warning, ""), 0U);
+}
+
+TEST_F(Memory, concurrentRaisesReachAllSubscribersAndTheSignalInOneOrder)
+{
+  constexpr int raisers = 4;
+  constexpr int raises = 100;
+  Journal journals[3];
+  service->eventRaised.connect([&](const std::string&, const vu::Value& value) { journals[0].add(value.dump()); });
+  for (int i = 1; i < 3; ++i)
+    listen("Listener" + std::to_string(i), {"A"},
+           [&, i](auto&&, const ZB::ZBValue& value, auto&&) { journals[i].add(value.value().dump()); });
+  std::latch start(raisers);
+  const auto raise = [&](int raiser)
+  {
+    start.arrive_and_wait();
+    for (int i = 0; i < raises; ++i)
+      memory.raiseEvent("A", raiser * raises + i);
+  };
+  std::vector<std::jthread> threads;
+  for (int raiser = 0; raiser < raisers; ++raiser)
+    threads.emplace_back(raise, raiser);
+  threads.clear();
+  const auto order = journals[0].wait(0);
+  ASSERT_EQ(order.size(), static_cast<std::size_t>(raisers * raises)) << "a raise returned before its signal";
+  EXPECT_EQ(journals[1].wait(order.size()), order);
+  EXPECT_EQ(journals[2].wait(order.size()), order);
+  EXPECT_EQ(memory.getData("A").value().dump(), order.back());
+}
+
+/// Subscribes in its constructor, where the pool's only thread must not be held.
+class MemoryDuringConstruction : public Memory
+{
+protected:
+  MemoryDuringConstruction() : Memory({.threads = 1, .maximum = 1}) {}
+
+  struct Constructing : Listener
+  {
+    Constructing(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, MemoryDuringConstruction& test, bool fails)
+        : Listener(broker, name, test.note)
+    {
+      test.memory.subscribeToEvent("A", name, "", "onEvent");
+      test.memory.raiseEvent("A", 1);
+      // The pool's only thread has passed the line when this has run.
+      std::promise<void> passed;
+      broker->pool()->post([&] { passed.set_value(); });
+      EXPECT_EQ(passed.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+      EXPECT_THAT(test.journal.wait(0), testing::IsEmpty());
+      test.memory.raiseMicroEvent("A", 2);
+      if (fails)
+        throw std::runtime_error("no sensor");
+    }
+  };
+};
+
+TEST_F(MemoryDuringConstruction, deliveriesWaitForTheConstructorWithoutHoldingAThread)
+{
+  broker->createModule<Constructing>("Listener", *this, false);
+  memory.raiseEvent("A", 3);
+  EXPECT_THAT(journal.wait(3), ElementsAre("A1", "A2", "A3"));
+}
+
+TEST_F(MemoryDuringConstruction, deliveriesAreDroppedWhenTheConstructorThrows)
+{
+  EXPECT_THROW(broker->createModule<Constructing>("Listener", *this, true), std::runtime_error);
+  listen("Listener", {});
+  memory.raiseEvent("A", 3);
+  EXPECT_THAT(journal.wait(1), ElementsAre("A3"));
+  EXPECT_EQ(log.count(vu::log::Level::Warning, ""), 0U);
 }
 
 } // namespace

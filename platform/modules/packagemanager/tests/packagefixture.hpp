@@ -1,27 +1,22 @@
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 /// A folder of the test's own, with what packages are made of.
 class PackageFixture : public testing::Test
 {
 protected:
-  PackageFixture()
-  {
-    auto name = (std::filesystem::path(testing::TempDir()) / "packages-XXXXXX").string();
-    directory = mkdtemp(name.data());
-  }
+  PackageFixture() : directory(mkdtemp((testing::TempDir() + "packages-XXXXXX").data())) {}
   ~PackageFixture() override { std::filesystem::remove_all(directory); }
 
   static void write(const std::filesystem::path& file, const std::string& content)
@@ -32,23 +27,21 @@ protected:
 
   static std::string read(const std::filesystem::path& file)
   {
-    std::ostringstream content;
-    content << std::ifstream(file).rdbuf();
-    return content.str();
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
   }
 
   static std::string manifest(const std::string& uuid, const std::string& version = "1")
   {
-    return "<package uuid=\"" + uuid + "\" version=\"" + version + "\">\n  <behavior path=\"hello\"/>\n</package>\n";
+    return "<package uuid='" + uuid + "' version='" + version + "'>\n  <behavior path='hello'/>\n</package>\n";
   }
 
   /// A package with the behavior "hello", in a folder called `name`.
   std::filesystem::path makePackage(const std::string& name, const std::string& uuid, const std::string& version = "1") const
   {
-    const auto package = directory / name;
-    write(package / "manifest.xml", manifest(uuid, version));
-    write(package / "hello" / "behavior.xar", "<project format=\"1\" name=\"hello\"/>");
-    return package;
+    write(directory / name / "manifest.xml", manifest(uuid, version));
+    write(directory / name / "hello" / "behavior.xar", "<project format='1' name='hello'/>");
+    return directory / name;
   }
 
   /// Names of all that stands in a folder, hidden or not.
@@ -60,47 +53,27 @@ protected:
     return result;
   }
 
-  /// The description of the error, with which nothing but an `Error` is thrown.
-  template <typename Error, typename F> static std::string errorOf(const F& function)
-  {
-    try
-    {
-      function();
-    }
-    catch (const Error& error)
-    {
-      return error.what();
-    }
-    ADD_FAILURE() << "no error";
-    return {};
-  }
-
-  std::filesystem::path directory;
+  const std::filesystem::path directory;
 };
 
 /// Writes zip archives, hostile ones too.
 class ZipWriter
 {
 public:
-  explicit ZipWriter(const std::filesystem::path& file, const char* options = nullptr) : _archive(archive_write_new(), &archive_write_free)
+  explicit ZipWriter(const std::filesystem::path& file, const char* options = "")
   {
     archive_write_set_format_zip(_archive.get());
-    if (options)
-    {
-      archive_write_set_passphrase(_archive.get(), "secret");
-      EXPECT_EQ(archive_write_set_options(_archive.get(), options), ARCHIVE_OK);
-    }
+    archive_write_set_passphrase(_archive.get(), "secret");
+    EXPECT_EQ(archive_write_set_options(_archive.get(), options), ARCHIVE_OK);
     EXPECT_EQ(archive_write_open_filename(_archive.get(), file.c_str()), ARCHIVE_OK);
   }
 
   ZipWriter& file(const std::string& name, const std::string& content, unsigned mode = 0644) { return add(name, AE_IFREG, mode, content); }
   ZipWriter& folder(const std::string& name) { return add(name, AE_IFDIR, 0755); }
   ZipWriter& link(const std::string& name, const std::string& target) { return add(name, AE_IFLNK, 0777, {}, target); }
-  ZipWriter& package(const std::string& manifest)
-  {
-    return file("manifest.xml", manifest).file("hello/behavior.xar", "<project format=\"1\" name=\"hello\"/>");
-  }
+  ZipWriter& package(const std::string& manifest) { return file("manifest.xml", manifest).file("hello/behavior.xar", "<project/>"); }
 
+private:
   ZipWriter& add(const std::string& name, unsigned type, unsigned mode, const std::string& content = {}, const std::string& target = {})
   {
     const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), &archive_entry_free);
@@ -115,6 +88,5 @@ public:
     return *this;
   }
 
-private:
-  const std::unique_ptr<archive, int (*)(archive*)> _archive;
+  const std::unique_ptr<archive, int (*)(archive*)> _archive{archive_write_new(), &archive_write_free};
 };
