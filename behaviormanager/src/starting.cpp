@@ -142,21 +142,25 @@ void ZBBehaviorManager::xConnectPlay(const std::shared_ptr<BehaviorPlay>& play)
 }
 
 /// Carries out what was reported since xBeginPlay(); later reports act
-/// themselves. Called without the loading lock, since it may disconnect.
+/// themselves. Until the failure has been announced a stop is only marked, or
+/// it would overtake it. Called without the loading lock, since it may disconnect.
 void ZBBehaviorManager::xEndStarting(const std::shared_ptr<BehaviorPlay>& play)
 {
-  std::optional<std::pair<std::string, std::string>> failure;
-  bool ended = false;
+  for (;;)
   {
-    const boost::lock_guard<boost::mutex> lock(_registryMutex);
-    play->starting = false;
-    ended = play->stopReported;
-    failure.swap(play->failure);
+    std::optional<std::pair<std::string, std::string>> failure;
+    bool ended = false;
+    {
+      const boost::lock_guard<boost::mutex> lock(_registryMutex);
+      failure.swap(play->failure);
+      play->starting = failure.has_value();
+      ended = play->stopReported;
+    }
+    if (failure)
+      xAnnounceFailure(*play, failure->first, failure->second);
+    else
+      return ended ? xFinishPlay(play) : void();
   }
-  if (failure)
-    xAnnounceFailure(*play, failure->first, failure->second);
-  if (ended)
-    xFinishPlay(play);
 }
 
 vu::Future<void> ZBBehaviorManager::runBehavior(const std::string& behavior)

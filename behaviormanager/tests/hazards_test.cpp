@@ -199,6 +199,45 @@ TEST_F(Hazards, AFailureAtTheFirstStepIsAnnouncedBeforeItsStop)
   }
 }
 
+TEST_F(Hazards, AStopReportedWhileTheFailureIsAnnouncedComesBehindIt)
+{
+  std::latch failureReported(1);
+  std::latch announcing(1);
+  std::future<void> end;
+  platform.frames->during("stopped",
+                          [&]
+                          {
+                            failureReported.count_down();
+                            announcing.wait();
+                          });
+  platform.frames->during("playBehavior",
+                          [&]
+                          {
+                            end = std::async(std::launch::async, [&] { platform.frames->end(platform.id("P/a"), "no arm"); });
+                            failureReported.wait();
+                            platform.settle();
+                          });
+  during("behaviorFailed",
+         [&]
+         {
+           announcing.count_down();
+           end.get();
+           platform.settle();
+           EXPECT_THAT(platform.journal.lines("signal behaviorStopped"), IsEmpty());
+         });
+  manager.startBehavior("P/a");
+  EXPECT_EQ(platform.journal.lines("signal ").back(), "behaviorStopped [\"P/a\"]");
+}
+
+TEST_F(Hazards, RemovalWaitsForAContinuationThatIsUnderWay)
+{
+  auto pass = access.enter();
+  auto removal = std::async(std::launch::async, [&] { platform.stop(); });
+  EXPECT_EQ(removal.wait_for(200ms), std::future_status::timeout);
+  pass = {};
+  EXPECT_EQ(removal.wait_for(10s), std::future_status::ready);
+}
+
 TEST_F(Hazards, ARunsUnloadWaitsForTheFailuresAnnouncement)
 {
   std::latch announce(1);

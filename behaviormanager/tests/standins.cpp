@@ -224,6 +224,7 @@ void StandInFrameManager::report(const std::string& id, const std::optional<std:
 {
   if (failure)
     _failed(id, "the step", *failure);
+  enter("stopped", id);
   _stopped(id);
   std::vector<vu::Promise<void>> waits;
   {

@@ -74,7 +74,8 @@ private:
 /// Plays behaviors as scripts say, by the behavior's name; without a script
 /// until it is deleted or a test ends it. Like the real one it refuses an empty
 /// package directory, and reports every end exactly once before it completes
-/// the waits. Journal: "frames <method> <argument>".
+/// the waits. Journal: "frames <method> <argument>". The report of a stop
+/// counts as a call of "stopped", which a test may let in between.
 class StandInFrameManager final : public StandIn
 {
 public:

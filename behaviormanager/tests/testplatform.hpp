@@ -81,6 +81,7 @@ struct ModuleAccess
   std::string packageDirectory(const std::string& uuid) { return module.getPackageDir(uuid); }
   bool isDefault(const std::string& name) { return module.xIsDefaultBehavior(name); }
   void updated(const std::string& name) { module.onBehaviorUpdated(name); }
+  vu::Gate::Pass enter() { return module._gate->enter(); }
   bool copy(const std::string& from, const std::string& to) { return module.copy(from, to); }
 };
 
