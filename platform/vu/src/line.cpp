@@ -6,6 +6,11 @@
 namespace vu
 {
 
+namespace
+{
+constexpr int deliveriesPerTurn = 64;
+}
+
 std::shared_ptr<Line> Line::create(std::shared_ptr<ThreadPool> pool) { return std::shared_ptr<Line>(new Line(std::move(pool))); }
 
 void Line::push(ThreadPool::Task task)
@@ -35,28 +40,30 @@ Future<void> Line::passed()
 
 void Line::runNext()
 {
-  ThreadPool::Task task;
+  // Several in one go, since taking a turn on the pool costs more than most
+  // deliveries; but not all, so that others have theirs.
+  for (int i = 0; i < deliveriesPerTurn; ++i)
   {
-    const std::lock_guard lock(_mutex);
-    task = std::move(_tasks.front());
-    _tasks.pop_front();
-  }
-  try
-  {
-    task();
-  }
-  catch (...)
-  {
-    detail::logCallbackError("a delivery");
-  }
-  task = nullptr; // what it holds goes before the next one runs
-  {
-    const std::lock_guard lock(_mutex);
-    if (_tasks.empty())
+    ThreadPool::Task task;
     {
-      _running = false;
-      return;
+      const std::lock_guard lock(_mutex);
+      if (_tasks.empty())
+      {
+        _running = false;
+        return;
+      }
+      task = std::move(_tasks.front());
+      _tasks.pop_front();
     }
+    try
+    {
+      task();
+    }
+    catch (...)
+    {
+      detail::logCallbackError("a delivery");
+    }
+    // What it holds goes before the next one runs.
   }
   _pool->post([self = shared_from_this()] { self->runNext(); });
 }

@@ -16,22 +16,26 @@ BehaviorInstance::BehaviorInstance(std::shared_ptr<const PlaySettings> settings,
 {
 }
 
-bool BehaviorInstance::play()
+vu::Future<void> BehaviorInstance::play()
 {
-  if (_played.exchange(true))
-    return false;
-  boost::asio::post(_strand, [self = shared_from_this(), caller = vu::currentCaller()] { self->begin(caller); });
-  return true;
+  const vu::Promise<void> begun;
+  boost::asio::post(_strand,
+                    [self = shared_from_this(), caller = vu::currentCaller(), begun]
+                    {
+                      begun.setValue();
+                      self->begin(caller);
+                    });
+  return begun.future();
 }
 
-void BehaviorInstance::stop()
+void BehaviorInstance::stop(Ending::Kind kind, const std::string& by)
 {
-  boost::asio::post(_strand, [self = shared_from_this()] { self->xStop(); });
+  boost::asio::post(_strand, [self = shared_from_this(), ending = Ending{kind, {}, by}] { self->xStop(ending); });
 }
 
 void BehaviorInstance::begin(const std::string& caller)
 {
-  if (_stopping)
+  if (_stop)
     return;
   const auto play = std::make_shared<const Play>(Play{_settings, _project, _name, caller, _strand});
   _root = makeRunningStep(_project->root, play);
@@ -40,17 +44,23 @@ void BehaviorInstance::begin(const std::string& caller)
       [self = shared_from_this()](const Outcome& outcome)
       {
         self->_root.reset();
-        self->_ended.setValue(self->_stopping ? Outcome() : outcome);
+        if (self->_stop)
+          self->_ended.setValue(*self->_stop);
+        else if (outcome)
+          self->_ended.setValue({Ending::Kind::Failed, *outcome, {}});
+        else
+          self->_ended.setValue({});
       });
 }
 
-void BehaviorInstance::xStop()
+void BehaviorInstance::xStop(Ending ending)
 {
-  _stopping = true;
+  if (!_stop)
+    _stop = std::move(ending);
   if (_root)
     _root->stop();
   else
-    _ended.setValue(Outcome());
+    _ended.setValue(*_stop);
 }
 
 } // namespace ZB::FrameManager

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <runningstep.hpp>
@@ -10,6 +11,22 @@
 namespace ZB::FrameManager
 {
 
+/// How an instance ended.
+struct Ending
+{
+  enum class Kind
+  {
+    Finished,
+    Failed,
+    Stopped, ///< by a deletion
+    Shutdown ///< by the end of the frame manager
+  };
+
+  Kind kind = Kind::Finished;
+  Failure failure; ///< where it failed
+  std::string by;  ///< where it was stopped: on whose behalf
+};
+
 /// A behavior that may be played once. Thread-safe; its steps run on its strand.
 class BehaviorInstance : public std::enable_shared_from_this<BehaviorInstance>
 {
@@ -17,30 +34,35 @@ public:
   BehaviorInstance(std::shared_ptr<const PlaySettings> settings, std::shared_ptr<const Project> project, std::string name, Strand strand,
                    std::shared_ptr<vu::ThreadPool> continuations);
 
-  /// Plays on behalf of the current caller. False when it has been played already.
-  bool play();
+  const std::string& name() const { return _name; }
+
+  /// Takes the one turn there is to play; false when it has been taken.
+  bool takeTurn() { return !_turnTaken.exchange(true); }
+  /// Plays on behalf of the current caller, who has taken the turn; completes
+  /// when the first step begins, or none does any more.
+  vu::Future<void> play();
 
   /// Begins to stop: no further step begins. ended() tells when nothing of it
   /// is left, which takes as long as its processes do. Played or not, as often
-  /// as one likes.
-  void stop();
+  /// as one likes; the first stop counts.
+  void stop(Ending::Kind kind, const std::string& by = {});
 
   /// How it ended; a stop is no failure, whatever came of it.
-  vu::Future<Outcome> ended() const { return _ended.future(); }
+  vu::Future<Ending> ended() const { return _ended.future(); }
 
 private:
   void begin(const std::string& caller);
-  void xStop();
+  void xStop(Ending ending);
 
   const std::shared_ptr<const PlaySettings> _settings;
   const std::shared_ptr<const Project> _project;
   const std::string _name;
   const Strand _strand;
-  const vu::Promise<Outcome> _ended;
-  std::atomic<bool> _played = false;
+  const vu::Promise<Ending> _ended;
+  std::atomic<bool> _turnTaken = false;
   // Used on the strand only.
   std::shared_ptr<RunningStep> _root;
-  bool _stopping = false;
+  std::optional<Ending> _stop;
 };
 
 } // namespace ZB::FrameManager

@@ -18,27 +18,48 @@ std::vector<CallStep> RunningCalls::ofEvent(const EventStep& step)
   return {{"ZBMemory", "declareEvent", vu::Value::array({step.key})}, {"ZBMemory", "raiseEvent", vu::Value::array({step.key, step.value})}};
 }
 
+void RunningCalls::letGo()
+{
+  if (_decided)
+    _decided->exchange(true);
+  end();
+}
+
 void RunningCalls::next()
 {
   if (_position == _calls.size())
     return end();
   const auto& call = _calls[_position];
-  const vu::Object service(std::shared_ptr<vu::ObjectBackend>(play().settings->session->find(call.service)));
+  const auto service = play().settings->session->find(call.service);
   if (!service)
     return fail(call.service + "." + call.method + ": there is no service " + call.service);
+  const vu::CallerScope caller(play().caller);
+  const vu::Promise<vu::Value> answer(service->pool());
+  _decided = std::make_shared<std::atomic<bool>>(false);
+  try
+  {
+    service->pool()->postCall(
+        [service, call, answer, decided = _decided]
+        {
+          if (!decided->exchange(true))
+            service->call(call.method, call.arguments).forward(answer, [](const vu::Value& value) { return value; });
+        });
+  }
+  catch (const vu::ServiceError& error)
+  {
+    return fail(call.service + "." + call.method + ": " + error.description());
+  }
   // The continuation runs on the broker's pool and may come when the step, the
   // behavior or the frame manager has gone; only the gate tells.
-  const vu::CallerScope caller(play().caller);
-  service.asyncValues(call.method, call.arguments)
-      .then(
-          [gate = play().settings->gate, weak = weak_from_this()](const vu::Future<vu::Value>& answer)
-          {
-            const auto pass = gate->enter();
-            if (!pass)
-              return;
-            if (auto self = std::static_pointer_cast<RunningCalls>(weak.lock()))
-              boost::asio::post(self->play().strand, [self, answer] { self->answered(answer); });
-          });
+  answer.future().then(
+      [gate = play().settings->gate, weak = weak_from_this()](const vu::Future<vu::Value>& answered)
+      {
+        const auto pass = gate->enter();
+        if (!pass)
+          return;
+        if (auto self = std::static_pointer_cast<RunningCalls>(weak.lock()))
+          boost::asio::post(self->play().strand, [self, answered] { self->answered(answered); });
+      });
 }
 
 void RunningCalls::answered(const vu::Future<vu::Value>& answer)

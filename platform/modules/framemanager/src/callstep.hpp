@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include <runningstep.hpp>
@@ -9,7 +12,8 @@ namespace ZB::FrameManager
 {
 
 /// Service calls, one after another: `call` makes one, `event` declares and
-/// raises. A call that is open holds no thread; a stop leaves it to itself.
+/// raises. A call that is open holds no thread. After a stop none begins, not
+/// even one that waits for a thread already; what has begun is left to itself.
 class RunningCalls final : public RunningStep
 {
 public:
@@ -19,12 +23,14 @@ public:
 
 private:
   void begin() override { next(); }
-  void letGo() override { end(); }
+  void letGo() override;
   void next();
   void answered(const vu::Future<vu::Value>& answer);
 
   const std::vector<CallStep> _calls;
   std::size_t _position = 0;
+  /// Of the current call: whoever sets it first decides whether it begins.
+  std::shared_ptr<std::atomic<bool>> _decided;
 };
 
 } // namespace ZB::FrameManager

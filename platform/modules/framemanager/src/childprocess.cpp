@@ -1,17 +1,20 @@
 #include <childprocess.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <guardprotocol.hpp>
 
 namespace ZB::FrameManager
 {
@@ -39,22 +42,27 @@ struct Attributes
   posix_spawnattr_t value;
 };
 
-struct Pipe
-{
-  FileDescriptor readEnd;
-  FileDescriptor writeEnd;
-};
+using Ends = std::array<FileDescriptor, 2>;
 
-[[noreturn]] void cannotStart(const std::string& program, int error, const std::string& detail = {})
+[[noreturn]] void fail(const std::string& program, int error)
 {
-  throw std::runtime_error("cannot start " + program + ": " + std::generic_category().message(error) + detail);
+  throw std::runtime_error("cannot start " + program + ": " + std::generic_category().message(error));
 }
 
-Pipe makePipe(const std::string& program)
+/// The second end is for writing.
+Ends makePipe(const std::string& program)
 {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0)
-    cannotStart(program, errno);
+    fail(program, errno);
+  return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
+}
+
+Ends makeSockets(const std::string& program)
+{
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+    fail(program, errno);
   return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
@@ -69,52 +77,64 @@ std::vector<char*> pointers(const std::vector<std::string>& texts)
 
 } // namespace
 
-ChildProcess startProcess(const std::vector<std::string>& words, const std::filesystem::path& directory,
-                          const std::vector<std::string>& environment)
+ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milliseconds grace, const std::vector<std::string>& words,
+                          const std::filesystem::path& directory, const std::vector<std::string>& environment)
 {
   const auto& program = words.front();
   auto output = makePipe(program);
   auto errors = makePipe(program);
+  auto control = makeSockets(program);
 
   FileActions actions;
   ::posix_spawn_file_actions_addopen(&actions.value, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  ::posix_spawn_file_actions_adddup2(&actions.value, output.writeEnd.get(), STDOUT_FILENO);
-  ::posix_spawn_file_actions_adddup2(&actions.value, errors.writeEnd.get(), STDERR_FILENO);
-  ::posix_spawn_file_actions_addchdir_np(&actions.value, directory.c_str());
-  ::posix_spawn_file_actions_addclosefrom_np(&actions.value, STDERR_FILENO + 1);
+  ::posix_spawn_file_actions_adddup2(&actions.value, output[1].get(), STDOUT_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions.value, errors[1].get(), STDERR_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions.value, control[1].get(), guardSocket);
+  ::posix_spawn_file_actions_addclosefrom_np(&actions.value, guardSocket + 1);
 
   Attributes attributes;
   sigset_t none;
   sigset_t all;
   ::sigemptyset(&none);
   ::sigfillset(&all);
-  ::posix_spawnattr_setpgroup(&attributes.value, 0);
   ::posix_spawnattr_setsigmask(&attributes.value, &none);
   ::posix_spawnattr_setsigdefault(&attributes.value, &all);
-  ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
+  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), directory.string()};
+  arguments.insert(arguments.end(), words.begin(), words.end());
+
+  // Nothing here touches what the program lies on, which may be a file system
+  // that does not answer.
   ChildProcess child;
-  const int error =
-      ::posix_spawnp(&child.pid, program.c_str(), &actions.value, &attributes.value, pointers(words).data(), pointers(environment).data());
-  if (error != 0)
-  {
-    std::error_code ignored;
-    cannotStart(program, error,
-                std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
-  }
+  if (const int error = ::posix_spawn(&child.guard, guard.c_str(), &actions.value, &attributes.value, pointers(arguments).data(),
+                                      pointers(environment).data());
+      error == ENOENT || error == EACCES)
+    throw std::runtime_error("cannot start " + program + ": " + guard.string() +
+                             ", which guards programs, cannot be executed; is the installation whole?");
+  else if (error != 0)
+    fail(program, error);
   // It has not been collected, so that its number still is its own. (The C
   // library's pidfd_open() cannot be linked from C++ in glibc 2.36.)
-  child.ended = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child.pid, 0)));
+  child.ended = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child.guard, 0)));
   if (!child.ended)
   {
     const int reason = errno;
-    ::kill(-child.pid, SIGKILL);
-    ::waitpid(child.pid, nullptr, 0);
-    cannotStart(program, reason);
+    control = {}; // upon which the guard ends the program and itself
+    ::waitpid(child.guard, nullptr, 0);
+    fail(program, reason);
   }
-  child.output = std::move(output.readEnd);
-  child.errors = std::move(errors.readEnd);
+  child.control = std::move(control[0]);
+  child.output = std::move(output[0]);
+  child.errors = std::move(errors[0]);
   return child;
+}
+
+std::string cannotStart(const std::string& program, int error, const std::filesystem::path& directory)
+{
+  std::error_code ignored;
+  return "cannot start " + program + ": " + std::generic_category().message(error) +
+         (std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
 }
 
 std::vector<std::string> environmentWith(const std::vector<std::string>& values)

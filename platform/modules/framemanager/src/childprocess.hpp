@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -11,12 +12,14 @@
 namespace ZB::FrameManager
 {
 
-/// A program that has been started, the leader of a process group of its own.
-/// Whoever starts it has to collect it.
+/// A program that runs under a guard of its own (see guardprotocol.hpp), and
+/// what the guard's starter holds of both. Whoever starts it has to collect
+/// the guard, which ends when nothing is left of the program.
 struct ChildProcess
 {
-  pid_t pid = 0;
-  FileDescriptor ended; ///< a pidfd: readable when it has ended
+  pid_t guard = 0;
+  FileDescriptor ended;   ///< a pidfd of the guard: readable when it has ended
+  FileDescriptor control; ///< the socket to the guard
   FileDescriptor output;
   FileDescriptor errors;
 };
@@ -24,9 +27,14 @@ struct ChildProcess
 /// Starts `words` in `directory` (which a program with a slash in its name is
 /// relative to; others are looked for in PATH): standard input empty, nothing
 /// else open but output and errors, signals as a new process expects them.
-/// Throws std::runtime_error that names the program and the reason.
-ChildProcess startProcess(const std::vector<std::string>& words, const std::filesystem::path& directory,
-                          const std::vector<std::string>& environment);
+/// What the program leaves behind gets `grace` between SIGTERM and SIGKILL.
+/// Does not wait for the program to be found, which the guard reports. Throws
+/// std::runtime_error that names the program and the reason.
+ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milliseconds grace, const std::vector<std::string>& words,
+                          const std::filesystem::path& directory, const std::vector<std::string>& environment);
+
+/// Why a program could not be started in `directory`, for a person.
+std::string cannotStart(const std::string& program, int error, const std::filesystem::path& directory);
 
 /// This process's environment with `values` ("NAME=value") in the place of
 /// those of the same names.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -10,9 +9,8 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <playsettings.hpp>
 #include <project.hpp>
-#include <vu/gate.hpp>
-#include <vu/session.hpp>
 
 namespace ZB::FrameManager
 {
@@ -27,18 +25,6 @@ struct Failure
 using Outcome = std::optional<Failure>;
 
 using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
-
-/// What all behaviors of a frame manager have in common.
-struct PlaySettings
-{
-  std::shared_ptr<vu::LocalSession> session;
-  /// Lets late answers in; closed before the pool of the strands ends.
-  std::shared_ptr<vu::Gate> gate;
-  /// Of the processes, as "NAME=value".
-  std::vector<std::string> environment;
-  /// Between SIGTERM and SIGKILL.
-  std::chrono::milliseconds terminateGrace{2000};
-};
 
 /// What the steps of one playing behavior share.
 struct Play

@@ -1,13 +1,15 @@
 #include <runstep.hpp>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <sstream>
 
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <childprocess.hpp>
-#include <processgroup.hpp>
+#include <guardprotocol.hpp>
 #include <vu/log.hpp>
 
 namespace ZB::FrameManager
@@ -16,38 +18,43 @@ namespace ZB::FrameManager
 namespace
 {
 
-constexpr std::chrono::milliseconds checkInterval(10);
-/// How long a killed group may take; only a driver that hangs keeps it longer.
+/// How long a killed program may take; only a driver that hangs keeps it longer.
 constexpr std::chrono::seconds killLimit(5);
+/// The same when the frame manager closes.
+constexpr std::chrono::seconds closingKillLimit(1);
 
 } // namespace
 
 RunningProcess::RunningProcess(std::shared_ptr<const Play> play, const std::string& title, const RunStep& step)
-    : RunningStep(std::move(play), title), _step(step), _ended(this->play().strand), _limit(this->play().strand),
-      _grace(this->play().strand), _check(this->play().strand)
+    : RunningStep(std::move(play), title), _step(step), _ended(this->play().strand), _control(this->play().strand),
+      _limit(this->play().strand), _giveUp(this->play().strand)
 {
 }
 
 void RunningProcess::begin()
 {
-  auto child = startProcess(_step.words, play().project->directory, play().settings->environment);
-  _group = child.pid;
+  const auto& settings = *play().settings;
+  auto child = startProcess(settings.guard, settings.terminateGrace, _step.words, play().project->directory, settings.environment);
+  _guard = child.guard;
   try
   {
     _ended.assign(child.ended.get());
     child.ended.release();
+    _control.assign(child.control.get());
+    child.control.release();
     _output = makeReader(std::move(child.output), false);
     _errors = makeReader(std::move(child.errors), true);
   }
   catch (...)
   {
-    signalGroup(_group, SIGKILL);
-    ::waitpid(_group, nullptr, 0);
+    ::kill(_guard, SIGKILL); // which takes the program along
+    ::waitpid(_guard, nullptr, 0);
     throw;
   }
   _output->start();
   _errors->start();
-  waitForProgram();
+  waitForReport();
+  waitForGuard();
   if (_step.timeout)
   {
     _limit.expires_after(*_step.timeout);
@@ -63,35 +70,56 @@ std::shared_ptr<OutputReader> RunningProcess::makeReader(FileDescriptor pipe, bo
                                         { vu::log::write(level, "framemanager", "run", name + ": " + line); });
 }
 
-void RunningProcess::waitForProgram()
+void RunningProcess::waitForReport()
 {
-  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::programEnded));
+  _control.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::reported));
 }
 
-void RunningProcess::programEnded(Error error)
+void RunningProcess::reported(Error error)
+{
+  if (!error && !hasEnded() && takeReports())
+    waitForReport();
+}
+
+bool RunningProcess::takeReports()
+{
+  for (GuardReport report;;)
+  {
+    const auto size = ::recv(_control.native_handle(), &report, sizeof report, MSG_DONTWAIT);
+    if (size != sizeof report)
+      return size < 0 && (errno == EAGAIN || errno == EINTR);
+    if (report.kind == GuardReport::Kind::Started)
+      _program = report.value;
+    else
+    {
+      (report.kind == GuardReport::Kind::Ended ? _status : _startError) = report.value;
+      _limit.cancel();
+    }
+  }
+}
+
+void RunningProcess::waitForGuard()
+{
+  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::guardEnded));
+}
+
+void RunningProcess::guardEnded(Error error)
 {
   if (error || hasEnded())
     return;
   // Readiness is a hint: a descriptor that takes a closed one's place may be
   // woken by the news of that one.
-  const auto collected = ::waitpid(_group, &_status, WNOHANG);
-  if (collected == 0)
-    return waitForProgram();
-  _programEnded = true;
-  _statusKnown = collected == _group;
-  _limit.cancel();
-  if (groupLives(_group))
-  {
-    terminate();
-    checkGroup({});
-  }
-  else
-    conclude();
+  if (::waitpid(_guard, nullptr, WNOHANG) == 0)
+    return waitForGuard();
+  takeReports();
+  if (!_status && !_startError && _program != 0) // somebody has killed the guard
+    ::kill(-_program, SIGKILL);
+  conclude();
 }
 
 void RunningProcess::timedOut(Error error)
 {
-  if (error || _programEnded || _terminating)
+  if (error || _status || _startError || _terminating)
     return;
   _timedOut = true;
   terminate();
@@ -99,21 +127,13 @@ void RunningProcess::timedOut(Error error)
 
 void RunningProcess::terminate()
 {
-  if (std::exchange(_terminating, true))
-    return;
-  signalGroup(_group, SIGTERM);
-  signalGroup(_group, SIGCONT); // a halted process would not get it
-  _grace.expires_after(play().settings->terminateGrace);
-  _grace.async_wait(handler(&RunningProcess::graceOver));
-}
-
-void RunningProcess::graceOver(Error error)
-{
-  if (error || hasEnded())
-    return;
-  signalGroup(_group, SIGKILL);
-  _grace.expires_after(killLimit);
-  _grace.async_wait(handler(&RunningProcess::killOver));
+  _terminating = true;
+  const auto& settings = *play().settings;
+  const auto grace = settings.closing->shorten(settings.terminateGrace);
+  const auto message = static_cast<std::int32_t>(grace.count());
+  ::send(_control.native_handle(), &message, sizeof message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  _giveUp.expires_after(grace + (settings.closing->isSet() ? closingKillLimit : killLimit));
+  _giveUp.async_wait(handler(&RunningProcess::killOver));
 }
 
 void RunningProcess::killOver(Error error)
@@ -121,27 +141,17 @@ void RunningProcess::killOver(Error error)
   if (error || hasEnded())
     return;
   vu::log::error("framemanager", "run",
-                 play().name + ": the process group " + std::to_string(_group) + " of " + _step.words.front() +
+                 play().name + ": the process group " + std::to_string(_program) + " of " + _step.words.front() +
                      " cannot be killed; it is left alone");
   conclude();
-}
-
-void RunningProcess::checkGroup(Error error)
-{
-  if (error || hasEnded())
-    return;
-  if (!groupLives(_group))
-    return conclude();
-  _check.expires_after(checkInterval);
-  _check.async_wait(handler(&RunningProcess::checkGroup));
 }
 
 void RunningProcess::conclude()
 {
   _limit.cancel();
-  _grace.cancel();
-  _check.cancel();
+  _giveUp.cancel();
   _ended.close();
+  _control.close();
   _output->finish();
   _errors->finish();
   const auto text = isStopping() ? std::string() : message();
@@ -154,16 +164,18 @@ void RunningProcess::conclude()
 std::string RunningProcess::message() const
 {
   const auto& program = _step.words.front();
+  if (_startError)
+    return cannotStart(program, *_startError, play().project->directory);
   std::ostringstream text;
   text << program;
   if (_timedOut)
     text << " did not end within " << std::chrono::duration<double>(*_step.timeout).count() << " s and was stopped";
-  else if (!_statusKnown)
+  else if (!_status)
     text << ": its exit status is lost";
-  else if (WIFSIGNALED(_status))
-    text << " was ended by signal " << WTERMSIG(_status) << " (" << ::strsignal(WTERMSIG(_status)) << ")";
-  else if (WEXITSTATUS(_status) != 0)
-    text << " ended with exit status " << WEXITSTATUS(_status) << "; its output stands in the log";
+  else if (WIFSIGNALED(*_status))
+    text << " was ended by signal " << WTERMSIG(*_status) << " (" << ::strsignal(WTERMSIG(*_status)) << ")";
+  else if (WEXITSTATUS(*_status) != 0)
+    text << " ended with exit status " << WEXITSTATUS(*_status) << "; its output stands in the log";
   else
     return {};
   return text.str();

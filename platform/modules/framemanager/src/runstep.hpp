@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <boost/asio/posix/stream_descriptor.hpp>
@@ -13,11 +14,10 @@
 namespace ZB::FrameManager
 {
 
-/// A program and the process group it leads.
+/// A program under its guard, which ends it with all that has come of it: on a
+/// stop, on a time-out, and when the program ends by itself.
 ///
-/// It ends when the whole group has gone: on a stop and on a time-out the
-/// group gets SIGTERM and, after the grace, SIGKILL; so does what the program
-/// leaves behind in it when it ends by itself.
+/// The step ends with the guard, and so when nothing of the program is left.
 class RunningProcess final : public RunningStep
 {
 public:
@@ -30,28 +30,30 @@ private:
   void letGo() override { terminate(); }
   std::shared_ptr<OutputReader> makeReader(FileDescriptor pipe, bool isError);
 
-  void waitForProgram();
-  void programEnded(Error error);
+  void waitForReport();
+  void reported(Error error);
+  /// False at the end of the socket.
+  bool takeReports();
+  void waitForGuard();
+  void guardEnded(Error error);
   void timedOut(Error error);
   void terminate();
-  void graceOver(Error error);
   void killOver(Error error);
-  void checkGroup(Error error);
   void conclude();
   /// Why it failed; empty where it did not.
   std::string message() const;
 
   const RunStep& _step;
-  boost::asio::posix::stream_descriptor _ended;
+  boost::asio::posix::stream_descriptor _ended; ///< of the guard
+  boost::asio::posix::stream_descriptor _control;
   boost::asio::steady_timer _limit;
-  boost::asio::steady_timer _grace;
-  boost::asio::steady_timer _check;
+  boost::asio::steady_timer _giveUp;
   std::shared_ptr<OutputReader> _output;
   std::shared_ptr<OutputReader> _errors;
-  pid_t _group = 0;
-  int _status = 0;
-  bool _statusKnown = false;
-  bool _programEnded = false;
+  pid_t _guard = 0;
+  pid_t _program = 0;
+  std::optional<int> _startError;
+  std::optional<int> _status;
   bool _timedOut = false;
   bool _terminating = false;
 };

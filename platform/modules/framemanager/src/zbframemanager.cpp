@@ -1,12 +1,8 @@
 #include <zbframemanager.hpp>
 
-#include <algorithm>
-#include <thread>
-#include <utility>
-#include <vector>
+#include <sstream>
+#include <stdexcept>
 
-#include <childprocess.hpp>
-#include <projectreader.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -14,7 +10,7 @@ namespace ZB
 {
 
 using FrameManager::BehaviorInstance;
-using FrameManager::Outcome;
+using FrameManager::Ending;
 using FrameManager::PlaySettings;
 
 namespace
@@ -22,43 +18,59 @@ namespace
 
 constexpr std::size_t failuresRemembered = 10000;
 constexpr std::size_t threads = 2;
+/// Beyond the grace, for the end of a stop; what cannot be killed is given up before.
+constexpr std::chrono::seconds endLimit(10);
+
+std::string seconds(std::chrono::milliseconds duration)
+{
+  std::ostringstream text;
+  text << std::chrono::duration<double>(duration).count() << " s";
+  return text.str();
+}
+
+const char* outcomeName(Ending::Kind kind)
+{
+  switch (kind)
+  {
+  case Ending::Kind::Finished:
+    return "finished";
+  case Ending::Kind::Failed:
+    return "failed";
+  case Ending::Kind::Stopped:
+    return "stopped";
+  case Ending::Kind::Shutdown:
+    break;
+  }
+  return "shutdown";
+}
 
 std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::shared_ptr<vu::Gate> gate)
 {
-  const auto& configuration = broker.configuration();
-  PlaySettings settings;
-  settings.session = broker.session();
-  settings.gate = std::move(gate);
-  std::vector<std::string> variables;
-  if (configuration.contains("url"))
-    variables.push_back("TARVIK_URL=" + configuration.at("url").get<std::string>());
-  if (configuration.contains("tokenFile"))
-    variables.push_back("TARVIK_TOKEN_FILE=" + configuration.at("tokenFile").get<std::string>());
-  settings.environment = FrameManager::environmentWith(variables);
-  const vu::Value::json_pointer grace("/framemanager/terminateGraceMs");
-  if (configuration.contains(grace))
+  try
   {
-    const auto& value = configuration.at(grace);
-    if (!value.is_number_integer() || value < 0 || value > 600000)
-      throw ZBError("ZBFrameManager", "ZBFrameManager",
-                    "the setting framemanager.terminateGraceMs must be a whole number from 0 to 600000, not " + value.dump());
-    settings.terminateGrace = std::chrono::milliseconds(value.get<int>());
+    auto settings = FrameManager::readSettings(broker.configuration());
+    settings.session = broker.session();
+    settings.gate = std::move(gate);
+    return std::make_shared<const PlaySettings>(std::move(settings));
   }
-  return std::make_shared<const PlaySettings>(std::move(settings));
+  catch (const std::invalid_argument& error)
+  {
+    throw ZBError("ZBFrameManager", "ZBFrameManager", error.what());
+  }
 }
 
 } // namespace
 
 ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name)
     : ZBModule(std::move(broker), name), _gate(std::make_shared<vu::Gate>()), _settings(makeSettings(*getParentBroker(), _gate)),
-      _pool(threads)
+      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool())), _pool(threads)
 {
   setModuleDescription("Plays behaviors from their project files");
 
   functionName("createBehavior", getName(), "Reads a project whole and makes an instance of it, ready to be played");
   addParam("packageDirectory", "Absolute path of the package's directory");
   addParam("projectFile", "Path of the project file, relative to the package's directory and inside it");
-  addParam("name", "Name of the behavior, for the log");
+  addParam("name", "Name of the behavior, for the log and the history");
   setReturn("id", "Id of the instance, never used again");
   bindMethod(this, &ZBFrameManager::createBehavior);
 
@@ -79,25 +91,51 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   addParam("id", "Id of the instance");
   bindMethod(this, &ZBFrameManager::deleteBehavior);
 
+  functionName("_beginClosing", getName(), "Stops all instances and refuses further ones, for a host that shuts down. INTERNAL");
+  bindMethod(this, &ZBFrameManager::beginClosing);
+
   advertiseSignal("behaviorStopped", behaviorStopped);
   advertiseSignal("behaviorFailed", behaviorFailed);
+  advertiseSignal("instanceStarted", instanceStarted);
+  advertiseSignal("instanceEnded", instanceEnded);
 }
 
 ZBFrameManager::~ZBFrameManager()
 {
-  std::vector<std::pair<std::string, std::shared_ptr<BehaviorInstance>>> held;
-  {
-    const std::lock_guard lock(_mutex);
-    for (const auto& [id, entry] : _entries)
-      if (entry.instance)
-        held.emplace_back(id, entry.instance);
-  }
-  for (const auto& [id, instance] : held)
-    instance->stop();
-  for (const auto& [id, instance] : held)
+  beginClosing();
+  for (const auto& [id, instance] : held())
     conclude(id, instance->ended().value());
   // Ends that the broker's pool is announcing, and answers to steps that have gone.
   _gate->closeAndDrain();
+}
+
+void ZBFrameManager::beginClosing()
+{
+  {
+    const std::lock_guard lock(_mutex);
+    if (std::exchange(_closing, true))
+      return;
+  }
+  _settings->closing->set(_settings->terminateGrace);
+  _loader.close();
+  for (const auto& [id, instance] : held())
+    instance->stop(Ending::Kind::Shutdown);
+}
+
+ZBFrameManager::Instances ZBFrameManager::held() const
+{
+  const std::lock_guard lock(_mutex);
+  Instances instances;
+  for (const auto& [id, entry] : _entries)
+    if (entry.instance)
+      instances.emplace_back(id, entry.instance);
+  return instances;
+}
+
+void ZBFrameManager::refuseWhenClosing(const std::string& method) const
+{
+  if (_closing)
+    throw ZBError(getName(), method, "the host is shutting down");
 }
 
 std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, const std::string& projectFile, const std::string& name)
@@ -105,7 +143,7 @@ std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, 
   std::shared_ptr<const FrameManager::Project> project;
   try
   {
-    project = std::make_shared<const FrameManager::Project>(FrameManager::readProject(packageDirectory, projectFile));
+    project = _loader.load(packageDirectory, projectFile);
   }
   catch (const std::exception& error)
   {
@@ -116,22 +154,42 @@ std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, 
   std::string id;
   {
     const std::lock_guard lock(_mutex);
+    refuseWhenClosing("createBehavior");
     id = "fm-" + std::to_string(++_lastId);
     _entries.emplace(id, Entry{instance, vu::Promise<void>(continuations)});
   }
   instance->ended().then(
-      [this, gate = _gate, id](const vu::Future<Outcome>& ended)
+      [this, gate = _gate, settings = _settings, line = _lastEnds, id](const vu::Future<Ending>& ended)
       {
-        if (const auto pass = gate->enter())
-          conclude(id, ended.value());
+        const auto announce = [this, gate, id, ended]
+        {
+          if (const auto pass = gate->enter())
+            conclude(id, ended.value());
+        };
+        if (settings->closing->isSet())
+          line->push(announce);
+        else
+          announce();
       });
   return id;
 }
 
 void ZBFrameManager::playBehavior(const std::string& id)
 {
-  if (!instance(id, "playBehavior")->play())
+  const auto played = instance(id, "playBehavior");
+  {
+    const std::lock_guard lock(_mutex);
+    refuseWhenClosing("playBehavior");
+  }
+  if (!played->takeTurn())
     throw ZBError(getName(), "playBehavior", "the behavior " + id + " is playing already");
+  instanceStarted(id, played->name(), vu::currentCaller());
+  if (played->play().wait(_settings->playTimeout))
+    return;
+  played->stop(Ending::Kind::Stopped, vu::currentCaller()); // should its turn come yet
+  throw ZBError(getName(), "playBehavior",
+                "the behavior " + id + " has not begun within " + seconds(_settings->playTimeout) +
+                    " and was stopped: something holds the threads that behaviors play on");
 }
 
 vu::Future<void> ZBFrameManager::waitForStopped(const std::string& id)
@@ -154,8 +212,12 @@ std::set<std::string> ZBFrameManager::behaviors() const
 void ZBFrameManager::deleteBehavior(const std::string& id)
 {
   const auto deleted = instance(id, "deleteBehavior");
-  deleted->stop();
+  const auto announced = waitForStopped(id);
+  deleted->stop(Ending::Kind::Stopped, vu::currentCaller());
+  if (const auto limit = _settings->terminateGrace + endLimit; !deleted->ended().wait(limit))
+    throw ZBError(getName(), "deleteBehavior", "the behavior " + id + " has not ended within " + seconds(limit));
   conclude(id, deleted->ended().value());
+  announced.wait(); // it may be the pool that emits the signals
 }
 
 std::shared_ptr<BehaviorInstance> ZBFrameManager::instance(const std::string& id, const std::string& method) const
@@ -167,7 +229,7 @@ std::shared_ptr<BehaviorInstance> ZBFrameManager::instance(const std::string& id
   return found->second.instance;
 }
 
-void ZBFrameManager::conclude(const std::string& id, const Outcome& outcome)
+void ZBFrameManager::conclude(const std::string& id, const Ending& ending)
 {
   std::shared_ptr<BehaviorInstance> instance;
   {
@@ -177,16 +239,19 @@ void ZBFrameManager::conclude(const std::string& id, const Outcome& outcome)
       return;
     instance = std::move(found->second.instance);
   }
-  if (outcome)
-    behaviorFailed(id, outcome->step, outcome->message);
+  const auto& [kind, failure, by] = ending;
+  const bool failed = kind == Ending::Kind::Failed;
+  if (failed)
+    behaviorFailed(id, failure.step, failure.message);
+  instanceEnded(id, instance->name(), outcomeName(kind), failure.step, failure.message, by);
   behaviorStopped(id);
 
   // The entry stays until here, so that whoever comes meanwhile waits for the emissions.
-  const auto stopped = [this, &id, &outcome]
+  const auto stopped = [this, &id, failed]
   {
     const std::lock_guard lock(_mutex);
     auto promise = _entries.at(id).stopped;
-    if (!outcome)
+    if (!failed)
       _entries.erase(id);
     else
       _failures.push_back(id);
@@ -197,8 +262,8 @@ void ZBFrameManager::conclude(const std::string& id, const Outcome& outcome)
     }
     return promise;
   }();
-  if (outcome)
-    stopped.setError(outcome->message);
+  if (failed)
+    stopped.setError(failure.message);
   else
     stopped.setValue();
 }

@@ -7,10 +7,14 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <behaviorinstance.hpp>
 #include <playpool.hpp>
+#include <projectloader.hpp>
 #include <vu/gate.hpp>
+#include <vu/line.hpp>
 #include <vu/signal.hpp>
 #include <zb/zbmodule.hpp>
 
@@ -20,12 +24,17 @@ namespace ZB
 /// Plays behaviors from their project files (docs/packages.md).
 ///
 /// Every instance ends in the same order: it leaves the list, behaviorFailed
-/// is emitted if it failed, behaviorStopped is emitted, and then those who
-/// wait for it get the outcome. An end by itself is announced on the broker's
-/// pool, a deletion on the deleter's thread, before deleteBehavior() returns.
+/// is emitted if it failed, then instanceEnded and behaviorStopped, and then
+/// those who wait for it get the outcome. An end by itself is announced on the
+/// broker's pool, a deletion on the deleter's thread, before deleteBehavior()
+/// returns. The start of an instance is announced before its first step, and
+/// so before its end, unless it is deleted during that very announcement.
 ///
 /// Configuration: "url" and "tokenFile" for the processes' environment;
-/// "framemanager": {"terminateGraceMs": milliseconds between SIGTERM and SIGKILL}.
+/// "framemanager": {"terminateGraceMs": milliseconds between SIGTERM and
+/// SIGKILL, "createTimeoutMs", "playTimeoutMs": the longest that
+/// createBehavior() and playBehavior() may take, "guard": the path of
+/// tarvik-guard, if it is not beside the library}.
 class ZBFrameManager final : public ZBModule
 {
 public:
@@ -38,9 +47,19 @@ public:
   vu::Future<void> waitForStopped(const std::string& id);
   std::set<std::string> behaviors() const;
   void deleteBehavior(const std::string& id);
+  /// Stops all instances, refuses further ones and returns at once. Their
+  /// programs have one deadline in common, however late and in whatever order
+  /// the instances are deleted.
+  void beginClosing();
 
   vu::Signal<std::string> behaviorStopped;                          ///< id
   vu::Signal<std::string, std::string, std::string> behaviorFailed; ///< id, step, message
+  /// id, name, and on whose behalf it is played
+  vu::Signal<std::string, std::string, std::string> instanceStarted;
+  /// id, name, outcome ("finished", "failed", "stopped" by a deletion, or
+  /// "shutdown" by the end of the frame manager), step and message of a
+  /// failure, and on whose behalf it was stopped
+  vu::Signal<std::string, std::string, std::string, std::string, std::string, std::string> instanceEnded;
 
 private:
   struct Entry
@@ -50,16 +69,26 @@ private:
     vu::Promise<void> stopped;
   };
 
+  using Instances = std::vector<std::pair<std::string, std::shared_ptr<FrameManager::BehaviorInstance>>>;
+
+  Instances held() const;
+  /// With the mutex held.
+  void refuseWhenClosing(const std::string& method) const;
   std::shared_ptr<FrameManager::BehaviorInstance> instance(const std::string& id, const std::string& method) const;
   /// Carries out the end of an instance that has ended; does nothing when
   /// another thread does, or has done, so.
-  void conclude(const std::string& id, const FrameManager::Outcome& outcome);
+  void conclude(const std::string& id, const FrameManager::Ending& ending);
 
   const std::shared_ptr<vu::Gate> _gate;
   const std::shared_ptr<const FrameManager::PlaySettings> _settings;
+  FrameManager::ProjectLoader _loader;
+  /// Announces ends while closing one by one: all at the same time would make
+  /// as many threads wait for each other.
+  const std::shared_ptr<vu::Line> _lastEnds;
   FrameManager::PlayPool _pool;
 
   mutable std::mutex _mutex; // guards the members below
+  bool _closing = false;
   std::uint64_t _lastId = 0;
   /// Those held, those whose end is being announced, and the failed ones remembered.
   std::map<std::string, Entry> _entries;

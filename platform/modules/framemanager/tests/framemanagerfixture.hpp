@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -104,7 +105,7 @@ protected:
     if (!::mkdtemp(pattern.data()))
       throw std::runtime_error("no directory for the test");
     directory = pattern;
-    start({{"url", "http://127.0.0.1:1"}, {"tokenFile", "/nowhere/token"}, {"framemanager", {{"terminateGraceMs", 200}}}});
+    start({{"framemanager", {{"terminateGraceMs", 200}}}});
   }
   ~FrameManagerTest() override
   {
@@ -112,11 +113,14 @@ protected:
     std::filesystem::remove_all(directory);
   }
 
-  void start(const vu::Value& configuration)
+  void start(vu::Value configuration, const vu::ThreadPool::Limits& pool = {})
   {
     if (broker)
       broker->shutdown();
-    broker = ZBBroker::create({{}, configuration});
+    configuration["url"] = "http://" + directory.string();
+    configuration["tokenFile"] = "/nowhere/token";
+    configuration["framemanager"]["guard"] = TARVIK_GUARD;
+    broker = ZBBroker::create({pool, configuration});
     broker->createModule<ZBMemory>("ZBMemory");
     robot = &broker->createModule<Robot>("Robot");
     manager = &broker->createModule<ZBFrameManager>("ZBFrameManager");
@@ -183,6 +187,22 @@ protected:
     if (!stopped.wait(patience))
       return "did not end";
     return stopped.error();
+  }
+
+  /// Processes, guards among them, that have come of this test's behaviors:
+  /// all of them inherit the address of the host.
+  std::set<pid_t> processes() const
+  {
+    std::set<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+      if (const auto name = entry.path().filename().string(); name.find_first_not_of("0123456789") == std::string::npos)
+      {
+        std::ifstream file(entry.path() / "environ");
+        const std::string environment(std::istreambuf_iterator<char>(file), {});
+        if (environment.find("TARVIK_URL=http://" + directory.string()) != std::string::npos)
+          found.insert(std::stoi(name));
+      }
+    return found;
   }
 
   bool holds(const std::string& id) const { return manager->behaviors().count(id) != 0; }

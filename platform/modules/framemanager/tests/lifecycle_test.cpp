@@ -233,6 +233,46 @@ TEST_F(LifecycleTest, ClosingEndsAllAndCompletesEveryWait)
   robot->release(); // the answer comes too late and finds nobody
 }
 
+TEST_F(LifecycleTest, OneLineTellsEveryStartAndEndOnceAndInOrderWithOnWhoseBehalf)
+{
+  const auto service = broker->session()->service("ZBFrameManager").value();
+  std::vector<std::string> heard; // touched in the line, and when it is empty
+  for (const auto* signal : {"instanceStarted", "behaviorFailed", "instanceEnded", "behaviorStopped"})
+    service
+        .connectValues(signal,
+                       [&heard, signal](const vu::Value& values)
+                       {
+                         auto text = values.dump();
+                         std::erase(text, '"');
+                         heard.push_back(std::string(signal) + " " + text);
+                       })
+        .value();
+  const auto as = [this](const char* name, void (ZBFrameManager::*method)(const std::string&), const std::string& id)
+  {
+    const vu::CallerScope caller(name);
+    (manager->*method)(id);
+  };
+  for (const std::string steps : {"", "<fail reason=\"no arm\"/>", "<wait seconds=\"1000\"/>"})
+  {
+    const auto id = create(steps);
+    as("alice", &ZBFrameManager::playBehavior, id);
+    if (id == "fm-3")
+      as("bob", &ZBFrameManager::deleteBehavior, id);
+    outcome(manager->waitForStopped(id));
+  }
+  as("bob", &ZBFrameManager::deleteBehavior, create(""));
+  as("alice", &ZBFrameManager::playBehavior, create("<wait seconds=\"1000\"/>"));
+  broker->removeModule("ZBFrameManager");
+  service.delivered().wait();
+  EXPECT_THAT(heard,
+              ElementsAre("instanceStarted [fm-1,demo/t,alice]", "instanceEnded [fm-1,demo/t,finished,,,]", "behaviorStopped [fm-1]",
+                          "instanceStarted [fm-2,demo/t,alice]", "behaviorFailed [fm-2,fail (behavior.xar:2),no arm]",
+                          "instanceEnded [fm-2,demo/t,failed,fail (behavior.xar:2),no arm,]", "behaviorStopped [fm-2]",
+                          "instanceStarted [fm-3,demo/t,alice]", "instanceEnded [fm-3,demo/t,stopped,,,bob]", "behaviorStopped [fm-3]",
+                          "instanceEnded [fm-4,demo/t,stopped,,,bob]", "behaviorStopped [fm-4]", "instanceStarted [fm-5,demo/t,alice]",
+                          "instanceEnded [fm-5,demo/t,shutdown,,,]", "behaviorStopped [fm-5]"));
+}
+
 TEST_F(LifecycleTest, TheServiceOffersItsMethodsAndSignalsByName)
 {
   const auto service = broker->session()->service("ZBFrameManager").value();
@@ -240,7 +280,7 @@ TEST_F(LifecycleTest, TheServiceOffersItsMethodsAndSignalsByName)
   std::vector<std::string> methods;
   for (const auto& method : description.methods)
     methods.push_back(method.name);
-  EXPECT_THAT(methods, ElementsAre("createBehavior", "playBehavior", "_waitForStopped", "behaviors", "deleteBehavior"));
+  EXPECT_THAT(methods, ElementsAre("createBehavior", "playBehavior", "_waitForStopped", "behaviors", "deleteBehavior", "_beginClosing"));
   EXPECT_TRUE(description.method("_waitForStopped")->future);
 
   std::promise<std::string> ended;

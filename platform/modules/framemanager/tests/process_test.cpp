@@ -4,7 +4,6 @@
 #include <thread>
 
 #include <outputreader.hpp>
-#include <processgroup.hpp>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -25,23 +24,19 @@ protected:
     return lines;
   }
 
-  /// A script that does `setup`, tells the process group it runs in, in the
-  /// file `begun`, and then does `rest`.
+  /// A script that does `setup`, makes the file `begun` and then does `rest`.
   std::string script(const std::string& rest, const std::string& setup = {}) const
   {
-    write("script.sh", setup + "\necho $$ > begun.part && mv begun.part begun\n" + rest);
+    write("script.sh", setup + "\ntouch begun\n" + rest);
     return "<run command=\"sh script.sh\"/>";
   }
 
-  pid_t waitForGroup() const
+  bool waitForBegun() const
   {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (!std::filesystem::exists(directory / "begun") && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(2)); // a file is all that the process can tell
-    pid_t group = 0;
-    std::ifstream(directory / "begun") >> group;
-    std::filesystem::remove(directory / "begun");
-    return group;
+    return std::filesystem::remove(directory / "begun");
   }
 };
 
@@ -68,7 +63,7 @@ sys.stdout.write("no newline at the end")
   const std::string name = "demo/t: ";
   EXPECT_THAT(output(capture),
               ElementsAre(name + "directory " + std::filesystem::canonical(directory).string(), name + "arguments ['a b', '$HOME']",
-                          name + "url http://127.0.0.1:1 /nowhere/token True", name + "input ''", name + "open []", name + "leads True",
+                          name + "url http://" + directory.string() + " /nowhere/token True", name + "input ''", name + "open []", name + "leads True",
                           name + "blocked set()", name + "hangup True", name + "no newline at the end"));
   EXPECT_THAT(output(capture, vu::log::Level::Warning), ElementsAre(name + "careful"));
 }
@@ -125,66 +120,11 @@ TEST_F(ProcessTest, DeletionGivesAProgramItsGraceToCleanUp)
 {
   start({{"framemanager", {{"terminateGraceMs", 30000}}}});
   const auto id = play(script("while :; do sleep 0.01; done", "trap 'echo resting > rested; exit 1' TERM"));
-  ASSERT_NE(waitForGroup(), 0);
+  ASSERT_TRUE(waitForBegun());
   manager->deleteBehavior(id);
   EXPECT_TRUE(std::filesystem::exists(directory / "rested"));
   EXPECT_EQ(signalsOf(id), "stopped");
   EXPECT_EQ(outcome(manager->waitForStopped(id)), "");
-}
-
-TEST_F(ProcessTest, DeletionKillsTheWholeGroupThatIgnoresTheRequestToEnd)
-{
-  const auto id = play(script("sh -c 'while :; do sleep 1000; done' &\nwhile :; do sleep 1000; done", "trap '' TERM"));
-  const auto group = waitForGroup();
-  ASSERT_NE(group, 0);
-  EXPECT_TRUE(groupLives(group));
-  const auto before = std::chrono::steady_clock::now();
-  manager->deleteBehavior(id);
-  EXPECT_FALSE(groupLives(group));
-  EXPECT_LT(std::chrono::steady_clock::now() - before, patience);
-  EXPECT_EQ(signalsOf(id), "stopped");
-}
-
-TEST_F(ProcessTest, AHaltedProgramIsEndedToo)
-{
-  const auto id = play(script("kill -STOP $$"));
-  const auto group = waitForGroup();
-  ASSERT_NE(group, 0);
-  manager->deleteBehavior(id);
-  EXPECT_FALSE(groupLives(group));
-}
-
-TEST_F(ProcessTest, WhatAProgramLeavesBehindEndsWithIt)
-{
-  for (const std::string rest : {"sleep 1000 & exit 0", "sh -c \"trap '' TERM; sleep 1000; sleep 1000\" & exit 0"})
-  {
-    SCOPED_TRACE(rest);
-    const auto id = play(script(rest));
-    const auto group = waitForGroup();
-    ASSERT_NE(group, 0);
-    EXPECT_EQ(outcome(manager->waitForStopped(id)), "");
-    EXPECT_FALSE(groupLives(group));
-  }
-}
-
-TEST_F(ProcessTest, AProcessThatLeftTheGroupDoesNotHoldTheBehaviorByItsOutput)
-{
-  write("leave.py", R"(import os, time
-if os.fork() == 0:
-    os.setsid()
-    open("begun.part", "w").write(str(os.getpid()))
-    os.rename("begun.part", "begun")
-    time.sleep(1000)
-while not os.path.exists("begun"):
-    time.sleep(0.002)
-print("left")
-)");
-  const vu::log::Capture capture;
-  EXPECT_EQ(run("<run command=\"python3 leave.py\"/>"), "");
-  EXPECT_THAT(output(capture), ElementsAre("demo/t: left"));
-  const auto leaver = waitForGroup();
-  ASSERT_NE(leaver, 0);
-  ::kill(leaver, SIGKILL);
 }
 
 TEST_F(ProcessTest, ABehaviorInsideThePackageRunsInItsOwnDirectory)

@@ -1,0 +1,92 @@
+#include <projectloader.hpp>
+
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+
+#include <projectreader.hpp>
+#include <vu/threadpool.hpp>
+
+namespace ZB::FrameManager
+{
+
+struct ProjectLoader::State
+{
+  std::mutex mutex; // guards the members below, and those of every Job
+  std::condition_variable changed;
+  std::size_t reading = 0;
+  bool closed = false;
+};
+
+namespace
+{
+
+struct Job
+{
+  std::shared_ptr<const Project> project;
+  std::exception_ptr error;
+};
+
+} // namespace
+
+ProjectLoader::ProjectLoader(std::chrono::milliseconds limit, Read read)
+    : _limit(limit), _read(read ? std::move(read) : readProject), _state(std::make_shared<State>())
+{
+}
+
+std::shared_ptr<const Project> ProjectLoader::load(const std::string& packageDirectory, const std::string& projectFile)
+{
+  const auto deadline = std::chrono::steady_clock::now() + _limit;
+  std::unique_lock lock(_state->mutex);
+  const auto await = [&](const auto& happened)
+  {
+    const bool inTime = _state->changed.wait_until(lock, deadline, [&] { return _state->closed || happened(); });
+    if (_state->closed)
+      throw std::runtime_error("the project file \"" + projectFile + "\" is not read any more: the host is shutting down");
+    if (inTime)
+      return;
+    std::ostringstream text;
+    text << "the project file \"" << projectFile << "\" in " << packageDirectory << " has not been read within "
+         << std::chrono::duration<double>(_limit).count() << " s; see whether the file system it lies on answers";
+    throw std::runtime_error(text.str());
+  };
+
+  await([this] { return _state->reading < readers; });
+  ++_state->reading;
+  lock.unlock();
+  const auto job = std::make_shared<Job>();
+  // Not the broker's pool, which waits for its tasks when it closes.
+  vu::ThreadPool::process()->post(
+      [state = _state, job, read = _read, packageDirectory, projectFile]
+      {
+        Job done;
+        try
+        {
+          done.project = std::make_shared<const Project>(read(packageDirectory, projectFile));
+        }
+        catch (...)
+        {
+          done.error = std::current_exception();
+        }
+        const std::lock_guard finished(state->mutex);
+        *job = std::move(done);
+        --state->reading;
+        state->changed.notify_all();
+      });
+  lock.lock();
+  await([&job] { return job->project || job->error; });
+  if (job->error)
+    std::rethrow_exception(job->error);
+  return job->project;
+}
+
+void ProjectLoader::close()
+{
+  const std::lock_guard lock(_state->mutex);
+  _state->closed = true;
+  _state->changed.notify_all();
+}
+
+} // namespace ZB::FrameManager
