@@ -5,6 +5,7 @@
 #include <common/text.hpp>
 #include <manifest.hpp>
 #include <packageerror.hpp>
+#include <vu/caller.hpp>
 #include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
@@ -270,6 +271,8 @@ common::OrderedEmitter::Ticket PackageManager::queue(const char* event, const vu
   return _emitter.queue(
       [this, event, package]
       {
+        // What comes of it is done on the package manager's behalf, whichever thread announces.
+        const vu::CallerScope caller(getName());
         try
         {
           _memory.raiseMicroEvent(event, ZBValue(package.toValue()));

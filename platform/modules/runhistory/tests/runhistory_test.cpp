@@ -1,0 +1,254 @@
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include <gmock/gmock.h>
+
+#include <behaviormanager/behaviormanager.hpp>
+#include <packagemanager.hpp>
+#include <runhistory.hpp>
+#include <vu/caller.hpp>
+#include <vu/log.hpp>
+#include <zb/zberror.hpp>
+#include <zb/zbproxy.hpp>
+#include <zbframemanager.hpp>
+#include <zbmemory.hpp>
+#include <zbpreferences.hpp>
+
+namespace ZB
+{
+
+namespace fs = std::filesystem;
+
+/// The module among the platform's own, with packages on disk.
+class RunHistoryTest : public testing::Test
+{
+protected:
+  ~RunHistoryTest() override
+  {
+    if (broker)
+      broker->shutdown();
+    fs::remove_all(root);
+  }
+
+  void startFrames(const vu::Value& settings = vu::Value::object())
+  {
+    for (const char* directory : {"packages", "preferences", "sources"})
+      fs::create_directories(root / directory);
+    broker = ZBBroker::create({{}, {{"root", root.string()}, {"history", settings}}});
+    broker->createModule<ZBMemory>("ZBMemory");
+    broker->createModule<ZBPreferences>("ZBPreferences");
+    broker->createModule<PackageManager>("PackageManager");
+    frames = &broker->createModule<ZBFrameManager>("ZBFrameManager");
+  }
+  void start(const vu::Value& settings = vu::Value::object())
+  {
+    startFrames(settings);
+    history = &broker->createModule<RunHistory>("RunHistory");
+    broker->createModule<BehaviorManager::ZBBehaviorManager>("ZBBehaviorManager");
+  }
+
+  /// A package, from its behaviors' paths and steps.
+  std::string source(const std::string& uuid, const std::vector<std::pair<std::string, std::string>>& behaviors) const
+  {
+    const auto directory = root / "sources" / uuid;
+    std::string manifest;
+    for (const auto& [path, steps] : behaviors)
+    {
+      manifest += "<behavior path=\"" + path + "\"/>";
+      fs::create_directories(directory / path);
+      std::ofstream(directory / path / "behavior.xar") << "<project format=\"1\" name=\"t\">\n" + steps + "\n</project>";
+    }
+    std::ofstream(directory / "manifest.xml") << "<package uuid=\"" + uuid + "\">" + manifest + "</package>";
+    return directory.string();
+  }
+  void install(const std::string& directory)
+  {
+    ZBProxy(broker, "PackageManager").call<std::string>("install", directory, std::string("test"));
+    broker->pool()->waitUntilIdle();
+  }
+  void as(const char* caller, const std::string& method, const std::string& argument, const char* service = "ZBBehaviorManager")
+  {
+    const vu::CallerScope scope(caller);
+    ZBProxy(broker, service).call(method, argument);
+  }
+  /// The last run, once it has ended; null when it does not in time.
+  vu::Value lastEnded()
+  {
+    for (const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20); std::chrono::steady_clock::now() < limit;)
+    {
+      broker->pool()->waitUntilIdle();
+      if (const auto runs = history->getRuns(1); !runs.empty() && runs[0]["outcome"] != "running")
+        return runs[0];
+    }
+    return {};
+  }
+  /// What is on disk, by instance, when the broker has gone.
+  std::map<std::string, vu::Value> written()
+  {
+    broker->shutdown();
+    broker.reset();
+    std::map<std::string, vu::Value> runs;
+    for (const auto& run : RunDatabase(root / "history.db", 100000).newest(100000))
+      EXPECT_TRUE(runs.emplace(run.instance, run.toValue()).second) << run.instance << " is there twice";
+    return runs;
+  }
+
+  const fs::path root = mkdtemp((fs::temp_directory_path() / "runhistory-XXXXXX").string().data());
+  std::shared_ptr<ZBBroker> broker;
+  ZBFrameManager* frames = nullptr;
+  RunHistory* history = nullptr;
+};
+
+TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
+{
+  start();
+  std::vector<vu::Value> told; // touched on the pool, and when that is idle
+  const vu::Object service(broker->session()->find("RunHistory"));
+  for (const auto* signal : {"runBegan", "runEnded"})
+    service.connect<vu::Value>(signal, [&told](const vu::Value& run) { told.push_back(run); }).value();
+  const std::string endless = "<wait seconds=\"1000\"/>";
+  const std::string stopSelf = "<call service=\"ZBBehaviorManager\" method=\"stopBehavior\" arguments='[\"demo/self\"]'/>";
+  install(source("demo", {{"short", ""}, {"broken", "<fail reason=\"no arm\"/>"}, {"long", endless}, {"self", stopSelf + endless}}));
+  install(source("guests", {{"removed", endless}}));
+  const auto tools = source("tools", {{"replaced", endless}});
+  install(tools);
+
+  struct Case
+  {
+    std::string behavior, outcome, reason, stoppedBy;
+    std::function<void()> end;
+  };
+  const std::vector<Case> cases{
+      {"demo/short", "finished", "ended by itself", "", [] {}},
+      {"demo/broken", "failed", "failed at fail (broken/behavior.xar:2): no arm", "", [] {}},
+      {"demo/long", "stopped", "stopped by bob", "bob", [&] { as("bob", "stopBehavior", "demo/long"); }},
+      {"demo/self", "stopped", "stopped by alice", "alice", [] {}},
+      {"guests/removed", "removed", "package removed", "", [&] { as("bob", "remove", "guests", "PackageManager"); }},
+      {"tools/replaced", "removed", "package removed", "", [&] { install(tools); }},
+  };
+  for (const auto& [behavior, outcome, reason, stoppedBy, end] : cases)
+  {
+    SCOPED_TRACE(behavior);
+    as("alice", "startBehavior", behavior);
+    broker->pool()->waitUntilIdle();
+    end();
+    const auto run = lastEnded();
+    ASSERT_FALSE(run.is_null());
+    EXPECT_EQ(run["behavior"], behavior);
+    EXPECT_EQ(run["outcome"], outcome);
+    EXPECT_EQ(run["reason"], reason);
+    EXPECT_EQ(run["startedBy"], "alice");
+    EXPECT_EQ(run["stoppedBy"], stoppedBy);
+    EXPECT_GE(run["end"], run["begin"]);
+    broker->pool()->waitUntilIdle();
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[0]["id"], run["id"]);
+    EXPECT_TRUE(told[0]["end"].is_null());
+    EXPECT_EQ(told[1], run);
+    told.clear();
+  }
+  as("alice", "preloadBehavior", "demo/long"); // not played: no run
+  as("alice", "stopBehavior", "demo/long");
+  const auto statistics = history->getStatistics();
+  EXPECT_EQ(statistics["starts"], 6);
+  EXPECT_EQ(statistics["outcomes"], (vu::Value{{"finished", 1}, {"failed", 1}, {"stopped", 2}, {"removed", 2}, {"shutdown", 0}}));
+  EXPECT_EQ(statistics["durations"]["count"], 6);
+
+  as("alice", "startBehavior", "demo/long");
+  const auto direct = frames->createBehavior((root / "sources/demo").string(), "long/behavior.xar", "direct");
+  frames->playBehavior(direct); // outlives the behavior manager and the history
+  const auto runs = written();
+  EXPECT_EQ(runs.size(), 8U);
+  EXPECT_EQ(runs.at(direct)["reason"], "host shut down");
+  EXPECT_EQ(std::count_if(runs.begin(), runs.end(), [](const auto& run) { return run.second["outcome"] == "shutdown"; }), 2);
+}
+
+TEST_F(RunHistoryTest, SettingsBoundTheRunsOrAreRefused)
+{
+  for (const vu::Value& runs : {vu::Value(0), vu::Value("many"), vu::Value(1.5), vu::Value(10000000)})
+  {
+    startFrames({{"runs", runs}});
+    EXPECT_THROW(broker->createModule<RunHistory>("RunHistory"), ZBError) << runs;
+    broker->shutdown();
+  }
+  start({{"runs", 2}});
+  EXPECT_THROW(history->getRuns(0), ZBError);
+  install(source("demo", {{"a", ""}, {"b", ""}, {"c", ""}}));
+  for (const char* behavior : {"demo/a", "demo/b", "demo/c"})
+  {
+    as("alice", "startBehavior", behavior);
+    EXPECT_FALSE(lastEnded().is_null());
+  }
+  EXPECT_EQ(history->getRuns(10).size(), 2U);
+}
+
+TEST_F(RunHistoryTest, WhatCannotBeWrittenIsToldAndWrittenLater)
+{
+  fs::create_directories(root / "history.db" / "in the way");
+  const vu::log::Capture log;
+  start();
+  install(source("demo", {{"a", ""}, {"b", ""}}));
+  as("alice", "startBehavior", "demo/a");
+  EXPECT_EQ(lastEnded()["reason"], "ended by itself");
+  EXPECT_EQ(log.count(vu::log::Level::Error, (root / "history.db").string()), 1U);
+  fs::remove_all(root / "history.db");
+  as("alice", "startBehavior", "demo/b");
+  EXPECT_FALSE(lastEnded().is_null());
+  EXPECT_EQ(written().size(), 2U);
+}
+
+TEST_F(RunHistoryTest, AnInstanceDeletedDuringTheAnnouncementOfItsStartHasBothAllTheSame)
+{
+  startFrames();
+  frames->instanceStarted.connect([this](const std::string& id, const std::string&, const std::string&) { frames->deleteBehavior(id); });
+  history = &broker->createModule<RunHistory>("RunHistory"); // hears of the end first
+  const auto id = frames->createBehavior(source("demo", {{"a", ""}}), "a/behavior.xar", "demo/a");
+  as("alice", "playBehavior", id, "ZBFrameManager");
+  EXPECT_EQ(written().at(id)["reason"], "stopped by alice");
+}
+
+TEST_F(RunHistoryTest, AStormLeavesOneEndedRunForEveryPlay)
+{
+  start();
+  const std::vector<std::string> names{"storm/long", "storm/empty", "storm/fail"};
+  const auto package = source("storm", {{"long", "<wait seconds=\"1000\"/>"}, {"empty", ""}, {"fail", "<fail reason=\"no arm\"/>"}});
+  install(package);
+  std::mutex mutex; // guards played
+  std::set<std::string> played;
+  frames->instanceStarted.connect(
+      [&](const std::string& id, const std::string&, const std::string&)
+      {
+        const std::lock_guard lock(mutex);
+        played.insert(id);
+      });
+  std::vector<std::jthread> clients;
+  for (unsigned client = 0; client < 6; ++client)
+    clients.emplace_back(
+        [&, client]
+        {
+          std::mt19937 random(client);
+          for (int i = 0; i < 60; ++i)
+            try
+            {
+              if (client == 0 && i % 10 == 9)
+                ZBProxy(broker, "PackageManager").call<std::string>("install", package, std::string("test"));
+              else if (client == 1)
+                history->getRuns(50);
+              else
+                as("client", random() % 3 == 0 ? "stopBehavior" : "startBehavior", names[random() % names.size()]);
+            }
+            catch (const ZBError&)
+            {
+              // Not installed for the moment, running already, or deleted before it was played.
+            }
+        });
+  clients.clear();
+  std::set<std::string> ended;
+  for (const auto& [instance, run] : written())
+    if (!run["end"].is_null())
+      ended.insert(instance);
+  EXPECT_EQ(ended, played);
+}
+
+} // namespace ZB
