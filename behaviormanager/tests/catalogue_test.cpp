@@ -163,17 +163,6 @@ TEST_F(Catalogue, AnnouncesAPackageBehaviorByBehaviorThenWhole)
   EXPECT_THAT(platform.journal.lines(), IsEmpty()) << "an unknown package is announced";
 }
 
-TEST_F(Catalogue, AnnouncesAPackageWithoutBehaviorsByEmptyLists)
-{
-  platform.start();
-  platform.journal.clear();
-  const auto package = platform.makePackage("E", {});
-  platform.install(package);
-  platform.remove(package);
-  EXPECT_THAT(platform.journal.lines(), ElementsAre("signal behaviorsAdded [[]]", "event ZBBehaviorManager/BehaviorsAdded []",
-                                                    "signal behaviorsRemoved [[]]", "event ZBBehaviorManager/BehaviorsRemoved []"));
-}
-
 TEST_F(Catalogue, LeavesAnInterruptedInstallationWhereItBrokeOff)
 {
   auto& manager = platform.start();

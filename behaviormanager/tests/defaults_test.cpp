@@ -78,20 +78,6 @@ TEST_F(Defaults, AreReadFromWhateverTheFileHolds)
   }
 }
 
-TEST_F(Defaults, LoseWhatIsNotInstalledAtTheNextWrite)
-{
-  platform.preferences->setFile(fileWith("P/a\nGone/x\n"));
-  manager.removeDefaultBehavior("Gone/y");
-  EXPECT_EQ(platform.preferences->file(), fileWith("P/a\n"));
-}
-
-TEST_F(Defaults, KeepWhatWasReadBeforeAnAmbiguousName)
-{
-  platform.install(platform.makePackage("Q", TestPlatform::paths({"b"})));
-  platform.preferences->setFile(fileWith("P/a\nb\nQ/b\n"));
-  EXPECT_THAT(manager.getDefaultBehaviors(), ElementsAre("P/a"));
-}
-
 TEST_F(Defaults, ReportFailures)
 {
   EXPECT_EQ(errorOf([&] { manager.addDefaultBehavior("foo"); }), "preloadBehavior: behavior foo is not installed");

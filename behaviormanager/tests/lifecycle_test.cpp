@@ -52,20 +52,6 @@ TEST_F(Lifecycle, LoadingHandsDirectoryFileAndNameToTheFrameManager)
   EXPECT_EQ(platform.id("P/b"), "");
 }
 
-TEST_F(Lifecycle, QueriesTellLoadedFromRunning)
-{
-  manager.loadBehavior("P/b");
-  manager.startBehavior("P/a");
-  EXPECT_THAT(manager.getLoadedBehaviors(), ElementsAre("P/a", "P/b"));
-  EXPECT_THAT(manager.getRunningBehaviors(), ElementsAre("P/a"));
-  EXPECT_TRUE(manager.isBehaviorLoaded("a"));
-  EXPECT_FALSE(manager.isBehaviorRunning("P/b"));
-  EXPECT_FALSE(manager.isBehaviorLoaded("unknown"));
-  EXPECT_TRUE(access.hasRecord(""));
-  EXPECT_EQ(manager.getBehaviorRelativePath(platform.id("P/a")), "a");
-  EXPECT_EQ(manager.getPackageUid(platform.id("P/a")), "P");
-}
-
 TEST_F(Lifecycle, ErrorsNameTheMethodAndTheBehavior)
 {
   EXPECT_EQ(errorOf([&] { manager.loadBehavior("x"); }), "preloadBehavior: behavior x is not installed.");
@@ -150,27 +136,6 @@ TEST_F(Lifecycle, TheIdIndexFollowsTheRecord)
   EXPECT_EQ(errorOf([&] { manager.getPackageUid("two"); }), "getPackageUid: invalid parameter");
 }
 
-TEST_F(Lifecycle, StoppingUnloadsWhateverTheStateIs)
-{
-  manager.stopBehavior("P/b");
-  EXPECT_EQ(state("P/b"), BehaviorState::Stopped);
-  EXPECT_THAT(platform.journal.lines("frames "), IsEmpty());
-
-  manager.loadBehavior("P/a");
-  manager.stopBehavior("P/a");
-  EXPECT_EQ(state("P/a"), BehaviorState::Stopped);
-  EXPECT_EQ(platform.id("P/a"), "");
-  EXPECT_TRUE(platform.frames->behaviors().empty());
-
-  manager.startBehavior("P/b");
-  manager.loadBehavior("P/.");
-  manager.startBehavior("P/a");
-  manager.stopAllBehaviors();
-  EXPECT_THAT(manager.getLoadedBehaviors(), ElementsAre("P/."));
-  EXPECT_TRUE(manager.unloadBehavior("P"));
-  EXPECT_THAT(manager.getLoadedBehaviors(), IsEmpty());
-}
-
 TEST_F(Lifecycle, StoppingSurvivesRefusalsOfTheFrameManager)
 {
   manager.startBehavior("P/a");
@@ -213,21 +178,6 @@ TEST_F(Lifecycle, ARunCompletesWithItsOutcomeAndUnloads)
                           "event ZBBehaviorManager/BehaviorFailed [\"P/b\",\"the step\",\"no arm\"]", "signal behaviorStopped [\"P/b\"]",
                           "event ZBBehaviorManager/BehaviorsLoaded []", "event BehaviorsRun []"));
   EXPECT_EQ(state("P/b"), BehaviorState::Stopped);
-}
-
-TEST_F(Lifecycle, ARunUnderASystemNameLeavesTheBehaviorLoaded)
-{
-  platform.install(platform.makePackage("S", TestPlatform::paths({"x"}), "system"));
-  for (const auto& [name, loadedAfterwards] : {std::pair<const char*, bool>{"System/S/x", true}, {"S/x", false}})
-  {
-    SCOPED_TRACE(name);
-    manager.stopBehavior("S/x");
-    const auto run = manager.runBehavior(name);
-    platform.frames->end(platform.id("S/x"));
-    EXPECT_EQ(run.error(), "");
-    platform.settle();
-    EXPECT_EQ(manager.isBehaviorLoaded("S/x"), loadedAfterwards);
-  }
 }
 
 TEST_F(Lifecycle, AFailureThatTheMemoryRefusesIsLoggedUnderTheModulesName)

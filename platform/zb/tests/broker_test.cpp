@@ -1,11 +1,5 @@
 #include <atomic>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <string>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -33,10 +27,10 @@ void to_json(vu::Value&, const Unsendable&) { throw std::range_error("cannot be 
 
 struct Hooks
 {
-  std::function<void()> constructing;
-  std::function<void()> destroying;
+  std::function<void()> constructing = [] {};
+  std::function<void()> destroying = [] {};
   std::function<std::string()> called = [] { return "called"; };
-  std::function<vu::Future<int>()> later;
+  vu::Promise<int> later{};
 };
 
 class TestModule : public ZBModule
@@ -53,26 +47,17 @@ public:
     functionName("fail", name, "Fail with an error of some other kind");
     addParam("text", "");
     bindMethod(this, &TestModule::fail);
-    functionName("relay", name, "Call act of another module");
+    functionName("relay", name, "Call act of Arm on the pool");
     bindMethod(this, &TestModule::relay);
-    if (_hooks.constructing)
-      _hooks.constructing();
+    _hooks.constructing();
   }
-  ~TestModule() override
-  {
-    if (_hooks.destroying)
-      _hooks.destroying();
-  }
+  ~TestModule() override { _hooks.destroying(); }
 
   std::string httpGet() override { return "<p>" + act() + "</p>"; }
   std::string act() { return _hooks.called(); }
-  vu::Future<int> later() { return _hooks.later(); }
+  vu::Future<int> later() { return _hooks.later.future(); }
   void fail(const std::string& text) { throw std::runtime_error(text); }
-  std::string relay(const std::string& module, bool posted)
-  {
-    const ZBProxy proxy(getParentBroker(), module);
-    return posted ? vu::Object(proxy).async<std::string>("act").value() : proxy.call<std::string>("act");
-  }
+  std::string relay() { return vu::Object(ZBProxy(getParentBroker(), "Arm")).async<std::string>("act").value(); }
 
 private:
   const Hooks _hooks;
@@ -97,10 +82,6 @@ protected:
     {
       return error;
     }
-    catch (...)
-    {
-      ADD_FAILURE() << "not a ZBError: " << vu::errorText(std::current_exception());
-    }
     return ZBError("", "", "");
   }
 
@@ -111,44 +92,37 @@ protected:
 
 TEST_F(BrokerTest, ServiceAppearsWhenItsConstructorHasReturned)
 {
-  Hooks hooks;
-  hooks.constructing = [&]
+  const auto constructing = [&]
   {
     EXPECT_EQ(vu::currentCaller(), "Arm");
-    EXPECT_TRUE(broker->session()->isReserved("Arm"));
     EXPECT_EQ(broker->getProxy("Arm"), nullptr);
     EXPECT_EQ(errorOf([&] { make("Arm"); }).module(), "Arm");
     EXPECT_TRUE(broker->session()->isReserved("Arm")) << "a refused one gives up nothing";
   };
-  const auto& arm = make("Arm", hooks);
-  EXPECT_EQ(arm.getName(), "Arm");
+  EXPECT_EQ(make("Arm", {.constructing = constructing}).getName(), "Arm");
+  errorOf([&] { make("Arm"); });
   ASSERT_NE(broker->getProxy("Arm"), nullptr);
   EXPECT_EQ(broker->getProxy("Arm")->call<std::string>("act"), "called");
   EXPECT_EQ(broker->getSpecialisedProxy<ZBProxy>("Arm")->name(), "Arm");
   EXPECT_EQ(broker->httpGet("Arm"), "<p>called</p>");
-  errorOf([&] { make("Arm"); });
-  EXPECT_EQ(proxy("Arm").call<std::string>("act"), "called");
 }
 
 TEST_F(BrokerTest, ModuleWhoseConstructorThrowsLeavesNothingBehind)
 {
-  const auto waiter = [&] { return broker->session()->whenConstructed("Arm"); };
   vu::Future<vu::Object> waiting;
-  Hooks hooks;
-  hooks.constructing = [&]
+  const auto constructing = [&]
   {
-    waiting = waiter();
+    waiting = broker->session()->whenConstructed("Arm");
     throw std::length_error("too long");
   };
-  EXPECT_THROW(make("Arm", hooks), std::length_error);
+  EXPECT_THROW(make("Arm", {.constructing = constructing}), std::length_error);
   EXPECT_TRUE(waiting.wait(waiting::bound) && waiting.hasError());
   EXPECT_FALSE(broker->session()->isReserved("Arm"));
   EXPECT_TRUE(broker->modules().empty());
 
   // A name that somebody else published meanwhile stays theirs.
   const auto theirs = vu::ObjectBuilder("Arm", broker->pool()).object();
-  hooks.constructing = [&] { broker->session()->publish(theirs); };
-  EXPECT_THROW(make("Arm", hooks), vu::ServiceError);
+  EXPECT_THROW(make("Arm", {.constructing = [&] { broker->session()->publish(theirs); }}), vu::ServiceError);
   EXPECT_TRUE(broker->modules().empty());
   EXPECT_EQ(broker->session()->find("Arm"), theirs);
   EXPECT_TRUE(theirs->enter());
@@ -203,24 +177,13 @@ TEST_F(BrokerTest, RemovedModuleRefusesNewCallsAndOutlivesThoseUnderWay)
 TEST_F(BrokerTest, ModulesAreNotRemovedOnThreadsOfThePool)
 {
   make("Arm");
-  for (const auto& attempt : std::vector<std::function<void()>>{[&] { broker->removeModule("Arm"); }, [&] { broker->shutdown(); }})
-  {
-    const vu::Promise<void> promise;
-    broker->pool()->post(
-        [&]
-        {
-          try
-          {
-            attempt();
-            promise.setValue();
-          }
-          catch (...)
-          {
-            promise.setException(std::current_exception());
-          }
-        });
-    EXPECT_THROW(promise.future().value(), std::logic_error);
-  }
+  broker->pool()->post(
+      [&]
+      {
+        EXPECT_THROW(broker->removeModule("Arm"), std::logic_error);
+        EXPECT_THROW(broker->shutdown(), std::logic_error);
+      });
+  broker->pool()->waitUntilIdle();
   EXPECT_EQ(broker->modules(), std::vector<std::string>{"Arm"});
 }
 
@@ -229,14 +192,13 @@ TEST_F(BrokerTest, ShutsDownInReverseOrderEndsWaitsAndLeavesUsableHandles)
   std::string destroyed;
   for (const std::string name : {"A", "B", "C"})
   {
-    Hooks hooks;
-    hooks.destroying = [&, name]
+    const auto destroying = [&, name]
     {
       destroyed += name;
       // What was loaded before is still there.
       EXPECT_EQ(broker->getProxy("A") != nullptr, name != "A");
     };
-    make(name, hooks);
+    make(name, {.destroying = destroying});
   }
   const auto wait = broker->session()->service("D", "", -1);
   const auto handle = vu::Object(proxy("A"));
@@ -244,7 +206,6 @@ TEST_F(BrokerTest, ShutsDownInReverseOrderEndsWaitsAndLeavesUsableHandles)
   broker->shutdown();
   EXPECT_EQ(destroyed, "CBA");
   EXPECT_TRUE(wait.hasError());
-  EXPECT_EQ(errorOf([&] { proxy("A").call("act"); }).kind(), Kind::UnknownService);
   EXPECT_THROW(handle.call<std::string>("act"), vu::ServiceError);
   EXPECT_THROW(handle.async<std::string>("act").value(), vu::ServiceError);
   EXPECT_THROW(broker->httpGet("A"), vu::ServiceError);
@@ -254,12 +215,7 @@ TEST_F(BrokerTest, EveryFailureOfACallThroughAProxyIsAZBError)
 {
   Hooks hooks;
   hooks.called = []() -> std::string { throw vu::ServiceError("Deep", "inner", "not allowed", Kind::NotAllowed); };
-  hooks.later = []
-  {
-    const vu::Promise<int> promise;
-    promise.setError("plain text");
-    return promise.future();
-  };
+  hooks.later.setError("plain text");
   make("Arm", hooks);
   const auto arm = proxy("Arm");
   const std::vector<std::tuple<std::function<void()>, std::string, Kind>> cases{
@@ -287,64 +243,37 @@ TEST_F(BrokerTest, EveryFailureOfACallThroughAProxyIsAZBError)
 TEST_F(BrokerTest, PostedCallThatFailsLaterIsLoggedWithItsTask)
 {
   vu::log::Capture log;
-  Hooks hooks;
-  const vu::Promise<int> promise;
-  hooks.later = [&] { return promise.future(); };
+  const Hooks hooks;
   make("Arm", hooks);
+  const auto expectWarned = [&](int task, const std::string& text)
+  { EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(task) + " of Arm." + text), 1u) << text; };
   const int failing = proxy("Arm").pCall("fail", "burnt");
   const int unknown = proxy("Arm").pCall("none");
   const int late = proxy("Arm").pCall("later");
   EXPECT_TRUE(failing != unknown && unknown != late);
   broker->pool()->waitUntilIdle();
-  EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(failing) + " of Arm.fail failed: burnt"), 1u);
-  EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(unknown) + " of Arm.none failed"), 1u);
+  expectWarned(failing, "fail failed: burnt");
+  expectWarned(unknown, "none failed");
   EXPECT_EQ(log.count(vu::log::Level::Warning, "Arm.later"), 0u);
-  promise.setError("in the end");
+  hooks.later.setError("in the end");
   broker->pool()->waitUntilIdle();
-  EXPECT_EQ(log.count(vu::log::Level::Warning, "posted call " + std::to_string(late) + " of Arm.later failed: in the end"), 1u);
+  expectWarned(late, "later failed: in the end");
 }
 
-TEST_F(BrokerTest, FiftyCallersThatBlockAndAnyNumberOfOpenFuturesDoNotStopThePool)
+TEST_F(BrokerTest, PoolGrowsPastBlockedCallsAndOpenFuturesAndRefusesCallsBeyondItsBound)
 {
-  Event release;
+  Event busy(80), release;
   std::atomic<int> freed{0};
   Hooks hooks;
-  const vu::Promise<int> promise;
   hooks.called = [&]
   {
+    busy.set();
     freed += release.wait();
     return "";
   };
-  hooks.later = [&] { return promise.future(); };
   make("Arm", hooks);
-  Hooks releasing;
-  releasing.called = [&]
-  {
-    release.set();
-    return "released";
-  };
-  make("Leg", releasing);
   for (int i = 0; i < 200; ++i)
     proxy("Arm").pCall("later");
-  for (int i = 0; i < 50; ++i)
-    proxy("Arm").pCall("act");
-  const auto last = vu::Object(proxy("Leg")).async<std::string>("act");
-  ASSERT_TRUE(last.wait(waiting::bound));
-  broker->pool()->waitUntilIdle();
-  EXPECT_EQ(freed, 50);
-  promise.setValue(1);
-}
-
-TEST_F(BrokerTest, PostedCallBeyondTheBoundIsRefusedAsOverloaded)
-{
-  Event busy(80), release;
-  Hooks hooks;
-  hooks.called = [&]
-  {
-    busy.set(), release.wait();
-    return "";
-  };
-  make("Arm", hooks);
   for (int i = 0; i < 80; ++i)
     proxy("Arm").pCall("act");
   ASSERT_TRUE(busy.wait());
@@ -355,22 +284,7 @@ TEST_F(BrokerTest, PostedCallBeyondTheBoundIsRefusedAsOverloaded)
   EXPECT_EQ(error.module() + "." + error.method(), "Arm.act");
   release.set();
   broker->pool()->waitUntilIdle();
-}
-
-TEST_F(BrokerTest, NestedAndPostedCallsInheritTheCaller)
-{
-  Hooks hooks;
-  hooks.called = [] { return vu::currentCaller(); };
-  make("Arm", hooks);
-  make("Body");
-  const vu::CallerScope caller("alice");
-  for (const bool posted : {false, true})
-    for (const bool innerPosted : {false, true})
-    {
-      const vu::Object body = proxy("Body");
-      EXPECT_EQ(posted ? body.async<std::string>("relay", "Arm", innerPosted).value() : body.call<std::string>("relay", "Arm", innerPosted),
-                "alice");
-    }
+  EXPECT_EQ(freed, 84);
 }
 
 TEST_F(BrokerTest, LibraryIsLoadedOrRefusedWithItsNameAndTheReason)
@@ -388,8 +302,7 @@ TEST_F(BrokerTest, LibraryIsLoadedOrRefusedWithItsNameAndTheReason)
     return std::string("loaded");
   };
   EXPECT_NE(textOf("/nowhere/libmissing.so").find("/nowhere/libmissing.so: cannot open shared object file"), std::string::npos);
-  const auto noLibrary = std::filesystem::path(__FILE__).string();
-  EXPECT_NE(textOf(noLibrary).find(noLibrary), std::string::npos);
+  EXPECT_NE(textOf(__FILE__).find(__FILE__), std::string::npos);
   EXPECT_NE(textOf(NO_MODULE).find(std::string(NO_MODULE) + " is no module: it has no entry point zbLoadModule"), std::string::npos);
   EXPECT_TRUE(broker->modules().empty());
 
@@ -409,15 +322,13 @@ TEST_F(BrokerTest, CallsEitherSucceedOrFindNoServiceWhileModulesComeAndGo)
 {
   std::atomic<bool> over{false};
   std::atomic<int> alive{0}, succeeded{0}, refused{0};
-  Hooks hooks;
-  hooks.constructing = [&] { ++alive; };
-  hooks.destroying = [&] { --alive; };
-  hooks.called = [&]
+  const auto called = [&]
   {
     EXPECT_EQ(alive, 1);
     return "called";
   };
-  std::vector<std::thread> callers;
+  const Hooks hooks{[&] { ++alive; }, [&] { --alive; }, called};
+  std::vector<std::jthread> callers;
   for (int i = 0; i < 3; ++i)
     callers.emplace_back(
         [&, i]
@@ -427,7 +338,7 @@ TEST_F(BrokerTest, CallsEitherSucceedOrFindNoServiceWhileModulesComeAndGo)
             {
               const auto text = i == 0   ? broker->httpGet("Arm")
                                 : i == 1 ? proxy("Arm").call<std::string>("act")
-                                         : proxy("Body").call<std::string>("relay", "Arm", true);
+                                         : proxy("Body").call<std::string>("relay");
               EXPECT_NE(text.find("called"), std::string::npos);
               ++succeeded;
             }
@@ -448,7 +359,6 @@ TEST_F(BrokerTest, CallsEitherSucceedOrFindNoServiceWhileModulesComeAndGo)
     EXPECT_EQ(alive, 0);
   }
   over = true;
-  for (auto& caller : callers)
-    caller.join();
+  callers.clear();
   EXPECT_GE(succeeded, 100);
 }

@@ -49,7 +49,8 @@ TEST_F(Manifest, uuidsAndPathsOfTheAlphabetAreTakenAndNoOthers)
   const std::string longest(128, 'x');
   for (const auto& uuid : Texts{"a", "com.example.Dance-2_b", "0", "user", "_-.", longest})
     EXPECT_EQ(parse("<package uuid='" + uuid + "'/>").uuid, uuid);
-  for (const auto& uuid : Texts{"", ".a", "..", "a/b", "a b", "ä", "a&#10;b", "a:b", "a\\b", longest + "x", "User", "System"})
+  for (const auto& uuid : Texts{"", ".a", "..", "a/b", "a b", "ä", "a&#10;b", "a:b", "a\\b", "&lt;script>", "a&gt;b", "a&quot;b", "a&apos;b",
+                                "a&amp;b", "a&#13;", "a&#127;", "a%3c", "a;b", "a`b", "a(b)", longest + "x", "User", "System"})
     EXPECT_THAT([&] { parse("<package uuid='" + uuid + "'/>"); }, ThrowsMessage<ZB::PackageError>(HasSubstr("the uuid "))) << uuid;
 
   const auto parsePath = [this](const std::string& path) { return parse("<package uuid='p'><behavior path='" + path + "'/></package>"); };
@@ -63,7 +64,8 @@ TEST_F(Manifest, uuidsAndPathsOfTheAlphabetAreTakenAndNoOthers)
     write(directory / project, "<project/>");
     EXPECT_EQ(parsePath(path).behaviors.front().path(), path);
   }
-  for (const auto& path : Texts{"", "..", "./a", "a/.", "a/../b", "/a", "a/", "a//b", "a\\b", "ä", "a&#9;b", longest + "x",
+  for (const auto& path : Texts{"", "..", "./a", "a/.", "a/../b", "/a", "a/", "a//b", "a\\b", "ä", "a&#9;b", "&lt;script>", "a&gt;b", "a&quot;b", "a&apos;b", "a&amp;b",
+                                "a&#10;b", "a&#13;b", "a&#127;", "a%3c", "a;b", "a`b", "a(b)", longest + "x",
                                 "behavior.xar/a", "mybehavior.xar", "a/behavior.xar.old"})
     EXPECT_THAT([&] { parsePath(path); }, ThrowsMessage<ZB::PackageError>(HasSubstr("the path "))) << path;
 }
