@@ -14,20 +14,25 @@ export class Host {
   static async start() {
     const host = new Host();
     host.root = await mkdtemp(path.join(tmpdir(), "tarvik-e2e-"));
-    host.process = spawn(path.join(bin, "tarvikd"), ["--root", host.root, "--listen", "127.0.0.1:0"], { stdio: ["ignore", "pipe", "pipe"] });
-    host.log = "";
-    host.process.stderr.on("data", (data) => (host.log += data));
-    const lines = createInterface({ input: host.process.stdout });
-    await Promise.race([
-      once(lines, "line"),
-      once(host.process, "error").then(([error]) => { throw error; }),
-      once(host.process, "exit").then(([code]) => { throw new Error(`tarvikd ended with ${code} before it was ready:\n${host.log}`); }),
-    ]);
-    host.url = (await readFile(path.join(host.root, "run/endpoint"), "utf8")).trim();
-    host.token = (await readFile(path.join(host.root, "run/token"), "utf8")).trim();
+    await host.run("127.0.0.1:0");
     const packages = path.join(repository, "examples/packages");
     for (const name of await readdir(packages)) await host.tarvik("package", "install", path.join(packages, name));
     return host;
+  }
+
+  /** Starts it on its root; after an end, at the same address. */
+  async run(address = new URL(this.url).host) {
+    this.process = spawn(path.join(bin, "tarvikd"), ["--root", this.root, "--listen", address], { stdio: ["ignore", "pipe", "pipe"] });
+    this.log = "";
+    this.process.stderr.on("data", (data) => (this.log += data));
+    const lines = createInterface({ input: this.process.stdout });
+    await Promise.race([
+      once(lines, "line"),
+      once(this.process, "error").then(([error]) => { throw error; }),
+      once(this.process, "exit").then(([code]) => { throw new Error(`tarvikd ended with ${code} before it was ready:\n${this.log}`); }),
+    ]);
+    this.url = (await readFile(path.join(this.root, "run/endpoint"), "utf8")).trim();
+    this.token = (await readFile(path.join(this.root, "run/token"), "utf8")).trim();
   }
 
   /** What a command of `tarvik` writes; fails when it does. */
@@ -40,13 +45,16 @@ export class Host {
     return JSON.parse(await this.tarvik("list", "--json")).find(({ name }) => name === behavior)?.state;
   }
 
+  async end(signal) {
+    if (this.process.exitCode !== null || this.process.signalCode !== null) return;
+    const exit = once(this.process, "exit");
+    this.process.kill(signal);
+    await exit;
+  }
+
   /** Ends it in order and gives its exit code. */
   async stop() {
-    if (this.process.exitCode === null && this.process.signalCode === null) {
-      const exit = once(this.process, "exit");
-      this.process.kill("SIGTERM");
-      await exit;
-    }
+    await this.end("SIGTERM");
     await rm(this.root, { recursive: true, force: true });
     return this.process.exitCode;
   }
