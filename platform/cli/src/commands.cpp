@@ -105,7 +105,9 @@ ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream&
   addBehaviorCommands(commands);
   addRunCommand(commands);
   addWatchCommand(commands);
+  addHistoryCommand(commands);
   addPackageCommands(commands);
+  addAccessCommands(commands);
   try
   {
     application.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));

@@ -34,16 +34,22 @@ void readFromRoot(HostOptions& host)
 
 } // namespace
 
+std::string Context::token() const
+{
+  auto token = firstLine(host.tokenFile);
+  if (token.empty())
+    throw CommandError("no token can be read from " + host.tokenFile +
+                       "; name a file that holds one, and that you may read, with --token-file");
+  return token;
+}
+
 std::unique_ptr<vu::RemoteSession> Context::connect()
 {
   if (host.url.empty())
     readFromRoot(host);
   vu::RemoteSession::Options options;
   options.url = host.url;
-  options.token = firstLine(host.tokenFile);
-  if (options.token.empty())
-    throw CommandError("no token can be read from " + host.tokenFile +
-                       "; name a file that holds one, and that you may read, with --token-file");
+  options.token = token();
   try
   {
     return std::make_unique<vu::RemoteSession>(options);

@@ -42,6 +42,9 @@ struct Context
   std::ostream& out;
   std::ostream& error;
 
+  /// Of the host, once connect() has found it. Throws a CommandError.
+  std::string token() const;
+
   /// Opens a session, and completes `host` with the address it found. Throws a
   /// CommandError or a vu::ServiceError.
   std::unique_ptr<vu::RemoteSession> connect();
@@ -83,7 +86,9 @@ private:
 void addBehaviorCommands(Commands& commands);
 void addRunCommand(Commands& commands);
 void addWatchCommand(Commands& commands);
+void addHistoryCommand(Commands& commands);
 void addPackageCommands(Commands& commands);
 void addServiceCommands(Commands& commands);
+void addAccessCommands(Commands& commands);
 
 } // namespace Tarvik

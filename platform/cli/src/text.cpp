@@ -88,6 +88,21 @@ std::string joined(const std::vector<std::string>& texts)
   return result;
 }
 
+std::string formatDuration(std::chrono::milliseconds duration)
+{
+  const auto tenths = duration.count() / 100;
+  const auto seconds = tenths / 10;
+  const auto two = [](auto large, const char* largeUnit, auto small, const char* smallUnit)
+  { return std::to_string(large) + largeUnit + std::to_string(small) + smallUnit; };
+  if (seconds < 60)
+    return two(seconds, ".", tenths % 10, " s");
+  if (seconds < 3600)
+    return two(seconds / 60, " min ", seconds % 60, " s");
+  if (seconds < 86400)
+    return two(seconds / 3600, " h ", seconds / 60 % 60, " min");
+  return two(seconds / 86400, " d ", seconds / 3600 % 24, " h");
+}
+
 std::string singleLine(const std::string& text)
 {
   auto line = text;

@@ -64,6 +64,8 @@ TEST_F(CommandLine, wrongUsageExitsWith2AndOneLine)
                                                     {"package", "install"},
                                                     {"default", "add"},
                                                     {"describe"},
+                                                    {"token", "add", "alice"},
+                                                    {"token", "remove"},
                                                     {"call"},
                                                     {"list", "--loud"},
                                                     {"status", "--url", "http://127.0.0.1:1"},
@@ -83,7 +85,7 @@ TEST_F(CommandLine, helpIsASuccess)
 {
   EXPECT_EQ(run({"--help"}), 0);
   for (const auto* command :
-       {"status", "list", "run", "start", "stop", "load", "watch", "tags", "default", "package", "services", "describe", "call"})
+       {"status", "list", "run", "start", "stop", "load", "watch", "tags", "default", "package", "services", "describe", "call", "open", "token"})
     EXPECT_THAT(out.str(), HasSubstr("\n  " + std::string(command) + " "));
   EXPECT_THAT(error.str(), IsEmpty());
 }

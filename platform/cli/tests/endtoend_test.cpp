@@ -300,9 +300,29 @@ TEST_F(EndToEnd, refusedCallTellsWhereToLook)
   }
 }
 
+TEST_F(EndToEnd, historyTellsWhyEachRunEnded)
+{
+  EXPECT_THAT(tarvik({"history"}).out, HasSubstr("no behavior has played yet"));
+  install();
+  tarvik({"run", "test/short"});
+  tarvik({"run", "test/faulty"});
+  tarvik({"start", "test/endless"});
+  tarvik({"stop", "test/endless"});
+  tarvik({"start", "test/second"});
+  EXPECT_THAT(tarvik({"history"}).out, AllOf(MatchesRegex("BEHAVIOR +BEGAN +DURATION +END +STARTED BY\ntest/second .* running +local\n"
+                                                          "test/endless .* stopped by local +local\n(.*\n)*"),
+                                             HasSubstr("failed at fail (faulty/behavior.xar:1): no arm"), HasSubstr("ended by itself")));
+  const auto runs = tarvik({"history", "--json", "--limit", "1", "short"}).json();
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(runs[0]["behavior"], "test/short");
+  EXPECT_EQ(tarvik({"history", "--limit", "0"}).code, 2);
+  EXPECT_THAT(tarvik({"history", "test/unknown"}).out, HasSubstr("no run of \"test/unknown\""));
+}
+
 TEST_F(EndToEnd, servicesAreListedAndDescribed)
 {
-  EXPECT_THAT(tarvik({"services"}).out, HasSubstr("PackageManager\nZBBehaviorManager\nZBFrameManager\nZBMemory\nZBPreferences\n"));
+  EXPECT_THAT(tarvik({"services"}).out,
+              HasSubstr("PackageManager\nRunHistory\nTokens\nZBBehaviorManager\nZBFrameManager\nZBMemory\nZBPreferences\n"));
   EXPECT_THAT(tarvik({"describe", "ZBMemory"}).out,
               AllOf(StartsWith("ZBMemory\n"), HasSubstr("getData("), HasSubstr("eventRaised(string, value)")));
   EXPECT_EQ(tarvik({"describe", "ZBMemory", "--json"}).json()["name"], "ZBMemory");
@@ -310,8 +330,13 @@ TEST_F(EndToEnd, servicesAreListedAndDescribed)
 
 TEST_F(EndToEnd, addressAndTokenFileReachTheHostAndAWrongTokenIsRefused)
 {
-  std::string url;
-  std::getline(std::ifstream(fs::path(root()) / "run/endpoint"), url);
+  const auto firstLine = [this](const std::string& name)
+  {
+    std::string line;
+    std::getline(std::ifstream(fs::path(root()) / name), line);
+    return line;
+  };
+  const auto url = firstLine("run/endpoint");
   const auto with = [&url](const std::string& tokenFile)
   {
     Process process({TARVIK, "--url", url, "--token-file", tokenFile, "services"});
@@ -319,9 +344,20 @@ TEST_F(EndToEnd, addressAndTokenFileReachTheHostAndAWrongTokenIsRefused)
     return std::pair(code, process.error());
   };
   EXPECT_EQ(with(root() + "/run/token").first, 0);
-  const auto wrong = fs::path(root()) / "wrong";
-  std::ofstream(wrong) << "wrong\n";
-  EXPECT_THAT(with(wrong), testing::Pair(1, MatchesRegex("tarvik: [^\n]*--token-file[^\n]*\n")));
+  const auto refused = testing::Pair(1, MatchesRegex("tarvik: [^\n]*--token-file[^\n]*\n"));
+  const auto alice = root() + "/alice";
+  std::ofstream(alice) << "wrong\n";
+  EXPECT_THAT(with(alice), refused);
+  const auto token = tarvik({"token", "add", "alice", "--role", "observer"}).out;
+  std::ofstream(alice) << token;
+  EXPECT_EQ(with(alice).first, 0);
+  EXPECT_THAT(tarvik({"token", "list"}).out, MatchesRegex("NAME +ROLE +CREATED\nalice +observer +20[^ ]*Z\n"));
+  EXPECT_EQ(tarvik({"open"}).out, url + "/?token=" + firstLine("run/token") + "\n");
+  EXPECT_EQ(tarvik({"token", "remove", "alice"}).code, 0);
+  EXPECT_THAT(with(alice), refused);
+  EXPECT_EQ(tarvik({"token", "remove", "alice"}).code, 1);
+  EXPECT_EQ(tarvik({"token", "list", "--json"}).json(), Value::array());
+  EXPECT_EQ(_daemon->error().find(token.substr(0, 16)), std::string::npos) << "no token gets into the log";
 }
 
 TEST_F(EndToEnd, hostThatVanishesEndsWhoWaitsWith3)

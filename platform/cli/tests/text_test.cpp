@@ -49,6 +49,20 @@ TEST(Table, alignsColumnsByCharactersWithoutSpacesAtTheEndOfALine)
                                                                                                      "b                 x, y\n");
 }
 
+TEST(Duration, isToldInItsTwoLargestUnits)
+{
+  const std::vector<std::pair<std::int64_t, std::string>> cases{{0, "0.0 s"},
+                                                                {199, "0.1 s"},
+                                                                {59999, "59.9 s"},
+                                                                {60000, "1 min 0 s"},
+                                                                {3599999, "59 min 59 s"},
+                                                                {3600000, "1 h 0 min"},
+                                                                {86399999, "23 h 59 min"},
+                                                                {273600000, "3 d 4 h"}};
+  for (const auto& [milliseconds, text] : cases)
+    EXPECT_EQ(formatDuration(std::chrono::milliseconds(milliseconds)), text);
+}
+
 TEST(Value, isShownBareAsStringAndNotAtAllAsNull)
 {
   EXPECT_EQ(formatValue("a \"b\""), "a \"b\"\n");

@@ -5,6 +5,8 @@
 #include <stdexcept>
 
 #include <openssl/crypto.h>
+#include <openssl/rand.h>
+#include <openssl/sha.h>
 
 namespace Tarvik
 {
@@ -48,29 +50,87 @@ std::string_view roleName(Role role)
   return "admin";
 }
 
+std::optional<Role> roleFromName(std::string_view name)
+{
+  for (const auto role : {Role::Observer, Role::Operator, Role::Admin})
+    if (name == roleName(role))
+      return role;
+  return std::nullopt;
+}
+
 bool mayCall(Role role, std::string_view service, std::string_view method)
 {
-  if (role == Role::Admin || isQuery(method))
+  if (role == Role::Admin)
+    return true;
+  if (service == "Tokens")
+    return false;
+  if (isQuery(method))
     return true;
   if (role == Role::Observer || method.starts_with('_'))
     return false;
   return !isGuarded(service) || (service == "ZBPreferences" && method == "readPrefFile");
 }
 
-void Access::add(std::string token, Identity identity)
+std::string toHexadecimal(std::span<const unsigned char> bytes)
+{
+  std::string text;
+  for (const auto byte : bytes)
+  {
+    text += "0123456789abcdef"[byte >> 4];
+    text += "0123456789abcdef"[byte & 15];
+  }
+  return text;
+}
+
+std::string makeToken()
+{
+  std::array<unsigned char, 32> bytes{};
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
+    throw std::runtime_error("no random numbers for a token");
+  return toHexadecimal(bytes);
+}
+
+TokenDigest digestOf(std::string_view token)
+{
+  TokenDigest digest{};
+  SHA256(reinterpret_cast<const unsigned char*>(token.data()), token.size(), digest.data());
+  return digest;
+}
+
+std::uint64_t Access::add(std::string_view token, Identity identity)
 {
   if (token.empty())
     throw std::invalid_argument("an empty token for " + identity.name);
-  _entries.push_back({std::move(token), std::move(identity)});
+  return add(digestOf(token), std::move(identity));
+}
+
+std::uint64_t Access::add(const TokenDigest& digest, Identity identity)
+{
+  const std::lock_guard lock(_mutex);
+  identity.number = ++_lastNumber;
+  _entries.push_back({digest, std::move(identity)});
+  return _lastNumber;
+}
+
+void Access::remove(std::uint64_t number)
+{
+  {
+    const std::lock_guard lock(_mutex);
+    if (std::erase_if(_entries, [number](const Entry& entry) { return entry.identity.number == number; }) == 0)
+      return;
+  }
+  removed(number);
 }
 
 std::optional<Identity> Access::identify(std::string_view token) const
 {
-  std::optional<Identity> found;
+  const auto digest = digestOf(token);
+  const std::lock_guard lock(_mutex);
+  const Entry* found = nullptr;
   for (const auto& entry : _entries)
-    if (entry.token.size() == token.size() && CRYPTO_memcmp(entry.token.data(), token.data(), token.size()) == 0)
-      found = entry.identity;
-  return found;
+    if (CRYPTO_memcmp(entry.digest.data(), digest.data(), digest.size()) == 0)
+      found = &entry;
+  return found ? std::optional(found->identity) : std::nullopt;
 }
 
 } // namespace Tarvik

@@ -1,11 +1,10 @@
 #include "dispatcher.hpp"
 
-#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <vector>
 
 #include <vu/caller.hpp>
-#include <vu/log.hpp>
 #include <vu/objectbuilder.hpp>
 
 namespace Tarvik
@@ -46,21 +45,6 @@ private:
 
 } // namespace
 
-class Dispatcher::OpenCalls
-{
-public:
-  std::atomic<std::size_t> count = 0;
-};
-
-std::shared_ptr<Dispatcher::OpenCalls> Dispatcher::makeOpenCalls() { return std::make_shared<OpenCalls>(); }
-
-void logCall(const Client& client, const std::string& service, const std::string& method, const std::string& outcome)
-{
-  const auto level = mayCall(Role::Observer, service, method) ? vu::log::Level::Debug : vu::log::Level::Info;
-  const vu::CallerScope caller(client.identity.name); // which the line tells
-  vu::log::write(level, "gateway", "call", service + "." + method + " from " + client.address + ": " + outcome);
-}
-
 void Dispatcher::handle(JsonRpc::Message message, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
                         Done done) const
 {
@@ -85,12 +69,16 @@ void Dispatcher::dispatch(JsonRpc::Request request, const Client& client, const 
 {
   if (request.notification)
     done = [done](std::string) { done({}); };
+  const auto begin = Metrics::Clock::now();
+  const bool counted = request.service != "session";
+  if (counted)
+    _metrics->callBegan();
   try
   {
     if (request.service == "session")
     {
       auto answer = own ? own(request) : std::nullopt;
-      return done(answer ? std::move(*answer) : session(request));
+      return done(answer ? std::move(*answer) : session(request, client));
     }
     if (open->count >= _maximumOpenCalls)
       throw vu::ServiceError(request.service, request.method,
@@ -98,23 +86,25 @@ void Dispatcher::dispatch(JsonRpc::Request request, const Client& client, const 
                              Kind::Overloaded);
     // Counted by this token, whatever becomes of the call.
     ++open->count;
-    std::shared_ptr<void> counted(nullptr, [open](void*) { --open->count; });
-    call(request, client,
-         [counted, done](std::string text) mutable
+    std::shared_ptr<void> place(nullptr, [open](void*) { --open->count; });
+    call(request, client, begin,
+         [place, done](std::string text) mutable
          {
-           counted.reset();
+           place.reset();
            done(std::move(text));
          });
   }
   catch (...)
   {
     const auto failure = std::current_exception();
-    logCall(client, request.service, request.method, vu::errorText(failure));
+    if (counted)
+      _metrics->callEnded(begin, failure);
+    LoggedRequest(client, request.service, request.method, request.params).ended(vu::errorText(failure));
     done(JsonRpc::error(request.id, request, failure));
   }
 }
 
-std::string Dispatcher::session(const JsonRpc::Request& request) const
+std::string Dispatcher::session(const JsonRpc::Request& request, const Client& client) const
 {
   const auto wantsParams = [&request](std::size_t count)
   {
@@ -128,6 +118,15 @@ std::string Dispatcher::session(const JsonRpc::Request& request) const
   {
     wantsParams(0);
     return JsonRpc::result(request.id, _broker->session()->services());
+  }
+  if (request.method == "whoami")
+  {
+    wantsParams(0);
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return JsonRpc::result(request.id, {{"name", client.identity.name},
+                                        {"role", roleName(client.identity.role)},
+                                        {"version", TARVIK_VERSION},
+                                        {"time", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}});
   }
   if (request.method == "describe")
   {
@@ -146,26 +145,29 @@ std::string Dispatcher::session(const JsonRpc::Request& request) const
                          Kind::UnknownMethod);
 }
 
-void Dispatcher::call(const JsonRpc::Request& request, const Client& client, const Done& done) const
+void Dispatcher::call(const JsonRpc::Request& request, const Client& client, Metrics::Clock::time_point begin, const Done& done) const
 {
-  const auto& [name, role] = client.identity;
+  const auto role = client.identity.role;
   if (!mayCall(role, request.service, request.method))
     throw vu::ServiceError(request.service, request.method,
                            "the role " + std::string(roleName(role)) + " may not call " + request.fullName(), Kind::NotAllowed);
   const auto object = _broker->session()->find(request.service);
   if (!object)
     throw vu::ServiceError(request.service, request.method, "there is no service " + request.service, Kind::UnknownService);
-  const vu::CallerScope caller(name);
+  const vu::CallerScope caller(client.identity.name);
+  const LoggedRequest logged(client, request.service, request.method, request.params);
   // The continuation outlives the connection and the gateway: it has values
   // only, and what `done` holds weakly.
   object->post(request.method, request.params)
       .then(
-          [id = request.id, service = request.service, method = request.method, client, done](const vu::Future<vu::Value>& result)
+          [id = request.id, service = request.service, method = request.method, logged, done, begin,
+           metrics = _metrics](const vu::Future<vu::Value>& result)
           {
+            metrics->callEnded(begin, result.exception());
             std::string answer;
             if (result.hasError())
             {
-              logCall(client, service, method, result.error());
+              logged.ended(result.error());
               JsonRpc::Request called;
               called.service = service;
               called.method = method;
@@ -173,7 +175,7 @@ void Dispatcher::call(const JsonRpc::Request& request, const Client& client, con
             }
             else
             {
-              logCall(client, service, method, "ok");
+              logged.ended("ok");
               answer = JsonRpc::result(id, result.value());
             }
             done(std::move(answer));

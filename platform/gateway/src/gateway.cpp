@@ -9,6 +9,7 @@
 #include <vu/log.hpp>
 
 #include "server.hpp"
+#include "upload.hpp"
 
 namespace Tarvik
 {
@@ -55,6 +56,8 @@ struct Gateway::Implementation
           if (error)
           {
             // Out of files, most likely: what is open must end first.
+            if (error == asio::error::no_descriptors)
+              server->endLongestIdle();
             vu::log::warning("gateway", "accept", error.message());
             pause.expires_after(std::chrono::milliseconds(100));
             pause.async_wait(
@@ -65,7 +68,7 @@ struct Gateway::Implementation
                 });
             return;
           }
-          serveHttp(server, io, std::move(socket), server->connections.size() >= server->options.limits.connections);
+          serveHttp(server, io, std::move(socket));
           accept();
         });
   }
@@ -94,23 +97,16 @@ struct Gateway::Implementation
         [this](error_code error)
         {
           if (!error)
-            each(&Connection::abort);
+            server->each(&Connection::abort);
         });
     server->connectionEnded = [this]
     {
       if (server->connections.empty())
         deadline.cancel();
     };
-    each(&Connection::shutdown);
+    server->each(&Connection::shutdown);
     if (server->connections.empty())
       deadline.cancel();
-  }
-
-  void each(void (Connection::*action)())
-  {
-    const auto connections = server->connections; // they leave meanwhile
-    for (const auto& [key, connection] : connections)
-      ((*connection).*action)();
   }
 
   const std::shared_ptr<asio::io_context> io = std::make_shared<asio::io_context>(1);
@@ -118,6 +114,7 @@ struct Gateway::Implementation
   tcp::acceptor acceptor;
   asio::steady_timer deadline;
   asio::steady_timer pause;
+  vu::SignalLink removedLink = vu::SignalBase::invalidSignalLink;
   std::thread thread;
 };
 
@@ -137,6 +134,8 @@ std::string Gateway::listen()
   if (error)
     throw std::runtime_error("cannot listen on " + where + ": '" + options.address + "' is no IP address");
   server->tls = loadTls(options);
+  if (options.upload)
+    Upload::removeLeftOvers(options.uploadDirectory);
   if (!address.is_loopback() && !server->tls && !options.insecure)
     throw std::runtime_error("cannot listen on " + where +
                              " without TLS, since tokens could be read on their way: give --tls-cert and --tls-key, or --insecure");
@@ -162,23 +161,44 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   auto& implementation = *_implementation;
   if (!implementation.acceptor.is_open() || implementation.thread.joinable())
     throw std::logic_error("a gateway starts once, after it has begun to listen");
-  implementation.server->dispatcher.emplace(broker, implementation.server->options.limits.openCalls);
+  implementation.server->dispatcher.emplace(broker, implementation.server->options.limits.openCalls, implementation.server->metrics);
   implementation.server->broker = std::move(broker);
+  // What was let in before the removal entered its connection on the gateway's
+  // thread before this is posted there.
+  implementation.removedLink = implementation.server->options.access->removed.connect(
+      [io = implementation.io, weak = std::weak_ptr(implementation.server)](std::uint64_t number)
+      {
+        asio::post(*io,
+                   [weak, number]
+                   {
+                     if (const auto server = weak.lock())
+                       server->each(&Connection::revoke, number);
+                   });
+      });
   implementation.accept();
   implementation.thread = std::thread([&implementation] { implementation.run(); });
 }
 
-void Gateway::stop()
+void Gateway::beginStopping()
 {
   auto& implementation = *_implementation;
-  *implementation.server->stopped = true;
+  if (implementation.server->stopped->exchange(true))
+    return;
+  implementation.server->options.access->removed.disconnect(implementation.removedLink);
+  if (implementation.thread.joinable())
+    asio::post(*implementation.io, [&implementation] { implementation.shutdown(); });
+}
+
+void Gateway::stop()
+{
+  beginStopping();
+  auto& implementation = *_implementation;
   if (!implementation.thread.joinable())
   {
     error_code ignored;
     implementation.acceptor.close(ignored);
     return;
   }
-  asio::post(*implementation.io, [&implementation] { implementation.shutdown(); });
   implementation.thread.join();
   implementation.server->connectionEnded = {};
   implementation.server->connections.clear();

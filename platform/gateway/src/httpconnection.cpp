@@ -1,21 +1,23 @@
 #include <array>
 #include <cerrno>
+#include <limits>
 
 #include <sys/socket.h>
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/version.hpp>
-#include <boost/beast/websocket/rfc6455.hpp>
 
 #include <vu/caller.hpp>
 #include <vu/log.hpp>
 
-#include "expression.hpp"
+#include "admission.hpp"
 #include "pages.hpp"
+#include "routes.hpp"
 #include "server.hpp"
+#include "upload.hpp"
 
 namespace Tarvik
 {
@@ -28,27 +30,34 @@ using boost::system::error_code;
 namespace
 {
 
+std::string addressText(const asio::ip::address& address)
+{
+  return address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+}
+
+std::string seconds(std::chrono::milliseconds time) { return std::to_string(time.count() / 1000) + " s"; }
+
+/// Reads requests from one client and answers them, one after the other; what
+/// they ask for is told by findRoute().
 class HttpConnection final : public Connection, public std::enable_shared_from_this<HttpConnection>
 {
 public:
-  HttpConnection(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket)
-      : _io(std::move(io)), _server(std::move(server)), _stream(std::move(socket), _server->tls.get())
+  HttpConnection(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer)
+      : Connection(addressText(peer.address())), _io(std::move(io)), _server(std::move(server)),
+        _stream(std::move(socket), _server->tls.get()), _deadline(*_io)
   {
-    error_code error;
-    const auto& tcp = _stream.next_layer().socket();
-    _door = {tcp.local_endpoint(error), _server->tls != nullptr};
-    const auto peer = tcp.remote_endpoint(error);
-    if (!error)
-      _peer = (peer.address().is_v6() ? "[" + peer.address().to_string() + "]" : peer.address().to_string()) + ":" +
-              std::to_string(peer.port());
+    error_code ignored;
+    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->tls != nullptr};
+    _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
 
   void start(bool crowded)
   {
+    _crowded = crowded;
     _server->enter(shared_from_this());
-    const auto begin = [self = shared_from_this(), crowded]
+    const auto begin = [self = shared_from_this()]
     {
-      if (!crowded)
+      if (!self->_crowded)
         return self->readHeader();
       self->_last = true;
       self->answer(Page::text(503, "this host has as many connections as it takes: try again later"));
@@ -60,167 +69,174 @@ public:
                                       [self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
   }
 
-  void shutdown() override
-  {
-    _last = true;
-    if (!_answering)
-      return end();
-    if (_waiting)
-      answer(Page::text(503, "the host is shutting down"));
-  }
-
+  void shutdown() override { endWith(Page::text(503, "the host is shutting down")); }
   void abort() override { end(); }
+  void revoke(std::uint64_t identity) override
+  {
+    if (_client.identity.number == identity)
+      endWith(Page::text(401, "the token was removed"));
+  }
+  bool isWebSocket() const override { return false; }
+  std::optional<Clock::time_point> idleSince() const override
+  {
+    return _state == State::Idle && !_crowded ? std::optional(_idleSince) : std::nullopt;
+  }
+  void makeRoom() override { end(); }
+  bool isEnding() const override { return _crowded || _state == State::HangingUp; }
 
 private:
-  using Response = http::response<http::string_body>;
+  enum class State
+  {
+    Idle,    ///< the next request's header has not come whole
+    Body,    ///< its body has not
+    Waiting, ///< its answer is being worked out
+    Sending,
+    HangingUp,
+    Ended
+  };
+
+  /// What is being read must come within the time. Not left to the stream,
+  /// which would close the socket and leave nothing to answer on.
+  void expect(std::chrono::milliseconds time)
+  {
+    _stream.next_layer().expires_never();
+    _late = false;
+    _deadline.expires_after(time);
+    _deadline.async_wait(
+        [weak = weak_from_this()](error_code error)
+        {
+          const auto self = weak.lock();
+          if (error || !self || self->_deadline.expiry() > Clock::now() || (self->_state != State::Idle && self->_state != State::Body))
+            return;
+          self->_late = true;
+          self->_stream.next_layer().cancel();
+        });
+  }
+
+  void next()
+  {
+    _state = State::Idle;
+    _idleSince = Clock::now();
+    if (_buffer.size() != 0)
+      return readHeader();
+    expect(_server->options.limits.idle);
+    _stream.async_read_some(_buffer.prepare(4096),
+                            [self = shared_from_this()](error_code error, std::size_t length)
+                            {
+                              if (error)
+                                return self->end();
+                              self->_buffer.commit(length);
+                              self->readHeader();
+                            });
+  }
 
   void readHeader()
   {
     const auto& limits = _server->options.limits;
-    _answering = false;
-    _waiting = false;
-    _parser.emplace();
-    _parser->header_limit(static_cast<std::uint32_t>(limits.headerBytes));
-    _parser->body_limit(limits.messageBytes);
-    _stream.next_layer().expires_after(_first ? limits.header : limits.idle);
-    http::async_read_header(_stream, _buffer, *_parser,
+    _header.emplace();
+    _header->header_limit(static_cast<std::uint32_t>(limits.headerBytes));
+    _header->body_limit(std::numeric_limits<std::uint64_t>::max()); // bounded when it is known what the body is
+    expect(limits.header);
+    http::async_read_header(_stream, _buffer, *_header,
                             [self = shared_from_this()](error_code error, std::size_t)
-                            { error ? self->unreadable(error) : self->onHeader(); });
+                            {
+                              if (!error)
+                                return self->onHeader();
+                              if (self->_header->got_some())
+                                return self->unreadable(error, self->_server->options.limits.header);
+                              self->end(); // nothing of a request came: the client has gone, or was idle too long
+                            });
   }
 
-  void unreadable(error_code error)
+  void unreadable(error_code error, std::chrono::milliseconds time)
   {
-    // Nothing of a request came: the client has gone, or was idle too long.
-    const bool nothing = !_parser->got_some();
     _last = true;
     if (error == http::error::header_limit)
       answer(Page::text(431, "the header is larger than " + std::to_string(_server->options.limits.headerBytes) + " bytes"));
     else if (error == http::error::body_limit)
-      answer(Page::text(413, "the body is larger than " + std::to_string(_server->options.limits.messageBytes) + " bytes"));
-    else if (error == beast::error::timeout || nothing || error == http::error::partial_message || error == asio::error::connection_reset ||
-             error == asio::error::operation_aborted)
+      answer(tooLarge());
+    else if (_late)
+      answer(Page::text(408, "the request did not come within " + seconds(time)));
+    else if (error == http::error::partial_message || error == asio::error::connection_reset || error == asio::error::operation_aborted)
       end();
     else
       answer(Page::text(400, "the request cannot be read: " + error.message()));
   }
 
+  Page tooLarge() const { return Page::text(413, "the body is larger than " + std::to_string(_bodyLimit) + " bytes"); }
+
   void onHeader()
   {
-    _first = false;
-    const auto& header = _parser->get();
-    // Refused before its body is read, which then ends the connection.
-    const bool last = !header.keep_alive();
-    _last = last || !_parser->is_done();
-    if (refuse(header))
-      return;
-    _last = last;
-    if (_parser->is_done())
-      return route();
-    _stream.next_layer().expires_after(_server->options.limits.send);
-    if (beast::iequals(header[http::field::expect], "100-continue"))
-      return asio::async_write(_stream, asio::buffer(std::string_view("HTTP/1.1 100 Continue\r\n\r\n")),
-                               [self = shared_from_this()](error_code error, std::size_t) { error ? self->end() : self->readBody(); });
-    readBody();
-  }
-
-  void readBody()
-  {
-    http::async_read(_stream, _buffer, *_parser,
-                     [self = shared_from_this()](error_code error, std::size_t) { error ? self->unreadable(error) : self->route(); });
-  }
-
-  /// True when the request has its answer: a refusal, or what needs no token.
-  bool refuse(const http::request_header<>& header)
-  {
-    const auto refused = [this](Page page)
+    const auto& header = _header->get();
+    _last = !header.keep_alive();
+    auto admitted = admit(header, _door, *_server->options.access);
+    if (auto* const page = std::get_if<Page>(&admitted))
     {
-      vu::log::info("gateway", "refuse", _peer + ": " + std::to_string(page.status) + " " + page.body.substr(0, page.body.size() - 1));
-      answer(std::move(page));
-      return true;
-    };
-    const std::string_view target(header.target().data(), header.target().size());
-    if (target == "/healthz")
-    {
-      answer(Page::text(200, "ok"));
-      return true;
+      if (page->status >= 400)
+        vu::log::info("gateway", "refuse",
+                      _client.address + ": " + std::to_string(page->status) + " " + page->body.substr(0, page->body.size() - 1));
+      return answerEarly(std::move(*page));
     }
-    if (const auto foreign = findForeign(header, _door))
-      return refused(Page::text(403, *foreign));
-    const auto question = target.find('?');
-    const auto query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
-    if (header.method() == http::verb::get && query.starts_with("token="))
-      return enterWithToken(std::string(target.substr(0, question)), query.substr(6));
-    const auto identity = _server->options.access.identify(presentedToken(header, _door));
-    if (!identity)
-      return refused(Page::text(401, "a token is needed: send \"Authorization: Bearer TOKEN\", or open /?token=TOKEN in a browser"));
-    // A cookie is sent for pages of other ports of this address, too.
-    if ((query.starts_with("eval=") || target == "/rpc") && isCrossSite(header))
-      return refused(Page::text(403, "another site's page may not use this host"));
-    _client = {*identity, _peer};
-    return false;
-  }
-
-  /// Trades the token in the address for a cookie.
-  bool enterWithToken(const std::string& path, std::string_view token)
-  {
-    const auto identity = _server->options.access.identify(token);
-    // A target that begins with two slashes would lead elsewhere.
-    if (!identity || path.starts_with("//"))
+    _client.identity = std::get<Identity>(std::move(admitted));
+    auto route = findRoute(header, _client, *_server->broker);
+    if (auto* const page = std::get_if<Page>(&route))
+      return answerEarly(std::move(*page));
+    if (std::holds_alternative<MetricsRequest>(route))
+      route = Work{[metrics = _server->metrics, collectors = _server->options.collectors](ZB::ZBBroker& broker, const Client&)
+                   { return Pages::metrics(broker, *metrics, collectors); }};
+    if (auto* const work = std::get_if<Work>(&route))
     {
-      vu::log::info("gateway", __func__, _peer + ": refused an unknown token");
-      answer(Page::text(401, "this token is not known here: take the one in the file run/token of the host's root"));
-      return true;
+      _last = _last || !_header->is_done();
+      return onPool(std::move(*work));
     }
-    auto response = respond(Page::text(303, "welcome, " + identity->name));
-    response->set(http::field::location, path);
-    response->set(http::field::set_cookie,
-                  cookieName(_door) + "=" + std::string(token) + "; HttpOnly; SameSite=Strict; Path=/" + (_door.secure ? "; Secure" : ""));
-    send(response);
-    return true;
-  }
-
-  void route()
-  {
-    const auto request = _parser->release();
-    const std::string target(request.target());
-    const auto question = target.find('?');
-    const auto path = target.substr(0, question);
-    const auto query = question == std::string::npos ? std::string() : target.substr(question + 1);
-    if (path == "/rpc")
-      return routeRpc(request);
-    if (request.method() != http::verb::get)
-    {
-      auto response = respond(Page::text(405, "pages are read with GET; calls are sent to /rpc"));
-      response->set(http::field::allow, "GET");
-      return send(response);
-    }
-    try
-    {
-      routePage(percentDecode(path), query);
-    }
-    catch (const std::invalid_argument& error)
-    {
-      answer(Page::text(400, error.what()));
-    }
-  }
-
-  void routeRpc(const Request& request)
-  {
-    if (request.method() == http::verb::get && beast::websocket::is_upgrade(request))
+    if (std::holds_alternative<WebSocketHandshake>(route))
     {
       _stream.next_layer().expires_never();
-      serveWebSocket(_server, _io, std::move(_stream), _client, request);
+      _deadline.cancel();
+      serveWebSocket(_server, _io, std::move(_stream), _client, peer(), Request(_header->release().base()));
       return leave();
     }
-    if (request.method() != http::verb::post)
-    {
-      auto response =
-          respond(Page::text(request.method() == http::verb::get ? 426 : 405, "send a JSON-RPC message with POST, or open a WebSocket"));
-      response->set(http::field::allow, "GET, POST");
-      if (request.method() == http::verb::get)
-        response->set(http::field::upgrade, "websocket");
-      return send(response);
-    }
+    if (std::holds_alternative<FileUpload>(route))
+      return _server->options.upload ? beginBody(_server->options.limits.uploadBytes, [this] { beginUpload(); })
+                                     : answerEarly(Page::text(404, "this host takes no files"));
+    beginBody(_server->options.limits.messageBytes, [this] { readMessage(); });
+  }
+
+  /// An answer that does not wait for the body, which then ends the connection.
+  void answerEarly(Page page)
+  {
+    _last = _last || !_header->is_done();
+    answer(std::move(page));
+  }
+
+  template <typename Read> void beginBody(std::size_t limit, Read read)
+  {
+    _bodyLimit = limit;
+    if (const auto length = _header->content_length(); length && *length > limit)
+      return answerEarly(tooLarge());
+    _header->body_limit(limit);
+    _state = State::Body;
+    if (_header->is_done() || !beast::iequals(_header->get()[http::field::expect], "100-continue"))
+      return read();
+    _stream.next_layer().expires_after(_server->options.limits.send);
+    asio::async_write(_stream, asio::buffer(std::string_view("HTTP/1.1 100 Continue\r\n\r\n")),
+                      [self = shared_from_this(), read](error_code error, std::size_t) { error ? self->end() : read(); });
+  }
+
+  void readMessage()
+  {
+    _message.emplace(std::move(*_header));
+    if (_message->is_done())
+      return handleMessage();
+    expect(_server->options.limits.body);
+    http::async_read(_stream, _buffer, *_message,
+                     [self = shared_from_this()](error_code error, std::size_t)
+                     { error ? self->unreadable(error, self->_server->options.limits.body) : self->handleMessage(); });
+  }
+
+  void handleMessage()
+  {
+    const auto request = _message->release();
     const auto turn = await();
     _server->dispatcher->handle(JsonRpc::parse(request.body()), _client, _openCalls, {},
                                 [io = _io, self = weak_from_this(), turn](std::string text)
@@ -230,47 +246,96 @@ private:
                                 });
   }
 
-  void routePage(const std::string& path, const std::string& query)
+  void beginUpload()
   {
-    if (path == "/")
-      return onPool([](ZB::ZBBroker& broker, const Client&) { return Pages::index(broker); });
-    const auto slash = path.find('/', 1);
-    const auto module = path.substr(1, slash == std::string::npos ? slash : slash - 1);
-    if (slash != std::string::npos && slash + 1 != path.size())
-      return answer(Page::text(404, "there is no page " + path));
-    if (!_server->broker->session()->find(module))
-      return answer(Page::text(404, "there is no module " + module));
-    if (slash == std::string::npos && query.empty())
-    {
-      auto response = respond(Page::text(302, "the page is at " + path + "/"));
-      response->set(http::field::location, path + "/"); // a service's name: nothing to be encoded
-      return send(response);
-    }
-    if (!query.starts_with("eval="))
-      return onPool([module](ZB::ZBBroker& broker, const Client&) { return Pages::module(broker, module); });
-    onPool([expression = percentDecode(query.substr(5))](ZB::ZBBroker& broker, const Client& client)
-           { return Pages::evaluate(broker, expression, client); });
+    _upload = std::make_shared<UploadBody>(std::move(*_header), _server->options.uploadDirectory);
+    storeUpload(); // makes the file
   }
 
-  void onPool(std::function<Page(ZB::ZBBroker&, const Client&)> make)
+  void readUpload()
+  {
+    expect(_server->options.limits.body);
+    http::async_read(_stream, _buffer, _upload->nextChunk(),
+                     [self = shared_from_this()](error_code error, std::size_t)
+                     {
+                       if (error && error != http::error::need_buffer)
+                         return self->unreadable(error, self->_server->options.limits.body);
+                       self->storeUpload();
+                     });
+  }
+
+  /// On the pool, since a disk may keep one waiting.
+  void storeUpload()
+  {
+    onPool([upload = _upload] { upload->store(); },
+           [](HttpConnection& self, const std::exception_ptr& failure)
+           {
+             if (self._state != State::Body)
+               return;
+             if (!failure)
+               return self._upload->isWhole() ? self.takeUpload() : self.readUpload();
+             auto page = Pages::failure(failure);
+             LoggedRequest(self._client, "POST /packages").ended(page.body.substr(0, page.body.size() - 1));
+             self._last = true;
+             self.answer(std::move(page));
+           });
+  }
+
+  void takeUpload()
+  {
+    onPool(Work{[upload = std::move(_upload), take = _server->options.upload](ZB::ZBBroker& broker, const Client& client)
+                { return Pages::upload(broker, upload->path(), client, take); }});
+  }
+
+  void onPool(Work work)
   {
     const auto turn = await();
+    const auto page = std::make_shared<std::optional<Page>>();
+    onPool(
+        [page, work = std::move(work), broker = _server->broker, stopped = _server->stopped, client = _client]
+        {
+          if (!*stopped)
+            *page = work.make(*broker, client);
+        },
+        [page, turn](HttpConnection& self, const std::exception_ptr& failure)
+        {
+          // None when the gateway has stopped, which tells the client so.
+          if (self._state == State::Waiting && self._turn == turn && (failure || *page))
+            self.answer(failure ? Pages::failure(failure) : **page);
+        });
+  }
+
+  /// `work` blocks and knows nothing of this connection; `then` runs back on
+  /// the gateway's thread, if the connection is still there, with what the
+  /// work has thrown.
+  template <typename Function, typename Then> void onPool(Function work, Then then)
+  {
     const vu::CallerScope caller(_client.identity.name);
     try
     {
       _server->broker->pool()->postCall(
-          [io = _io, self = weak_from_this(), turn, broker = _server->broker, stopped = _server->stopped, client = _client,
-           make = std::move(make)]
+          [io = _io, weak = weak_from_this(), work = std::move(work), then]
           {
-            if (*stopped)
-              return;
-            auto page = make(*broker, client);
-            asio::post(*io, [self, turn, page = std::move(page)]() mutable { finish(self, turn, std::move(page)); });
+            std::exception_ptr failure;
+            try
+            {
+              work();
+            }
+            catch (...)
+            {
+              failure = std::current_exception();
+            }
+            asio::post(*io,
+                       [weak, then, failure]
+                       {
+                         if (const auto self = weak.lock())
+                           then(*self, failure);
+                       });
           });
     }
-    catch (const vu::ServiceError& error)
+    catch (const vu::ServiceError&) // the pool is overloaded
     {
-      answer(Page::text(503, error.description()));
+      then(*this, std::current_exception());
     }
   }
 
@@ -278,7 +343,8 @@ private:
   /// after: when it hangs up, its call is abandoned. Gives the answer's number.
   std::uint64_t await()
   {
-    _answering = _waiting = true;
+    _state = State::Waiting;
+    _deadline.cancel();
     _stream.next_layer().expires_never();
     const auto turn = ++_turn;
     watch(turn);
@@ -290,7 +356,8 @@ private:
     _stream.next_layer().socket().async_wait(asio::ip::tcp::socket::wait_read,
                                              [weak = weak_from_this(), turn](error_code error)
                                              {
-                                               if (const auto self = weak.lock(); self && !error && self->_waiting && self->_turn == turn)
+                                               if (const auto self = weak.lock();
+                                                   self && !error && self->_state == State::Waiting && self->_turn == turn)
                                                  self->onReadable(turn);
                                              });
   }
@@ -312,47 +379,39 @@ private:
   static void finish(const std::weak_ptr<HttpConnection>& connection, std::uint64_t turn, Page page)
   {
     const auto self = connection.lock();
-    if (self && self->_waiting && self->_turn == turn)
+    if (self && self->_state == State::Waiting && self->_turn == turn)
       self->answer(std::move(page));
   }
 
-  std::shared_ptr<Response> respond(Page page) const
+  void answer(Page page)
   {
-    auto response = std::make_shared<Response>(static_cast<http::status>(page.status), 11);
-    response->set(http::field::content_type, page.type);
-    response->set(http::field::cache_control, "no-store");
-    response->set("X-Content-Type-Options", "nosniff");
-    response->set("X-Frame-Options", "DENY");
-    response->set("Referrer-Policy", "no-referrer");
-    if (page.status == 401)
-      response->set(http::field::www_authenticate, "Bearer realm=\"tarvik\"");
-    response->body() = std::move(page.body);
-    return response;
-  }
-
-  void answer(Page page) { send(respond(std::move(page))); }
-
-  void send(const std::shared_ptr<Response>& response)
-  {
-    if (_ended)
+    if (_state == State::Ended)
       return;
-    _answering = true;
-    _waiting = false;
-    response->keep_alive(!_last);
-    if (response->result() == http::status::no_content)
-      response->erase(http::field::content_type);
-    else
-      response->prepare_payload();
+    _state = State::Sending;
+    _deadline.cancel();
+    _server->metrics->answered(page.status);
+    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last));
     _stream.next_layer().expires_after(_server->options.limits.send);
     http::async_write(_stream, *response,
                       [self = shared_from_this(), response](error_code error, std::size_t)
                       {
+                        if (error == beast::error::timeout)
+                          vu::log::info("gateway", "send", self->_client.address + " is disconnected: it does not take its answer");
                         if (error)
                           return self->end();
-                        if (!self->_last)
-                          return self->readHeader();
-                        self->hangUp();
+                        self->_last ? self->hangUp() : self->next();
                       });
+  }
+
+  /// The end of what is idle or half read; whoever waits for an answer gets
+  /// this one, and whoever is being sent one gets it whole.
+  void endWith(Page page)
+  {
+    _last = true;
+    if (_state == State::Idle || _state == State::Body)
+      end();
+    else if (_state == State::Waiting)
+      answer(std::move(page));
   }
 
   /// Closing with something unread would reset the connection, and the client
@@ -360,9 +419,10 @@ private:
   void hangUp()
   {
     error_code ignored;
+    _state = State::HangingUp;
+    _stream.next_layer().expires_after(_server->options.limits.close);
     if (_stream.secure())
       return _stream.secure()->async_shutdown([self = shared_from_this()](error_code) { self->end(); });
-    _stream.next_layer().expires_after(_server->options.limits.close);
     _stream.next_layer().socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
     readAway();
   }
@@ -375,9 +435,10 @@ private:
 
   void end()
   {
-    if (_ended)
+    if (_state == State::Ended)
       return;
     error_code ignored;
+    _deadline.cancel();
     _stream.next_layer().expires_never();
     _stream.next_layer().socket().close(ignored);
     leave();
@@ -385,34 +446,44 @@ private:
 
   void leave()
   {
-    _ended = true;
-    _waiting = false;
+    _state = State::Ended;
     _server->leave(this);
   }
 
   const IoContext _io; // destroyed last
   const std::shared_ptr<Server> _server;
   Stream _stream;
+  asio::steady_timer _deadline;
   Door _door;
-  std::string _peer;
   Client _client;
   beast::flat_buffer _buffer;
-  std::optional<http::request_parser<http::string_body>> _parser;
-  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = Dispatcher::makeOpenCalls();
+  std::optional<http::request_parser<http::empty_body>> _header;
+  std::optional<http::request_parser<http::string_body>> _message;
+  std::shared_ptr<UploadBody> _upload; ///< also the pool's while it writes
+  std::size_t _bodyLimit = 0;
+  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = std::make_shared<Dispatcher::OpenCalls>();
   std::array<char, 4096> _waste{};
   std::uint64_t _turn = 0;
-  bool _first = true;
-  bool _last = false;      ///< the connection ends with the next answer
-  bool _answering = false; ///< a request has been read and not been answered
-  bool _waiting = false;   ///< its answer is being worked out
-  bool _ended = false;
+  State _state = State::Idle;
+  Clock::time_point _idleSince = Clock::now();
+  bool _crowded = false; ///< there is no room for it
+  bool _late = false;    ///< what was expected did not come in time
+  bool _last = false;    ///< the connection ends with the next answer
 };
 
 } // namespace
 
-void serveHttp(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket, bool crowded)
+void serveHttp(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket)
 {
-  std::make_shared<HttpConnection>(std::move(server), std::move(io), std::move(socket))->start(crowded);
+  error_code error;
+  const auto peer = socket.remote_endpoint(error);
+  if (error)
+    return; // it has gone already
+  const auto room = server->findRoom(addressText(peer.address()));
+  if (room != Server::Room::Free)
+    server->metrics->connectionRefused();
+  if (room != Server::Room::NotEven)
+    std::make_shared<HttpConnection>(std::move(server), std::move(io), std::move(socket), peer)->start(room == Server::Room::None);
 }
 
 } // namespace Tarvik

@@ -7,6 +7,7 @@
 #include <vu/objectbuilder.hpp>
 
 #include "expression.hpp"
+#include "jsonrpc.hpp"
 
 namespace Tarvik
 {
@@ -86,10 +87,10 @@ vu::Value carryOut(ZB::ZBBroker& broker, Expression& expression, const Client& c
   if (!method || !method->future || (result.isFinished() && result.hasError()))
     return method && method->future ? (result.value(), vu::Value()) : result.value();
   result.then(
-      [client, service = expression.service, name = expression.method](const vu::Future<vu::Value>& end)
+      [logged = LoggedRequest(client, expression.service, expression.method, expression.arguments)](const vu::Future<vu::Value>& end)
       {
         if (end.hasError())
-          logCall(client, service, name, "begun, then: " + end.error());
+          logged.ended("begun, then: " + end.error());
       });
   return nullptr;
 }
@@ -117,6 +118,7 @@ Page Pages::module(ZB::ZBBroker& broker, const std::string& name)
   {
     Page page;
     page.body = broker.httpGet(name);
+    page.policy = Page::modulePolicy;
     return page.body.empty() ? Page::text(404, "the module " + name + " has no page") : page;
   }
   catch (...)
@@ -139,15 +141,54 @@ Page Pages::evaluate(ZB::ZBBroker& broker, const std::string& text, const Client
   try
   {
     Page page{200, "application/json", JsonRpc::dump(carryOut(broker, expression, client))};
-    logCall(client, expression.service, expression.method, "ok");
+    LoggedRequest(client, expression.service, expression.method, expression.arguments).ended("ok");
     return page;
   }
   catch (...)
   {
     const auto error = JsonRpc::toServiceError(std::current_exception(), expression.service, expression.method);
-    logCall(client, expression.service, expression.method, error.description());
+    LoggedRequest(client, expression.service, expression.method, expression.arguments).ended(error.description());
     return toPage(error);
   }
 }
+
+Page Pages::upload(ZB::ZBBroker& broker, const std::filesystem::path& file, const Client& client,
+                   const decltype(Gateway::Options::upload)& take)
+{
+  const LoggedRequest logged(client, "POST /packages");
+  try
+  {
+    Page page{201, "application/json", JsonRpc::dump(take(broker, file, client.identity.name))};
+    logged.ended("ok " + page.body);
+    return page;
+  }
+  catch (...)
+  {
+    const auto thrown = std::current_exception();
+    logged.ended(vu::errorText(thrown));
+    return failure(thrown);
+  }
+}
+
+Page Pages::metrics(ZB::ZBBroker& broker, const Metrics& metrics, const decltype(Gateway::Options::collectors)& collectors)
+{
+  MetricsText text;
+  metrics.write(text);
+  std::string whole = text.text();
+  for (const auto& collect : collectors)
+    try
+    {
+      MetricsText part;
+      collect(broker, part);
+      whole += part.text();
+    }
+    catch (...)
+    {
+      vu::log::warning("gateway", "metrics", "some figures are missing: " + vu::errorText(std::current_exception()));
+    }
+  return {200, std::string(MetricsText::contentType), std::move(whole)};
+}
+
+Page Pages::failure(const std::exception_ptr& failure) { return toPage(JsonRpc::toServiceError(failure, "", "")); }
 
 } // namespace Tarvik

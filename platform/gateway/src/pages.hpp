@@ -1,23 +1,17 @@
 #pragma once
 
-#include <memory>
+#include <exception>
+#include <filesystem>
 #include <string>
 
-#include <zb/zbbroker.hpp>
+#include <gateway/gateway.hpp>
 
-#include "dispatcher.hpp"
+#include "client.hpp"
+#include "metrics.hpp"
+#include "page.hpp"
 
 namespace Tarvik
 {
-
-struct Page
-{
-  unsigned status = 200;
-  std::string type = "text/html; charset=utf-8";
-  std::string body;
-
-  static Page text(unsigned status, std::string body) { return {status, "text/plain; charset=utf-8", std::move(body) + "\n"}; }
-};
 
 /// What browsers get to see. All functions may block on a module and run on
 /// the broker's pool.
@@ -34,6 +28,16 @@ Page module(ZB::ZBBroker& broker, const std::string& name);
 /// its result as JSON. A method that gives a future is answered with null as
 /// soon as it is under way.
 Page evaluate(ZB::ZBBroker& broker, const std::string& expression, const Client& client);
+
+/// Hands a file that the client has sent to whoever takes it: 201 with what
+/// that one tells.
+Page upload(ZB::ZBBroker& broker, const std::filesystem::path& file, const Client& client, const decltype(Gateway::Options::upload)& take);
+
+/// The gateway's figures and those of the collectors.
+Page metrics(ZB::ZBBroker& broker, const Metrics& metrics, const decltype(Gateway::Options::collectors)& collectors);
+
+/// The answer for what has been thrown.
+Page failure(const std::exception_ptr& failure);
 
 } // namespace Pages
 

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ssl/context.hpp>
@@ -14,6 +16,7 @@
 #include <gateway/gateway.hpp>
 
 #include "dispatcher.hpp"
+#include "metrics.hpp"
 #include "requestguard.hpp"
 #include "stream.hpp"
 
@@ -26,19 +29,39 @@ using Request = boost::beast::http::request<boost::beast::http::string_body>;
 class Connection
 {
 public:
-  Connection() = default;
+  using Clock = std::chrono::steady_clock;
+
+  explicit Connection(std::string peer) : _peer(std::move(peer)) {}
   virtual ~Connection() = default;
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
+
+  /// The client's address, without the port.
+  const std::string& peer() const { return _peer; }
 
   /// Says goodbye and ends soon.
   virtual void shutdown() = 0;
   /// Ends at once.
   virtual void abort() = 0;
+  /// Ends, with the reason, when it was let in by the token of that number.
+  virtual void revoke(std::uint64_t identity) = 0;
+
+  /// Since when nobody has wanted anything of it; none while somebody does.
+  virtual std::optional<Clock::time_point> idleSince() const = 0;
+  /// A WebSocket is somebody's session; a connection for requests is opened
+  /// again unnoticed.
+  virtual bool isWebSocket() const = 0;
+  /// Ends for the sake of another; idle ones only.
+  virtual void makeRoom() = 0;
+  /// Ends already, and counts no more.
+  virtual bool isEnding() const = 0;
+
+private:
+  const std::string _peer;
 };
 
 /// What all connections of a gateway share; it lives as long as any of them.
-/// Touched by the gateway's thread alone, but for `stopped`.
+/// Touched by the gateway's thread alone, but for `stopped` and `metrics`.
 struct Server
 {
   Gateway::Options options;
@@ -50,12 +73,42 @@ struct Server
   /// Keeps them alive, also while one only waits for a service's answer.
   std::map<Connection*, std::shared_ptr<Connection>> connections;
   std::function<void()> connectionEnded;
+  const std::shared_ptr<Metrics> metrics = std::make_shared<Metrics>();
 
-  void enter(const std::shared_ptr<Connection>& connection) { connections.emplace(connection.get(), connection); }
+  void enter(const std::shared_ptr<Connection>& connection)
+  {
+    connections.emplace(connection.get(), connection);
+    metrics->connectionEntered(connection->isWebSocket());
+  }
   void leave(Connection* connection)
   {
-    if (connections.erase(connection) != 0 && connectionEnded)
+    if (connections.erase(connection) == 0)
+      return;
+    metrics->connectionLeft(connection->isWebSocket());
+    if (connectionEnded)
       connectionEnded();
+  }
+
+  enum class Room
+  {
+    Free,
+    None,   ///< the client is to be told so
+    NotEven ///< to tell it so
+  };
+  /// Whether one more connection of `peer` fits in. Where a bound is reached,
+  /// the one that has been idle longest makes room: a WebSocket only when
+  /// there is nothing else.
+  Room findRoom(const std::string& peer) const;
+  /// False when none is idle.
+  bool endLongestIdle(const std::string& peer = {}) const;
+
+  /// Calls a member function of each connection; they may leave meanwhile.
+  template <typename... Parameters, typename... Arguments>
+  void each(void (Connection::*action)(Parameters...), const Arguments&... arguments) const
+  {
+    const auto present = connections;
+    for (const auto& [key, connection] : present)
+      ((*connection).*action)(arguments...);
   }
 };
 
@@ -63,11 +116,12 @@ struct Server
 /// which keeps the context, and reaches the connection weakly.
 using IoContext = std::shared_ptr<boost::asio::io_context>;
 
-/// Begins to read requests from a connection just accepted. One that is
-/// `crowded` out is told so and closed.
-void serveHttp(std::shared_ptr<Server> server, IoContext io, boost::asio::ip::tcp::socket socket, bool crowded);
+/// Begins to read requests from a connection just accepted. One for which
+/// there is no room is told so and closed.
+void serveHttp(std::shared_ptr<Server> server, IoContext io, boost::asio::ip::tcp::socket socket);
 
 /// Takes over a connection whose `request` asks for a WebSocket.
-void serveWebSocket(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client, const Request& request);
+void serveWebSocket(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client, const std::string& peer,
+                    const Request& request);
 
 } // namespace Tarvik

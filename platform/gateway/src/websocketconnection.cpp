@@ -26,8 +26,9 @@ namespace
 class WebSocketConnection final : public Connection, public std::enable_shared_from_this<WebSocketConnection>
 {
 public:
-  WebSocketConnection(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client)
-      : _io(std::move(io)), _server(std::move(server)), _client(std::move(client)), _webSocket(std::move(stream)), _timer(*_io)
+  WebSocketConnection(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client, const std::string& peer)
+      : Connection(peer), _io(std::move(io)), _server(std::move(server)), _client(std::move(client)), _webSocket(std::move(stream)),
+        _timer(*_io)
   {
   }
 
@@ -67,6 +68,19 @@ public:
     end();
   }
 
+  void revoke(std::uint64_t identity) override
+  {
+    if (_client.identity.number == identity)
+      _accepted ? close(websocket::close_code::policy_error, "the token was removed") : abort();
+  }
+  bool isWebSocket() const override { return true; }
+  std::optional<Clock::time_point> idleSince() const override
+  {
+    return _accepted && !_closing && _links.empty() && _openCalls->count == 0 ? std::optional(_lastMessage) : std::nullopt;
+  }
+  void makeRoom() override { close(websocket::close_code::try_again_later, "the host needs this idle connection for another client"); }
+  bool isEnding() const override { return _closing; }
+
 private:
   struct Link
   {
@@ -90,6 +104,7 @@ private:
 
   void handle(const std::string& text)
   {
+    _lastMessage = Clock::now();
     auto message = JsonRpc::parse(text);
     // In a batch, whose answer comes when all of it has been carried out,
     // nothing is held back.
@@ -195,8 +210,11 @@ private:
 
   void write()
   {
-    if (_outbox->overflowed())
+    if (_outbox->overflowed() && !_closing && !_ended)
+    {
+      _server->metrics->queueDropped();
       return close(websocket::close_code::policy_error, "this client does not keep up with its signals and answers");
+    }
     if (_writing || _closing || _ended)
       return;
     auto text = _outbox->take();
@@ -258,11 +276,12 @@ private:
   websocket::stream<Stream> _webSocket;
   asio::steady_timer _timer;
   std::shared_ptr<Outbox> _outbox;
-  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = Dispatcher::makeOpenCalls();
+  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = std::make_shared<Dispatcher::OpenCalls>();
   std::map<std::uint64_t, Link> _links; ///< by number on the wire
   std::uint64_t _lastLink = 0;
   beast::flat_buffer _incoming;
   std::string _outgoing;
+  Clock::time_point _lastMessage = Clock::now();
   bool _accepted = false;
   bool _writing = false;
   bool _closing = false;
@@ -271,9 +290,10 @@ private:
 
 } // namespace
 
-void serveWebSocket(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client, const Request& request)
+void serveWebSocket(std::shared_ptr<Server> server, IoContext io, Stream stream, Client client, const std::string& peer,
+                    const Request& request)
 {
-  std::make_shared<WebSocketConnection>(std::move(server), std::move(io), std::move(stream), std::move(client))->accept(request);
+  std::make_shared<WebSocketConnection>(std::move(server), std::move(io), std::move(stream), std::move(client), peer)->accept(request);
 }
 
 } // namespace Tarvik

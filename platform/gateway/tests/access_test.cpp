@@ -13,59 +13,55 @@ using namespace Tarvik;
 
 TEST(MayCall, GivesEachRoleWhatItsTaskNeeds)
 {
-  struct Case
+  const struct
   {
-    const char* service;
-    const char* method;
     Role least; ///< the first role that may
+    const char* service;
+    std::vector<const char*> methods;
+  } cases[] = {
+      {Role::Observer, "ZBBehaviorManager", {"getRunningBehaviors", "isBehaviorRunning", "hasBehavior", "resolveBehaviorName"}},
+      {Role::Observer, "PackageManager", {"packages", "package", "hasPackage"}},
+      {Role::Observer, "ZBFrameManager", {"behaviors"}},
+      {Role::Observer, "ZBMemory", {"getData"}},
+      {Role::Operator, "ZBBehaviorManager", {"runBehavior", "stopAllBehaviors"}},
+      {Role::Operator, "Any", {"issue", "get", "packagesOfOthers"}},
+      {Role::Operator, "ZBPreferences", {"readPrefFile"}},
+      {Role::Admin, "ZBPreferences", {"writePrefFile", "removePrefFile"}},
+      {Role::Admin, "PackageManager", {"install", "remove", "check"}},
+      {Role::Admin, "ZBMemory", {"raiseEvent", "raiseMicroEvent", "insertData", "subscribeToEvent"}},
+      {Role::Admin, "ZBFrameManager", {"createBehavior", "deleteBehavior", "_waitForStopped"}},
+      {Role::Admin, "Tokens", {"add", "list", "remove", "getAnything"}},
+      {Role::Admin, "Any", {"_internal"}},
   };
-  const Case cases[] = {
-      {"ZBBehaviorManager", "getRunningBehaviors", Role::Observer},
-      {"ZBBehaviorManager", "isBehaviorRunning", Role::Observer},
-      {"ZBBehaviorManager", "hasBehavior", Role::Observer},
-      {"ZBBehaviorManager", "resolveBehaviorName", Role::Observer},
-      {"PackageManager", "packages", Role::Observer},
-      {"PackageManager", "package", Role::Observer},
-      {"PackageManager", "hasPackage", Role::Observer},
-      {"ZBFrameManager", "behaviors", Role::Observer},
-      {"ZBMemory", "getData", Role::Observer},
-      {"ZBBehaviorManager", "runBehavior", Role::Operator},
-      {"ZBBehaviorManager", "stopAllBehaviors", Role::Operator},
-      {"Any", "issue", Role::Operator},
-      {"Any", "get", Role::Operator},
-      {"Any", "packagesOfOthers", Role::Operator},
-      {"ZBPreferences", "readPrefFile", Role::Operator},
-      {"ZBPreferences", "writePrefFile", Role::Admin},
-      {"ZBPreferences", "removePrefFile", Role::Admin},
-      {"PackageManager", "install", Role::Admin},
-      {"PackageManager", "remove", Role::Admin},
-      {"ZBMemory", "raiseEvent", Role::Admin},
-      {"ZBMemory", "raiseMicroEvent", Role::Admin},
-      {"ZBMemory", "insertData", Role::Admin},
-      {"ZBMemory", "subscribeToEvent", Role::Admin},
-      {"ZBFrameManager", "createBehavior", Role::Admin},
-      {"ZBFrameManager", "deleteBehavior", Role::Admin},
-      {"ZBFrameManager", "_waitForStopped", Role::Admin},
-      {"Any", "_internal", Role::Admin},
-  };
-  for (const auto& [service, method, least] : cases)
-    for (const auto role : {Role::Observer, Role::Operator, Role::Admin})
-    {
-      SCOPED_TRACE(std::string(roleName(role)) + " " + service + "." + method);
-      EXPECT_EQ(mayCall(role, service, method), role >= least);
-    }
+  for (const auto& [least, service, methods] : cases)
+    for (const auto* const method : methods)
+      for (const auto role : {Role::Observer, Role::Operator, Role::Admin})
+        EXPECT_EQ(mayCall(role, service, method), role >= least) << roleName(role) << " " << service << "." << method;
 }
 
-TEST(Access, TellsWhoStandsBehindAToken)
+TEST(Access, TellsWhoStandsBehindATokenUntilItIsRemoved)
 {
   Access access;
-  access.add("one-secret", {"local", Role::Admin});
-  access.add("two-secret", {"screen", Role::Observer});
-  EXPECT_EQ(access.identify("one-secret")->name, "local");
+  const auto one = access.add("one-secret", {"alice", Role::Admin});
+  const auto two = access.add(digestOf("two-secret"), {"screen", Role::Observer});
+  EXPECT_EQ(access.identify("one-secret")->name, "alice");
   EXPECT_EQ(access.identify("two-secret")->role, Role::Observer);
+  EXPECT_EQ(access.identify("two-secret")->number, two);
   for (const auto* const wrong : {"", "one-secre", "one-secret ", "one-secrets", "One-secret"})
     EXPECT_FALSE(access.identify(wrong)) << wrong;
   EXPECT_THROW(access.add("", {"nobody", Role::Admin}), std::invalid_argument);
+  std::vector<std::uint64_t> removed;
+  access.removed.connect(
+      [&](std::uint64_t number)
+      {
+        EXPECT_FALSE(access.identify("one-secret")) << "not any more when others are told";
+        removed.push_back(number);
+      });
+  access.remove(one);
+  access.remove(one);
+  EXPECT_EQ(removed, std::vector{one});
+  EXPECT_TRUE(access.identify("two-secret"));
+  EXPECT_NE(access.add("one-secret", {"alice", Role::Admin}), one) << "an old connection is not the new token's";
 }
 
 namespace

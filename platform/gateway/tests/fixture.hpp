@@ -19,6 +19,7 @@
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
 
 #include <gateway/gateway.hpp>
 #include <vu/caller.hpp>
@@ -34,6 +35,7 @@ namespace GatewayTest
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
+namespace websocket = beast::websocket;
 
 constexpr std::chrono::seconds patience{20};
 
@@ -55,8 +57,8 @@ public:
     bind("caller", "tells its caller", {}, &Bench::caller);
     bind("emit", "emits the signal", {"number"}, &Bench::emit);
     bind("raise", "emits eventRaised", {"key", "value"}, &Bench::raise);
-    bind("preloadBehavior", "is called by pages as loadBehavior", {"name"}, &Bench::preload);
-    bind("stopBehavior", "is called by pages as unloadBehavior", {"name"}, &Bench::stopBehavior);
+    bind("preloadBehavior", "is called by pages as loadBehavior", {"name"}, &Bench::echo);
+    bind("stopBehavior", "is called by pages as unloadBehavior", {"name"}, &Bench::echo);
     advertiseSignal("happened", happened);
     advertiseSignal("eventRaised", eventRaised);
   }
@@ -91,8 +93,6 @@ public:
   std::string caller() { return vu::currentCaller(); }
   void emit(const int& number) { happened(number); }
   void raise(const std::string& key, const vu::Value& value) { eventRaised(key, value); }
-  std::string preload(const std::string& name) { return "preloaded " + name; }
-  std::string stopBehavior(const std::string& name) { return "stopped " + name; }
 
   bool waitForLater(const std::string& key)
   {
@@ -155,9 +155,9 @@ protected:
   {
     options.port = 0;
     options.limits.close = std::chrono::milliseconds(1000);
-    options.access.add(token, {"local", Tarvik::Role::Admin});
-    options.access.add("operator-token", {"tablet", Tarvik::Role::Operator});
-    options.access.add("observer-token", {"screen", Tarvik::Role::Observer});
+    options.access->add(token, {"local", Tarvik::Role::Admin});
+    options.access->add("operator-token", {"tablet", Tarvik::Role::Operator});
+    options.access->add("observer-token", {"screen", Tarvik::Role::Observer});
   }
 
   void begin()
@@ -187,6 +187,16 @@ protected:
     return socket;
   }
 
+  /// A WebSocket as it is, for what a well-behaved client does not do.
+  std::unique_ptr<websocket::stream<asio::ip::tcp::socket>> open()
+  {
+    auto stream = std::make_unique<websocket::stream<asio::ip::tcp::socket>>(connect());
+    stream->set_option(websocket::stream_base::decorator([](websocket::request_type& header)
+                                                         { header.set(http::field::authorization, std::string("Bearer ") + token); }));
+    stream->handshake("127.0.0.1:" + port, "/rpc");
+    return stream;
+  }
+
   Answer receive(asio::ip::tcp::socket& socket)
   {
     beast::flat_buffer buffer;
@@ -201,6 +211,15 @@ protected:
     auto socket = connect();
     asio::write(socket, asio::buffer(text));
     return receive(socket);
+  }
+
+  /// Asks again and again, with a request in between, which is never to wait.
+  template <typename Condition> bool waitUntil(Condition condition)
+  {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (!condition() && std::chrono::steady_clock::now() < end)
+      EXPECT_EQ(get("/healthz").status, 200U);
+    return condition();
   }
 
   using Fields = std::vector<std::pair<std::string, std::string>>;

@@ -1,7 +1,4 @@
-#include <atomic>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -24,16 +21,6 @@ TEST(Outbox, WakesItsWriterOnceForAllThatComesBeforeItTakes)
   EXPECT_EQ(outbox.take(), std::nullopt);
   outbox.push("d");
   EXPECT_EQ(woken, 2);
-}
-
-TEST(Outbox, KeepsAReservedPlaceBeforeWhatComesLater)
-{
-  Outbox outbox(10, 1000, [] {});
-  const auto slot = outbox.reserve();
-  outbox.push("later");
-  outbox.fill(slot, "answer");
-  EXPECT_EQ(outbox.take(), "answer");
-  EXPECT_EQ(outbox.take(), "later");
 }
 
 TEST(Outbox, OverflowsByNumberAndByBytesAndThenHoldsNothing)

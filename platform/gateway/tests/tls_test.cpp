@@ -88,7 +88,7 @@ TEST_F(Tls, SessionThatTrustsTheAuthorityWorksAsWithout)
   EXPECT_THROW(object.call<int>("add", 2, 3), vu::ServiceError);
 }
 
-TEST_F(Tls, SessionThatDoesNotTrustTheCertificateRefusesTheHost)
+TEST_F(Tls, ClientThatDoesNotTrustTheCertificateOrSpeaksNoTlsGetsNothing)
 {
   try
   {
@@ -100,15 +100,5 @@ TEST_F(Tls, SessionThatDoesNotTrustTheCertificateRefusesTheHost)
     EXPECT_EQ(error.kind(), vu::ServiceError::Kind::ConnectionLost);
     EXPECT_NE(error.description().find("certificate"), std::string::npos) << error.what();
   }
-}
-
-TEST_F(Tls, ClientWithoutTlsGetsNothing)
-{
-  auto socket = connect();
-  asio::write(socket, asio::buffer(request("GET /healthz")));
-  beast::flat_buffer buffer;
-  http::response<http::string_body> response;
-  beast::error_code error;
-  http::read(socket, buffer, response, error);
-  EXPECT_TRUE(error);
+  EXPECT_THROW(get("/healthz"), boost::system::system_error);
 }

@@ -1,20 +1,15 @@
-#include <atomic>
-
-#include <boost/beast/websocket.hpp>
-
 #include "fixture.hpp"
 
 #include <vu/log.hpp>
 
 using namespace GatewayTest;
-namespace websocket = beast::websocket;
 using Kind = vu::ServiceError::Kind;
 using vu::RemoteSession;
 
 namespace
 {
 
-template <typename F> Kind kindOf(F function)
+template <typename F> vu::ServiceError errorOf(F function)
 {
   try
   {
@@ -22,11 +17,13 @@ template <typename F> Kind kindOf(F function)
   }
   catch (const vu::ServiceError& error)
   {
-    return error.kind();
+    return error;
   }
   ADD_FAILURE() << "no error";
-  return Kind::Service;
+  return {"", "", ""};
 }
+
+template <typename F> Kind kindOf(F function) { return errorOf(function).kind(); }
 
 /// Keeps what comes and waits for a number of it.
 template <typename T> class Collector
@@ -56,16 +53,6 @@ private:
 class WebSocket : public GatewayFixture
 {
 protected:
-  /// A WebSocket as it is, for what a well-behaved client does not do.
-  std::unique_ptr<websocket::stream<asio::ip::tcp::socket>> open()
-  {
-    auto stream = std::make_unique<websocket::stream<asio::ip::tcp::socket>>(connect());
-    stream->set_option(websocket::stream_base::decorator([](websocket::request_type& request)
-                                                         { request.set(http::field::authorization, std::string("Bearer ") + token); }));
-    stream->handshake("127.0.0.1:" + port, "/rpc");
-    return stream;
-  }
-
   template <typename Stream> static vu::Value ask(Stream& stream, const std::string& text)
   {
     stream.write(asio::buffer(text));
@@ -101,27 +88,10 @@ TEST_F(WebSocket, ErrorsArriveWhole)
   begin();
   RemoteSession session(remote());
   const auto object = session.service("Bench").value();
-  try
-  {
-    object.call<void>("fail", std::string("broken"));
-    ADD_FAILURE() << "no error";
-  }
-  catch (const vu::ServiceError& error)
-  {
-    EXPECT_EQ(error.kind(), Kind::Service);
-    EXPECT_EQ(error.module(), "Bench");
-    EXPECT_EQ(error.method(), "fail");
-    EXPECT_EQ(error.description(), "broken");
-  }
-  try
-  {
-    object.call<int>("failedFuture");
-    ADD_FAILURE() << "no error";
-  }
-  catch (const vu::ServiceError& error)
-  {
-    EXPECT_EQ(error.module() + "." + error.method() + ": " + error.description(), "Bench.failedFuture: plain text");
-  }
+  const auto whole = [](const vu::ServiceError& error) { return error.module() + "." + error.method() + ": " + error.description(); };
+  EXPECT_EQ(whole(errorOf([&] { object.call<void>("fail", std::string("broken")); })), "Bench.fail: broken");
+  EXPECT_EQ(whole(errorOf([&] { object.call<int>("failedFuture"); })), "Bench.failedFuture: plain text");
+  EXPECT_EQ(kindOf([&] { object.call<void>("fail", std::string("broken")); }), Kind::Service);
   EXPECT_EQ(kindOf([&] { object.call<int>("subtract"); }), Kind::UnknownMethod);
   EXPECT_EQ(kindOf([&] { object.call<int>("add", 1); }), Kind::InvalidArguments);
   EXPECT_EQ(kindOf([&] { object.call<void>("fail", std::string("\xff")); }), Kind::InvalidArguments) << "no UTF-8 cannot be sent";
@@ -132,14 +102,20 @@ TEST_F(WebSocket, ErrorsArriveWhole)
   EXPECT_EQ(kindOf([&] { screen.service("Bench").value().call<int>("add", 1, 2); }), Kind::NotAllowed);
 }
 
-TEST_F(WebSocket, ServiceThatComesLaterIsWaitedFor)
+TEST_F(WebSocket, ServicesThatComeLaterAreWaitedForAndThoseThatGoHarmNobody)
 {
   begin();
   RemoteSession session(remote());
   const auto late = session.service("Late", {}, 10000);
   EXPECT_EQ(kindOf([&] { session.service("Late", {}, 150).value(); }), Kind::UnknownService);
   broker->createModule<Bench>("Late");
-  EXPECT_EQ(late.value().call<int>("add", 1, 2), 3);
+  const auto guest = late.value();
+  const auto link = guest.connect<int>("happened", [](int) {}).value();
+  EXPECT_EQ(guest.call<int>("add", 1, 2), 3);
+  broker->removeModule("Late");
+  EXPECT_EQ(kindOf([&] { guest.call<int>("add", 1, 2); }), Kind::UnknownService);
+  guest.disconnect(link);
+  EXPECT_EQ(session.service("Bench").value().call<int>("add", 1, 2), 3);
 }
 
 TEST_F(WebSocket, SignalsAndEventsArriveUntilTheyAreDisconnected)
@@ -186,7 +162,7 @@ TEST_F(WebSocket, NotificationsComeInTheOrderOfEmissionWhateverTheirKind)
   constexpr int each = 250;
   std::mutex turn;
   int number = 0;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int t = 0; t < emitters; ++t)
     threads.emplace_back(
         [&, t]
@@ -198,8 +174,6 @@ TEST_F(WebSocket, NotificationsComeInTheOrderOfEmissionWhateverTheirKind)
             ++number;
           }
         });
-  for (auto& thread : threads)
-    thread.join();
   const auto values = seen.waitFor(emitters * each);
   for (int i = 0; i < emitters * each; ++i)
     ASSERT_EQ(values[static_cast<std::size_t>(i)], i);
@@ -211,16 +185,15 @@ TEST_F(WebSocket, AnswerNeverOvertakesWhatWasEmittedBefore)
   options.limits.queuedBytes = std::size_t(1) << 30;
   begin();
   auto stream = open();
-  std::atomic<bool> stop = false;
-  std::thread emitter(
-      [&]
+  std::jthread emitter(
+      [this](const std::stop_token& stop)
       {
-        while (!stop)
+        while (!stop.stop_requested())
           bench->emit(-1);
       });
   // The link is known before its first notification, however fast that comes.
   const auto link = ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
-  stop = true;
+  emitter.request_stop();
   emitter.join();
   ASSERT_TRUE(link.contains("result")) << link;
   for (int i = 0; i < 50; ++i)
@@ -231,19 +204,6 @@ TEST_F(WebSocket, AnswerNeverOvertakesWhatWasEmittedBefore)
     ASSERT_EQ(message["params"]["arguments"][0], i);
     ASSERT_EQ(read(*stream)["id"], 2);
   }
-}
-
-TEST_F(WebSocket, ServiceThatIsWithdrawnHarmsNoSubscriber)
-{
-  begin();
-  broker->createModule<Bench>("Guest");
-  RemoteSession session(remote());
-  const auto guest = session.service("Guest").value();
-  const auto link = guest.connect<int>("happened", [](int) {}).value();
-  broker->removeModule("Guest");
-  EXPECT_EQ(kindOf([&] { guest.call<int>("add", 1, 2); }), Kind::UnknownService);
-  guest.disconnect(link);
-  EXPECT_EQ(session.service("Bench").value().call<int>("add", 1, 2), 3);
 }
 
 TEST_F(WebSocket, ClientThatDoesNotKeepUpIsDisconnectedWithTheReasonAndNobodyElse)
@@ -264,6 +224,7 @@ TEST_F(WebSocket, ClientThatDoesNotKeepUpIsDisconnectedWithTheReasonAndNobodyEls
   EXPECT_EQ(memory->eventRaised.connectionCount(), 1u);
   memory->raise("last", "good");
   EXPECT_EQ(seen.waitFor(1).front(), "good");
+  EXPECT_NE(get("/metrics").body.find("\ntarvik_gateway_queue_drops_total 1\n"), std::string::npos);
   beast::error_code error;
   beast::flat_buffer buffer;
   while (!error)
@@ -288,10 +249,7 @@ TEST_F(WebSocket, ConnectionThatDropsWithCallsOpenLeavesNothingBehind)
     ASSERT_TRUE(bench->waitForBlocked(1));
     stream->next_layer().close();
   }
-  const auto end = std::chrono::steady_clock::now() + patience;
-  while (bench->happened.connectionCount() != 0 && std::chrono::steady_clock::now() < end)
-    get("/healthz");
-  EXPECT_EQ(bench->happened.connectionCount(), 0u);
+  EXPECT_TRUE(waitUntil([this] { return bench->happened.connectionCount() == 0; }));
   bench->finishLater("k", 1);
   bench->unblock();
   EXPECT_EQ(get("/Bench/?eval=Bench.add(1,2)").body, "3");
@@ -316,19 +274,40 @@ TEST_F(WebSocket, StoppedGatewayFailsEveryOpenCallAndTellsTheReason)
   bench->finishLater("k", 1);
 }
 
-TEST_F(WebSocket, ObjectOutlivesItsSession)
+TEST_F(WebSocket, RemovedTokenEndsItsConnectionsWithTheReasonAndNoOthers)
 {
   begin();
-  vu::Object object;
-  vu::Future<int> open;
+  const auto number = options.access->add("short-lived", {"guest", Tarvik::Role::Admin});
+  Collector<std::string> reasons;
+  RemoteSession session(remote("short-lived"));
+  session.setClosedCallback([&](const std::string& reason) { reasons.add(reason); });
+  const auto object = session.service("Bench").value();
+  object.connect<int>("happened", [](int) {}).value();
+  const auto open = object.async<int>("later", std::string("k"));
+  const auto call = [this](const char* key)
   {
-    RemoteSession session(remote());
-    object = session.service("Bench").value();
-    open = object.async<int>("later", std::string("k"));
-    ASSERT_TRUE(bench->waitForLater("k"));
-  }
+    return request("POST /rpc", {}, R"({"jsonrpc":"2.0","id":1,"method":"Bench.later","params":[")" + std::string(key) + "\"]}",
+                   "short-lived");
+  };
+  auto waiting = connect();
+  asio::write(waiting, asio::buffer(call("over-http")));
+  auto idle = connect();
+  asio::write(idle, asio::buffer(request("GET /Bench/", {}, {}, "short-lived")));
+  EXPECT_EQ(receive(idle).status, 200u);
+  RemoteSession other(remote());
+  ASSERT_TRUE(bench->waitForLater("k"));
+  ASSERT_TRUE(bench->waitForLater("over-http"));
+
+  options.access->remove(number);
+  EXPECT_EQ(reasons.waitFor(1), (std::vector<std::string>{"the token was removed"}));
   EXPECT_EQ(kindOf([&] { open.value(); }), Kind::ConnectionLost);
-  EXPECT_EQ(kindOf([&] { object.call<int>("add", 1, 2); }), Kind::ConnectionLost);
+  EXPECT_EQ(receive(waiting).status, 401u);
+  EXPECT_THROW(receive(idle), boost::system::system_error);
+  EXPECT_EQ(raw(call("again")).status, 401u);
+  EXPECT_TRUE(waitUntil([this] { return bench->happened.connectionCount() == 0; }));
+  bench->finishLater("k", 1); // what was under way ends for nobody
+  bench->finishLater("over-http", 1);
+  EXPECT_EQ(other.service("Bench").value().call<int>("add", 2, 3), 5);
 }
 
 TEST_F(WebSocket, BadMessagesAreAnsweredAndTooLargeOnesEndTheConnection)
@@ -360,37 +339,29 @@ TEST_F(WebSocket, HandshakeIsRefusedToStrangers)
 {
   begin();
   EXPECT_EQ(kindOf([&] { RemoteSession session(remote("wrong")); }), Kind::NotAllowed);
-  const Fields upgrade{{"Connection", "Upgrade"},
-                       {"Upgrade", "websocket"},
-                       {"Sec-WebSocket-Version", "13"},
-                       {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="}};
-  const auto with = [&upgrade](const std::string& name, const std::string& value)
-  {
-    auto fields = upgrade;
-    fields.emplace_back(name, value);
-    return fields;
-  };
-  EXPECT_EQ(get("/rpc", upgrade).status, 101u);
-  EXPECT_EQ(get("/rpc", upgrade, "").status, 401u);
-  EXPECT_EQ(get("/rpc", with("Host", "evil.example:" + port)).status, 403u);
-  EXPECT_EQ(get("/rpc", with("Origin", "http://evil.example")).status, 403u);
+  const std::pair<std::pair<std::string, std::string>, unsigned> cases[] = {{{"X-None", "x"}, 101u},
+                                                                            {{"Host", "evil.example:" + port}, 403u},
+                                                                            {{"Origin", "http://evil.example"}, 403u},
+                                                                            {{"Sec-Fetch-Site", "same-site"}, 403u}};
+  for (const auto& [field, status] : cases)
+    EXPECT_EQ(get("/rpc", {{"Connection", "Upgrade"},
+                           {"Upgrade", "websocket"},
+                           {"Sec-WebSocket-Version", "13"},
+                           {"Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ=="},
+                           field})
+                  .status,
+              status)
+        << field.first;
 }
 
 TEST(RemoteSessionConnect, NamesTheAddressOfAHostThatIsNotThere)
 {
-  try
-  {
-    asio::io_context io;
-    const asio::ip::tcp::acceptor taken(io, {asio::ip::make_address("127.0.0.1"), 0}, false);
-    const auto port = std::to_string(taken.local_endpoint().port());
-    RemoteSession silent({"http://127.0.0.1:" + port, "t", std::chrono::milliseconds(100), {}});
-    ADD_FAILURE() << "connected to a host that does not answer";
-  }
-  catch (const vu::ServiceError& error)
-  {
-    EXPECT_EQ(error.kind(), Kind::ConnectionLost);
-    EXPECT_NE(error.description().find("http://127.0.0.1:"), std::string::npos) << error.what();
-  }
+  asio::io_context io;
+  const asio::ip::tcp::acceptor taken(io, {asio::ip::make_address("127.0.0.1"), 0}, false);
+  const auto silent = "http://127.0.0.1:" + std::to_string(taken.local_endpoint().port());
+  const auto error = errorOf([&] { RemoteSession session({silent, "t", std::chrono::milliseconds(100), {}}); });
+  EXPECT_EQ(error.kind(), Kind::ConnectionLost);
+  EXPECT_NE(error.description().find(silent), std::string::npos) << error.what();
   for (const auto* const url : {"", "ftp://x", "127.0.0.1:7110", "http://", "http://:80", "http://a:b", "http://a:1/path"})
     EXPECT_EQ(kindOf([&] { RemoteSession session({url, "t", std::chrono::milliseconds(100), {}}); }), Kind::InvalidArguments) << url;
 }

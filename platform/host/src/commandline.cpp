@@ -7,6 +7,8 @@
 
 #include <vu/conversion.hpp>
 
+#include "limits.hpp"
+
 namespace Tarvik
 {
 
@@ -30,7 +32,7 @@ struct Settings
 [[noreturn]] void refuse(const std::string& text) { throw CLI::ValidationError("--config", text); }
 
 /// Sets what the command line has left open.
-void readConfiguration(const std::string& file, Settings& settings)
+void readConfiguration(const std::string& file, Settings& settings, Host::Options& host)
 {
   std::ifstream stream(file);
   if (!stream)
@@ -68,10 +70,14 @@ void readConfiguration(const std::string& file, Settings& settings)
       }
       else if (key == "insecure")
         settings.insecure = settings.insecure || vu::fromValue<bool>(value);
+      else if (key == "limits") // in a file only
+        readLimits(value, host);
+      else if (key == "framemanager") // likewise
+        host.frameManager = value;
       else
         refuse(file + ": there is no setting '" + key + "'");
     }
-    catch (const vu::ConversionError& error)
+    catch (const std::invalid_argument& error)
     {
       refuse(file + ": " + key + ": " + error.what());
     }
@@ -98,9 +104,10 @@ std::optional<CommandLine> parseCommandLine(int argc, const char* const* argv, s
   try
   {
     app.parse(argc, argv);
-    if (!configuration.empty())
-      readConfiguration(configuration, settings);
     CommandLine result;
+    auto& host = result.host;
+    if (!configuration.empty())
+      readConfiguration(configuration, settings, host);
     if (!settings.logLevel.empty())
       try
       {
@@ -110,7 +117,6 @@ std::optional<CommandLine> parseCommandLine(int argc, const char* const* argv, s
       {
         throw CLI::ValidationError("--log-level", error.what());
       }
-    auto& host = result.host;
     host.root = settings.root;
     if (!settings.listen.empty())
       host.listen = settings.listen;

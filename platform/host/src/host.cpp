@@ -5,9 +5,13 @@
 #include <tuple>
 
 #include <host/root.hpp>
+#include <vu/objectbuilder.hpp>
 #include <zb/zbmemoryproxy.hpp>
+#include <zb/zbproxy.hpp>
 
+#include "behaviormetrics.hpp"
 #include "rundirectory.hpp"
+#include "tokens.hpp"
 
 namespace Tarvik
 {
@@ -18,7 +22,7 @@ namespace
 {
 
 /// Each may use those before it.
-constexpr const char* platformModules[] = {"memory", "preferences", "packagemanager", "framemanager", "behaviormanager"};
+constexpr const char* platformModules[] = {"memory", "preferences", "packagemanager", "framemanager", "runhistory", "behaviormanager"};
 
 std::pair<std::string, std::uint16_t> parseListen(const std::string& text)
 {
@@ -50,6 +54,38 @@ fs::path findModules()
   throw std::runtime_error("the platform's modules are not beside " + here.string() + ": give --module-directory");
 }
 
+/// Installs a package that a client has sent. The package manager does not
+/// tell a bad package from a disk that fails: its check does.
+vu::Value installUpload(ZB::ZBBroker& broker, const fs::path& file, const std::string& sender)
+{
+  const ZB::ZBProxy packages(broker.shared_from_this(), "PackageManager");
+  const auto named = [&file](const ZB::ZBError& error, vu::ServiceError::Kind kind)
+  {
+    auto text = error.description();
+    if (const auto path = "\"" + file.string() + "\""; text.starts_with(path))
+      text.replace(0, path.size(), "the package");
+    return vu::ServiceError(error.module(), error.method(), text, kind);
+  };
+  try
+  {
+    return {{"uuid", packages.call<std::string>("install", file.string(), sender)}};
+  }
+  catch (const ZB::ZBError& failure)
+  {
+    if (failure.kind() != vu::ServiceError::Kind::Service)
+      throw;
+    try
+    {
+      packages.call<vu::Value>("check", file.string());
+    }
+    catch (const ZB::ZBError& fault)
+    {
+      throw named(fault, vu::ServiceError::Kind::InvalidArguments);
+    }
+    throw named(failure, failure.kind());
+  }
+}
+
 } // namespace
 
 /// In the order in which it comes into being; it goes the other way round.
@@ -59,6 +95,15 @@ struct Host::Running
 
   ~Running()
   {
+    if (gateway)
+      gateway->beginStopping();
+    // Behaviors have the same time to end as clients have to leave, and all
+    // the same: modules stop theirs one after another when they go.
+    if (const auto frames = broker ? broker->session()->find("ZBFrameManager") : nullptr)
+    {
+      const vu::CallerScope caller("host");
+      frames->call("_beginClosing", vu::Value::array());
+    }
     if (gateway)
       gateway->stop();
     if (broker)
@@ -87,7 +132,11 @@ void Host::start()
   gateway.tlsKey = _options.tlsKey;
   gateway.insecure = _options.insecure;
   gateway.limits = _options.limits;
-  gateway.access.add(running->directory.makeToken(), {"local", Role::Admin});
+  const auto access = gateway.access;
+  access->add(running->directory.makeToken(), {"local", Role::Admin});
+  gateway.upload = installUpload;
+  gateway.collectors = {writeBehaviorMetrics};
+  gateway.uploadDirectory = running->directory.layout().run;
   running->gateway = std::make_unique<Gateway>(std::move(gateway));
   // The address is known before the modules are loaded, which may start
   // programs that need it; clients wait until they are.
@@ -100,11 +149,15 @@ void Host::start()
   broker.configuration = {{"root", _options.root.string()},
                           {"systemPackages", systemPackages},
                           {"url", running->url},
-                          {"tokenFile", running->directory.layout().token.string()}};
+                          {"tokenFile", running->directory.layout().token.string()},
+                          {"packageLimits", {{"bytes", _options.packageBytes}, {"entries", _options.packageEntries}}},
+                          {"history", {{"runs", _options.runs}}},
+                          {"framemanager", _options.frameManager}};
   running->broker = ZB::ZBBroker::create(std::move(broker));
   _running = std::move(running);
   try
   {
+    _running->broker->createModule<Tokens>("Tokens", _running->directory.layout().tokens, access);
     loadModules();
     _running->gateway->start(_running->broker);
     _running->directory.announce(_running->url);

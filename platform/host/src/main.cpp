@@ -1,11 +1,13 @@
 #include <csignal>
 #include <iostream>
+#include <optional>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <systemd/sd-daemon.h>
 
 #include <host/commandline.hpp>
+#include <host/watchdog.hpp>
 
 int main(int argc, char** argv)
 {
@@ -20,13 +22,17 @@ int main(int argc, char** argv)
     // that behaviors start. One that comes early waits in the set.
     boost::asio::io_context io;
     boost::asio::signal_set signals(io, SIGTERM, SIGINT);
-    signals.async_wait([](auto, int) {});
+    signals.async_wait([&io](auto, int) { io.stop(); });
     Tarvik::Host host(commandLine->host);
     host.start();
     std::cout << "tarvikd ready: " << host.url() << "/" << std::endl;
     sd_notify(0, "READY=1");
+    std::optional<Tarvik::Watchdog> watchdog;
+    if (std::uint64_t limit = 0; sd_watchdog_enabled(0, &limit) > 0)
+      watchdog.emplace(io, host.broker()->pool(), std::chrono::microseconds(limit), [] { sd_notify(0, "WATCHDOG=1"); });
     io.run();
     signals.clear(); // a second one ends the process at once
+    watchdog.reset();
     sd_notify(0, "STOPPING=1");
     host.stop();
     return 0;

@@ -1,6 +1,5 @@
 #include "rundirectory.hpp"
 
-#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -10,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <openssl/rand.h>
+#include <gateway/access.hpp>
 
 namespace Tarvik
 {
@@ -61,15 +60,7 @@ RunDirectory::~RunDirectory()
 
 std::string RunDirectory::makeToken()
 {
-  std::array<unsigned char, 32> bytes{};
-  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
-    throw std::runtime_error("no random numbers for a token");
-  std::string token;
-  for (const auto byte : bytes)
-  {
-    token += "0123456789abcdef"[byte >> 4];
-    token += "0123456789abcdef"[byte & 15];
-  }
+  auto token = Tarvik::makeToken();
   write(_layout.token, token);
   return token;
 }

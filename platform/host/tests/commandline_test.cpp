@@ -94,11 +94,35 @@ TEST(CommandLine, FileFillsInWhatTheCommandLineLeavesOpen)
   EXPECT_EQ(parsed.result->logLevel, vu::log::Level::Error);
 }
 
+TEST(CommandLine, FileSetsLimits)
+{
+  const ConfigurationFile file(R"({"limits": {"connections": 7, "connections-per-peer": 3, "header-bytes": 1000, "message-bytes": 2000,
+    "upload-bytes": 3000, "open-calls": 4, "links": 5, "queued-messages": 6, "queued-bytes": 4000, "header-seconds": 0.5, "body-seconds": 2,
+    "idle-seconds": 3, "send-seconds": 4, "close-seconds": 5, "package-bytes": 8, "package-entries": 9}})");
+  const auto parsed = parse({"--config", file.path.c_str()});
+  ASSERT_TRUE(parsed.result) << parsed.err;
+  const auto& host = parsed.result->host;
+  const auto& limits = host.limits;
+  EXPECT_EQ((std::vector{limits.connections, limits.connectionsPerPeer, limits.headerBytes, limits.messageBytes, limits.uploadBytes,
+                         limits.openCalls, limits.links, limits.queuedMessages, limits.queuedBytes, host.packageBytes, host.packageEntries}),
+            (std::vector<std::size_t>{7, 3, 1000, 2000, 3000, 4, 5, 6, 4000, 8, 9}));
+  const auto seconds = [](double value) { return std::chrono::milliseconds(static_cast<long>(value * 1000)); };
+  EXPECT_EQ((std::vector{limits.header, limits.body, limits.idle, limits.send, limits.close}),
+            (std::vector{seconds(0.5), seconds(2), seconds(3), seconds(4), seconds(5)}));
+}
+
 TEST(CommandLine, RefusesWhatItDoesNotKnowByName)
 {
   const std::pair<const char*, const char*> files[] = {{R"({"lisen": "x"})", "lisen"},
                                                        {R"({"module": "m.so"})", "module"},
                                                        {R"({"insecure": 1})", "insecure"},
+                                                       {R"({"limits": 1})", "limits"},
+                                                       {R"({"limits": {"speed": 1}})", "there is no limit 'speed'"},
+                                                       {R"({"limits": {"links": 0}})", "links"},
+                                                       {R"({"limits": {"links": -1}})", "links"},
+                                                       {R"({"limits": {"links": 1.5}})", "links"},
+                                                       {R"({"limits": {"idle-seconds": 0}})", "idle-seconds"},
+                                                       {R"({"limits": {"idle-seconds": "1"}})", "idle-seconds"},
                                                        {"[]", "no JSON object"},
                                                        {"{", "no JSON"}};
   for (const auto& [text, named] : files)

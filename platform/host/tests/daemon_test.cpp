@@ -1,103 +1,14 @@
 #include "fixture.hpp"
 
 #include <csignal>
-#include <cstdio>
-#include <vector>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <future>
 
 #include <vu/remotesession.hpp>
 
-extern char** environ;
+#include "daemon.hpp"
 
+using HostTest::Daemon;
 using HostTest::RootFixture;
-
-namespace
-{
-
-constexpr int patienceMs = 60000;
-
-/// The daemon as a process of its own, ended with the test.
-class Daemon
-{
-public:
-  explicit Daemon(std::vector<std::string> arguments)
-  {
-    arguments.insert(arguments.begin(), TARVIKD);
-    std::vector<char*> argv;
-    for (auto& argument : arguments)
-      argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    int out[2];
-    int err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
-      throw std::runtime_error("no pipe");
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    ::posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    const int failed = ::posix_spawn(&_pid, TARVIKD, &actions, nullptr, argv.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    ::close(err[1]);
-    _out = out[0];
-    _err = err[0];
-    if (failed)
-      throw std::runtime_error("cannot start " TARVIKD);
-  }
-
-  ~Daemon()
-  {
-    if (_pid > 0)
-    {
-      ::kill(_pid, SIGKILL);
-      ::waitpid(_pid, nullptr, 0);
-    }
-    ::close(_out);
-    ::close(_err);
-  }
-
-  /// One line of the output; what came so far when there is none in time.
-  std::string line() { return readUntil(_out, '\n'); }
-  std::string errors() { return readUntil(_err, '\0'); }
-  /// What is left of the output, after the end.
-  std::string rest() { return readUntil(_out, '\0'); }
-
-  void signal(int number) const { ::kill(_pid, number); }
-
-  /// Drains the log on the way, so that the daemon never waits for the test.
-  int wait()
-  {
-    errorText += errors();
-    int status = 0;
-    ::waitpid(_pid, &status, 0);
-    _pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
-  std::string errorText;
-
-private:
-  static std::string readUntil(int descriptor, char end)
-  {
-    std::string text;
-    pollfd poll{descriptor, POLLIN, 0};
-    char byte = 0;
-    while (::poll(&poll, 1, patienceMs) == 1 && ::read(descriptor, &byte, 1) == 1 && byte != end)
-      text += byte;
-    return text;
-  }
-
-  pid_t _pid = -1;
-  int _out = -1;
-  int _err = -1;
-};
-
-} // namespace
 
 class DaemonProcess : public RootFixture
 {
@@ -107,6 +18,25 @@ protected:
     std::vector<std::string> all{"--root", root.string(), "--listen", "127.0.0.1:0", "--log-level", "warning"};
     all.insert(all.end(), more);
     return all;
+  }
+
+  vu::RemoteSession::Options remote() const { return {read("run/endpoint"), read("run/token"), std::chrono::milliseconds(10000), {}}; }
+
+  /// Starts a behavior without end; true when the history knows of it.
+  bool play() const
+  {
+    std::ofstream(root / "behavior.xar") << R"(<project format="1" name="long"><wait seconds="1000"/></project>)";
+    vu::RemoteSession session(remote());
+    std::promise<void> known;
+    session.service("RunHistory").value().connect<vu::Value>("runBegan", [&known](const vu::Value&) { known.set_value(); }).value();
+    const auto frames = session.service("ZBFrameManager").value();
+    frames.call<void>("playBehavior",
+                      frames.call<std::string>("createBehavior", root.string(), std::string("behavior.xar"), std::string("long")));
+    return known.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  }
+  std::string reasonOfLastRun() const
+  {
+    return vu::RemoteSession(remote()).service("RunHistory").value().call<std::vector<vu::Value>>("getRuns", 1).at(0)["reason"];
   }
 };
 
@@ -119,8 +49,8 @@ TEST_F(DaemonProcess, SaysWhenItIsReadyAndEndsInOrderOnASignal)
     const auto line = daemon.line();
     EXPECT_EQ(line, "tarvikd ready: " + read("run/endpoint") + "/");
     {
-      vu::RemoteSession session({read("run/endpoint"), read("run/token"), std::chrono::milliseconds(10000), {}});
-      EXPECT_EQ(session.services().size(), 5u);
+      vu::RemoteSession session(remote());
+      EXPECT_FALSE(session.services().empty());
     }
     daemon.signal(number);
     EXPECT_EQ(daemon.wait(), 0) << daemon.errorText;
@@ -130,18 +60,25 @@ TEST_F(DaemonProcess, SaysWhenItIsReadyAndEndsInOrderOnASignal)
   }
 }
 
-TEST_F(DaemonProcess, RootOfAKilledHostIsTakenOver)
+TEST_F(DaemonProcess, RootOfAKilledHostIsTakenOverAndTheHistoryTellsHowEachHostEnded)
 {
+  for (const auto& [number, reason] : {std::pair(SIGKILL, "the host ended without a word"), {SIGTERM, "host shut down"}})
   {
-    Daemon killed(arguments());
-    killed.line();
-    killed.signal(SIGKILL);
-    killed.wait();
+    {
+      Daemon ended(arguments());
+      ended.line();
+      EXPECT_TRUE(play());
+      ended.signal(number);
+      ended.wait();
+    }
+    EXPECT_EQ(exists("run/endpoint"), number == SIGKILL);
+    Daemon daemon(arguments());
+    const auto line = daemon.line();
+    EXPECT_EQ(line, "tarvikd ready: " + read("run/endpoint") + "/");
+    EXPECT_EQ(reasonOfLastRun(), reason);
+    daemon.signal(SIGTERM);
+    daemon.wait();
   }
-  EXPECT_TRUE(exists("run/endpoint"));
-  Daemon daemon(arguments());
-  const auto line = daemon.line();
-  EXPECT_EQ(line, "tarvikd ready: " + read("run/endpoint") + "/");
 }
 
 TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)

@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include <behaviormetrics.hpp>
 #include <host/host.hpp>
 #include <vu/remotesession.hpp>
 
@@ -50,8 +51,8 @@ TEST_F(HostInProcess, TellsItsClientsWhereItIsAndTakesItBackAtTheEnd)
   const auto token = read("run/token");
   {
     vu::RemoteSession session({host.url(), token, std::chrono::milliseconds(10000), {}});
-    EXPECT_EQ(session.services(),
-              (std::vector<std::string>{"PackageManager", "ZBBehaviorManager", "ZBFrameManager", "ZBMemory", "ZBPreferences"}));
+    EXPECT_EQ(session.services(), (std::vector<std::string>{"PackageManager", "RunHistory", "Tokens", "ZBBehaviorManager", "ZBFrameManager",
+                                                            "ZBMemory", "ZBPreferences"}));
     const auto events = session.service("ZBMemory").value().call<std::vector<std::string>>("getEventList");
     EXPECT_NE(std::find(events.begin(), events.end(), "TarvikReady"), events.end());
   }
@@ -121,4 +122,25 @@ TEST_F(HostInProcess, StopsWithClientsThatWaitForABehavior)
   ASSERT_EQ(stopped.wait_for(std::chrono::seconds(30)), std::future_status::ready);
   EXPECT_TRUE(ended.wait(std::chrono::seconds(10)));
   EXPECT_TRUE(ended.hasError());
+}
+
+TEST_F(HostInProcess, TellsOfItsBehaviorsInFigures)
+{
+  std::ofstream(root / "behavior.xar") << R"(<project format="1" name="t"><fail reason="no arm"/></project>)";
+  Host host(options);
+  host.start();
+  const auto service = [&host](const std::string& name) { return host.broker()->session()->service(name).value(); };
+  std::promise<vu::Value> ended;
+  service("RunHistory").connect<vu::Value>("runEnded", [&ended](const vu::Value& run) { ended.set_value(run); }).value();
+  const auto frames = service("ZBFrameManager");
+  frames.call<void>("playBehavior",
+                    frames.call<std::string>("createBehavior", root.string(), std::string("behavior.xar"), std::string("t")));
+  auto end = ended.get_future();
+  ASSERT_EQ(end.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(end.get()["message"], "no arm");
+  MetricsText text;
+  writeBehaviorMetrics(*host.broker(), text);
+  for (const std::string line : {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1",
+                                 "tarvik_behavior_ends_total{outcome=\"failed\"} 1", "tarvik_behavior_run_duration_seconds_count 1"})
+    EXPECT_NE(text.text().find("\n" + line + "\n"), std::string::npos) << line << " is not in\n" << text.text();
 }

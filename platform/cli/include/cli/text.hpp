@@ -27,6 +27,9 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 /// The texts with ", " between them.
 std::string joined(const std::vector<std::string>& texts);
 
+/// In its two largest units: "0.2 s", "45.0 s", "2 min 5 s", "1 h 2 min", "3 d 4 h".
+std::string formatDuration(std::chrono::milliseconds duration);
+
 /// In one line: line ends and other control characters become spaces.
 std::string singleLine(const std::string& text);
 

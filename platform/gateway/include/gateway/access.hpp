@@ -1,9 +1,15 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <vu/signal.hpp>
 
 namespace Tarvik
 {
@@ -17,10 +23,13 @@ enum class Role
 };
 
 std::string_view roleName(Role role);
+/// None for a text that is no role's name.
+std::optional<Role> roleFromName(std::string_view name);
 
 /// Whether a role may call a method. Of the services whose direct use starts
 /// programs or changes what others rely on (packages, preferences, memory,
-/// frame manager), an operator may use the queries only.
+/// frame manager), an operator may use the queries only; tokens are an
+/// admin's matter altogether.
 bool mayCall(Role role, std::string_view service, std::string_view method);
 
 /// Who stands behind a token.
@@ -28,25 +37,45 @@ struct Identity
 {
   std::string name;
   Role role = Role::Observer;
+  std::uint64_t number = 0; ///< of the token, given by Access
 };
 
-/// The tokens that a gateway knows. Filled before the gateway starts.
+/// SHA-256 of a token, which is all that is kept of it: a token is random, so
+/// that its digest needs no salt.
+using TokenDigest = std::array<unsigned char, 32>;
+
+std::string toHexadecimal(std::span<const unsigned char> bytes);
+
+/// 256 random bits as hexadecimal digits. Throws std::runtime_error.
+std::string makeToken();
+TokenDigest digestOf(std::string_view token);
+
+/// The tokens that a gateway knows. Thread-safe.
 class Access
 {
 public:
-  /// Throws std::invalid_argument for an empty token.
-  void add(std::string token, Identity identity);
+  /// Gives the token's number, never used again. Throws std::invalid_argument
+  /// for an empty token.
+  std::uint64_t add(std::string_view token, Identity identity);
+  std::uint64_t add(const TokenDigest& digest, Identity identity);
 
-  /// Takes the same time wherever the token differs from a known one.
+  /// Nobody is identified by the token any more; then `removed` is emitted,
+  /// on this thread. An unknown number is ignored.
+  void remove(std::uint64_t number);
+  vu::Signal<std::uint64_t> removed;
+
+  /// Takes the same time whichever token is presented.
   std::optional<Identity> identify(std::string_view token) const;
 
 private:
   struct Entry
   {
-    std::string token;
+    TokenDigest digest;
     Identity identity;
   };
+  mutable std::mutex _mutex; // guards the members below
   std::vector<Entry> _entries;
+  std::uint64_t _lastNumber = 0;
 };
 
 } // namespace Tarvik

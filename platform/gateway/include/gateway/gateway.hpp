@@ -3,10 +3,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gateway/access.hpp>
+#include <gateway/metricstext.hpp>
 #include <zb/zbbroker.hpp>
 
 namespace Tarvik
@@ -17,20 +21,24 @@ namespace Tarvik
 struct GatewayLimits
 {
   std::size_t connections = 1024;
+  std::size_t connectionsPerPeer = 512; ///< from one address
   std::size_t headerBytes = 16 << 10;
   std::size_t messageBytes = 4 << 20;      ///< of a request's body or a WebSocket message
+  std::size_t uploadBytes = 256 << 20;     ///< of a file sent to "POST /packages"
   std::size_t openCalls = 1000;            ///< per connection
   std::size_t links = 1000;                ///< signals and subscriptions per WebSocket
   std::size_t queuedMessages = 10000;      ///< that wait to be sent to one WebSocket
   std::size_t queuedBytes = 64 << 20;      ///< the same in bytes
-  std::chrono::milliseconds header{10000}; ///< for a request to come whole
+  std::chrono::milliseconds header{10000}; ///< for a request's header to come whole
+  std::chrono::milliseconds body{30000};   ///< for its body, or the next 128 KiB of a file
   std::chrono::milliseconds idle{60000};   ///< between two requests, and without a sign of life of a WebSocket
   std::chrono::milliseconds send{30000};   ///< for an answer over HTTP to be taken
   std::chrono::milliseconds close{2000};   ///< for a goodbye
 };
 
 /// The door of a broker: JSON-RPC over HTTP and WebSocket, the modules' pages
-/// and "?eval=" (docs/protocol.md).
+/// and "?eval=" (docs/protocol.md). When a token is removed from `access`, the connections
+/// it let in end.
 ///
 /// It has one thread of its own for all sockets, on which nothing blocks;
 /// service calls and pages run on the broker's pool. Use it from one thread.
@@ -41,12 +49,23 @@ public:
   {
     std::string address = "127.0.0.1"; ///< an IP address
     std::uint16_t port = 7110;         ///< 0 takes a free one
-    Access access;
+    std::shared_ptr<Access> access = std::make_shared<Access>();
     std::string tlsCertificate; ///< PEM file with the chain; empty: no TLS
     std::string tlsKey;         ///< PEM file
     /// Allows to listen without TLS where others can listen in.
     bool insecure = false;
     GatewayLimits limits;
+    /// Takes a file that an admin, `sender`, has sent to "POST /packages", and
+    /// gives what the answer tells. On the broker's pool; the file goes
+    /// afterwards. What it throws is the answer, a ServiceError by its kind.
+    /// Empty: no files are taken.
+    std::function<vu::Value(ZB::ZBBroker& broker, const std::filesystem::path& file, const std::string& sender)> upload;
+    /// What "GET /metrics" tells besides the gateway's own figures. On the
+    /// broker's pool; what one throws is logged, and its part left out.
+    std::vector<std::function<void(ZB::ZBBroker& broker, MetricsText& text)>> collectors;
+    /// Where these files are kept, named "upload-...". What is left of an
+    /// earlier run is removed by listen().
+    std::filesystem::path uploadDirectory;
   };
 
   explicit Gateway(Options options);
@@ -63,6 +82,10 @@ public:
 
   /// Begins to answer for `broker`; after listen(), once.
   void start(std::shared_ptr<ZB::ZBBroker> broker);
+
+  /// Begins what stop() does, and returns at once: what completes from then on
+  /// is not told to clients any more.
+  void beginStopping();
 
   /// Takes no more connections, says goodbye to those there are (open calls
   /// over HTTP are answered with 503) and joins the thread, within

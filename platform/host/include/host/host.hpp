@@ -31,6 +31,12 @@ public:
     std::string tlsKey;
     bool insecure = false;
     GatewayLimits limits;
+    /// Settings of the frame manager, which checks them.
+    vu::Value frameManager = vu::Value::object();
+    /// What a package may unpack to, in all and in number of entries.
+    std::size_t packageBytes = std::size_t(1) << 30;
+    std::size_t packageEntries = 100000;
+    std::size_t runs = 10000; ///< that the history keeps
   };
 
   explicit Host(Options options);
@@ -44,7 +50,7 @@ public:
   /// module's constructor throws, and leaves nothing behind then.
   void start();
 
-  /// Sends the clients away, ends the modules in reverse order, and gives the
+  /// Sends the clients away, stops all behaviors, ends the modules in reverse order, and gives the
   /// root free. Waits for calls under way. A second call does nothing.
   void stop();
 

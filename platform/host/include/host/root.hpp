@@ -15,7 +15,7 @@ struct RootLayout
 {
   explicit RootLayout(std::filesystem::path root)
       : packages(root / "packages"), preferences(root / "preferences"), run(root / "run"), endpoint(run / "endpoint"), token(run / "token"),
-        lock(run / "lock")
+        lock(run / "lock"), tokens(root / "tokens")
   {
   }
 
@@ -25,6 +25,7 @@ struct RootLayout
   std::filesystem::path endpoint; ///< its URL in one line
   std::filesystem::path token;    ///< an admin's token in one line, mode 0600
   std::filesystem::path lock;
+  std::filesystem::path tokens; ///< who has a token, and its digest; mode 0600
 };
 
 } // namespace Tarvik

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <functional>
+#include <variant>
+
+#include <boost/beast/http/message.hpp>
+
+#include <zb/zbbroker.hpp>
+
+#include "client.hpp"
+#include "page.hpp"
+
+namespace Tarvik
+{
+
+/// An answer that has to be worked out; it may block and runs on the broker's
+/// pool.
+struct Work
+{
+  std::function<Page(ZB::ZBBroker&, const Client&)> make;
+};
+/// The body is a JSON-RPC message.
+struct RpcMessage
+{
+};
+/// The connection becomes a WebSocket.
+struct WebSocketHandshake
+{
+};
+/// The body is a file for whoever takes uploads.
+struct FileUpload
+{
+};
+/// The gateway's figures, and those of its collectors.
+struct MetricsRequest
+{
+};
+
+/// What is to be done about a request.
+using Route = std::variant<Page, Work, RpcMessage, WebSocketHandshake, FileUpload, MetricsRequest>;
+
+/// What the request of an admitted client leads to, told by its header alone.
+/// On the gateway's thread: what it needs from modules belongs into Work.
+Route findRoute(const boost::beast::http::request_header<>& header, const Client& client, ZB::ZBBroker& broker);
+
+} // namespace Tarvik

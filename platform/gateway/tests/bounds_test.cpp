@@ -1,0 +1,149 @@
+#include "fixture.hpp"
+
+#include <sys/resource.h>
+
+#include <vu/log.hpp>
+
+using namespace GatewayTest;
+using std::chrono::milliseconds;
+
+namespace
+{
+
+class Bounds : public GatewayFixture
+{
+protected:
+  using Socket = asio::ip::tcp::socket;
+
+  /// One that has been served and waits for its next request.
+  Socket idle()
+  {
+    auto socket = connect();
+    EXPECT_EQ(ask(socket, request("GET /healthz")).status, 200U);
+    return socket;
+  }
+  /// One whose call is open.
+  Socket busy(const std::string& key)
+  {
+    auto socket = connect();
+    asio::write(socket,
+                asio::buffer(request("POST /rpc", {}, R"({"jsonrpc":"2.0","id":1,"method":"Bench.later","params":[")" + key + "\"]}")));
+    EXPECT_TRUE(bench->waitForLater(key));
+    return socket;
+  }
+  Answer ask(Socket& socket, const std::string& text)
+  {
+    asio::write(socket, asio::buffer(text));
+    return receive(socket);
+  }
+  static bool hasEnded(Socket& socket)
+  {
+    char byte = 0;
+    beast::error_code error;
+    asio::read(socket, asio::buffer(&byte, 1), error);
+    return error.failed();
+  }
+};
+
+TEST_F(Bounds, RequestThatDoesNotComeInTimeIsToldSoAndSilenceIsEnded)
+{
+  options.limits.header = options.limits.body = milliseconds(50);
+  options.limits.idle = milliseconds(100);
+  options.upload = [](auto&, auto&, auto&) { return nullptr; };
+  options.uploadDirectory = testing::TempDir();
+  begin();
+  const auto whole = request("GET /healthz");
+  EXPECT_EQ(raw("GET / HT").status, 408U);
+  EXPECT_EQ(raw(request("POST /rpc", {{"Content-Length", "10"}}) + "half").status, 408U);
+  EXPECT_EQ(raw(request("POST /packages", {{"Content-Length", "10"}}) + "half").status, 408U);
+  auto served = idle();
+  EXPECT_EQ(ask(served, whole.substr(0, 9)).status, 408U) << "nor does a second request wait for ever";
+  auto patient = idle();
+  EXPECT_TRUE(hasEnded(patient));
+  auto silent = connect();
+  EXPECT_TRUE(hasEnded(silent));
+}
+
+TEST_F(Bounds, FiveHundredIdleConnectionsKeepNoNewOneOut)
+{
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  setrlimit(RLIMIT_NOFILE, &files);
+  options.limits.connections = 500;
+  options.limits.connectionsPerPeer = 1000;
+  begin();
+  auto working = busy("k");
+  std::vector<Socket> idles;
+  for (int i = 0; i < 499; ++i)
+    idles.push_back(i % 2 ? idle() : connect());
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(get("/Bench/").status, 200U);
+  EXPECT_TRUE(hasEnded(idles.front())) << "the one that was idle longest";
+  EXPECT_EQ(ask(idles.back(), request("GET /healthz")).status, 200U);
+  bench->finishLater("k", 7);
+  EXPECT_EQ(vu::Value::parse(receive(working).body)["result"], 7) << "a call under way is not idle";
+}
+
+TEST_F(Bounds, ConnectionsInUseAreBoundInAllAndForEachAddress)
+{
+  options.limits.connections = 3;
+  options.limits.connectionsPerPeer = 2;
+  begin();
+  const auto from = [this](const char* address)
+  {
+    Socket socket(io);
+    socket.open(asio::ip::tcp::v4());
+    socket.bind({asio::ip::make_address(address), 0});
+    socket.connect({asio::ip::make_address("127.0.0.1"), static_cast<std::uint16_t>(std::stoi(port))});
+    return socket;
+  };
+  auto first = busy("1");
+  auto waiting = idle();
+  EXPECT_EQ(get("/Bench/").status, 200U) << "in the place of this address's idle one";
+  EXPECT_TRUE(hasEnded(waiting));
+  auto second = busy("2");
+  auto third = connect();
+  EXPECT_EQ(receive(third).status, 503U);
+  auto other = from("127.0.0.2");
+  EXPECT_EQ(ask(other, request("GET /Bench/")).status, 200U);
+  auto another = from("127.0.0.3");
+  EXPECT_EQ(ask(another, request("GET /Bench/")).status, 200U) << "in the place of the idle one of 127.0.0.2";
+  EXPECT_TRUE(hasEnded(other));
+}
+
+TEST_F(Bounds, WebSocketMakesRoomOnlyWhenNothingElseIsIdleAndNeverWithLinks)
+{
+  options.limits.connections = 2;
+  begin();
+  auto subscribed = open();
+  beast::flat_buffer buffer;
+  subscribed->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})")));
+  subscribed->read(buffer);
+  auto later = idle();
+  auto unused = open();
+  EXPECT_TRUE(hasEnded(later));
+  beast::error_code error;
+  auto request = std::async(std::launch::async, [this] { return get("/Bench/").status; });
+  unused->read(buffer, error);
+  EXPECT_EQ(unused->reason().code, websocket::close_code::try_again_later);
+  EXPECT_EQ(request.get(), 200U);
+  memory->raise("still", "here");
+  EXPECT_NE(subscribed->read(buffer, error), 0U) << error.message();
+}
+
+TEST_F(Bounds, ClientThatDoesNotTakeItsAnswerIsDisconnectedAndDelaysNobody)
+{
+  options.limits.send = milliseconds(300);
+  options.limits.messageBytes = 64 << 20;
+  begin();
+  vu::log::Capture log;
+  auto slow = connect();
+  slow.set_option(asio::socket_base::receive_buffer_size(4096));
+  asio::write(slow,
+              asio::buffer(request("POST /rpc", {},
+                                   R"({"jsonrpc":"2.0","id":1,"method":"Bench.echo","params":[")" + std::string(32 << 20, 'x') + "\"]}")));
+  EXPECT_TRUE(waitUntil([&log] { return log.count(vu::log::Level::Info, "does not take its answer") == 1; }));
+}
+
+} // namespace

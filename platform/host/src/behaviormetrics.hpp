@@ -1,0 +1,13 @@
+#pragma once
+
+#include <gateway/metricstext.hpp>
+#include <zb/zbbroker.hpp>
+
+namespace Tarvik
+{
+
+/// Writes what the behavior manager and the run history tell of behaviors; a
+/// service that is not there is left out.
+void writeBehaviorMetrics(ZB::ZBBroker& broker, MetricsText& text);
+
+} // namespace Tarvik

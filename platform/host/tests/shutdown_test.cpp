@@ -1,0 +1,204 @@
+#include "fixture.hpp"
+
+#include <chrono>
+#include <random>
+#include <set>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <vu/remotesession.hpp>
+
+#include "daemon.hpp"
+
+using HostTest::Daemon;
+using HostTest::RootFixture;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int slowness = 10;
+#else
+constexpr int slowness = 1;
+#endif
+#ifdef __OPTIMIZE__
+constexpr auto shutdownLimit = 5s * slowness;
+#else
+constexpr auto shutdownLimit = 20s;
+#endif
+
+const std::string idle = "<wait seconds=\"100000\"/>";
+/// Ignores the request to end, as what it starts does.
+const std::string deaf = "<run command=\"sh -c 'trap &quot;&quot; TERM; : > begun; while :; do sleep 1000; done'\"/>";
+/// The same with a daemon, out of reach of its parent, its group and its session.
+const std::string daemonized = "<run command=\"python3 -c 'import os, signal, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); "
+                               "os.fork() and time.sleep(1000); os.setsid(); os.fork() and os._exit(0); "
+                               "open(&quot;begun&quot;, &quot;w&quot;).close(); time.sleep(1000)'\"/>";
+
+} // namespace
+
+class Shutdown : public RootFixture
+{
+protected:
+  /// A system package "load" of the behaviors b0, b1 and so on.
+  void addBehavior(const std::string& steps)
+  {
+    const auto directory = root / "system/load" / ("b" + std::to_string(_behaviors++));
+    std::filesystem::create_directories(directory);
+    std::ofstream(directory / "behavior.xar") << "<project format=\"1\">" << steps << "</project>";
+  }
+  std::vector<std::string> arguments()
+  {
+    std::ofstream manifest(root / "system/load/manifest.xml");
+    manifest << "<package uuid=\"load\">";
+    for (int i = 0; i < _behaviors; ++i)
+      manifest << "<behavior path=\"b" << i << "\"/>";
+    manifest << "</package>";
+    return {"--root", root.string(), "--listen", "127.0.0.1:0", "--log-level", "error", "--system-packages", (root / "system").string()};
+  }
+  static std::string behavior(int number) { return "load/b" + std::to_string(number); }
+
+  std::unique_ptr<vu::RemoteSession> connect() const
+  {
+    return std::make_unique<vu::RemoteSession>(vu::RemoteSession::Options{read("run/endpoint"), read("run/token"), 20000ms, {}});
+  }
+
+  /// A client that asks for a WebSocket and reads nothing, the goodbye either.
+  int connectDeaf() const
+  {
+    const auto url = read("run/endpoint");
+    const auto port = url.substr(url.rfind(':') + 1);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto request = "GET /rpc HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\nAuthorization: Bearer " + read("run/token") +
+                         "\r\nConnection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+                         "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n";
+    char first = 0;
+    EXPECT_EQ(::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::write(socket, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+    EXPECT_EQ(::read(socket, &first, 1), 1);
+    return socket;
+  }
+
+  /// Of the programs that hosts on this root have started, and their guards.
+  std::size_t processes() const
+  {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+    {
+      std::ifstream file(entry.path() / "environ");
+      const std::string environment(std::istreambuf_iterator<char>(file), {});
+      count += environment.find("TARVIK_TOKEN_FILE=" + root.string()) != std::string::npos;
+    }
+    return count;
+  }
+  int begun() const
+  {
+    int count = 0;
+    for (int i = 0; i < _behaviors; ++i)
+      count += exists("system/load/b" + std::to_string(i) + "/begun");
+    return count;
+  }
+  void forgetBegun() const
+  {
+    for (int i = 0; i < _behaviors; ++i)
+      std::filesystem::remove(root / "system/load" / ("b" + std::to_string(i)) / "begun");
+  }
+  static bool eventually(const std::function<bool()>& condition, Clock::duration limit)
+  {
+    for (const auto deadline = Clock::now() + limit; Clock::now() < deadline; std::this_thread::sleep_for(5ms)) // other processes give no sign
+      if (condition())
+        return true;
+    return false;
+  }
+
+private:
+  int _behaviors = 0;
+};
+
+TEST_F(Shutdown, TakesLessThanFiveSecondsWithAThousandBehaviorsAndAHundredClientsThatWait)
+{
+  constexpr int behaviors = 1000;
+  constexpr int programs = 50;
+  constexpr int clients = 100;
+  for (int i = 0; i < behaviors; ++i)
+    addBehavior(i % (behaviors / programs) == 0 ? deaf : idle);
+  Daemon daemon(arguments());
+  ASSERT_NE(daemon.line(), "");
+
+  std::vector<std::unique_ptr<vu::RemoteSession>> sessions;
+  std::vector<vu::Future<void>> runs;
+  std::vector<vu::Future<void>> starts;
+  std::vector<vu::Future<void>> late;
+  for (int client = 0; client < clients; ++client)
+  {
+    sessions.push_back(connect());
+    const auto manager = sessions.back()->service("ZBBehaviorManager").value();
+    manager.connect<std::string>("behaviorStopped", [](const std::string&) {}).value();
+    runs.push_back(manager.async<void>("runBehavior", behavior(client)));
+    for (int i = clients + client; i < behaviors; i += clients)
+      starts.push_back(manager.async<void>("startBehavior", behavior(i)));
+  }
+  for (const auto& start : starts)
+    ASSERT_TRUE(start.wait(60s) && start.hasValue()) << start.error();
+  const auto manager = sessions.front()->service("ZBBehaviorManager").value();
+  ASSERT_TRUE(eventually([&] { return begun() == programs; }, 60s));
+  ASSERT_TRUE(eventually([&] { return manager.call<std::vector<std::string>>("getRunningBehaviors").size() == behaviors; }, 60s));
+  const int deafClient = connectDeaf();
+
+  for (int i = 0; i < clients; ++i)
+    late.push_back(manager.async<void>("stopBehavior", behavior(i * 7)));
+  const auto before = Clock::now();
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.wait(), 0) << daemon.errorText;
+  const auto duration = Clock::now() - before;
+  EXPECT_LT(duration, shutdownLimit);
+  RecordProperty("milliseconds", static_cast<int>(duration / 1ms));
+  for (const auto& calls : {runs, late})
+    for (const auto& call : calls)
+      EXPECT_TRUE(call.wait(10s)) << "a client waits for ever";
+  EXPECT_EQ(processes(), 0u);
+  EXPECT_EQ(daemon.errorText, "");
+  ::close(deafClient);
+}
+
+TEST_F(Shutdown, AHostThatIsKilledAtAnyMomentTakesItsProgramsAlong)
+{
+  for (int i = 0; i < 12; ++i)
+    addBehavior("<repeat>" + (i % 3 == 0 ? deaf : i % 3 == 1 ? daemonized : "<run command=\"true\"/>" + idle) + "</repeat>");
+  std::minstd_rand random(std::random_device{}());
+  for (int round = 0; round < 6; ++round)
+  {
+    forgetBegun();
+    Daemon daemon(arguments());
+    daemon.line();
+    {
+      const auto session = connect();
+      const auto manager = session->service("ZBBehaviorManager").value();
+      std::vector<vu::Future<void>> starts;
+      for (int i = 0; i < 12; ++i)
+        starts.push_back(manager.async<void>("startBehavior", behavior(i)));
+      // While programs come into being, and in the last round when all are there.
+      if (round == 5)
+      {
+        EXPECT_TRUE(eventually([this] { return begun() == 8; }, 60s));
+      }
+      else
+      {
+        starts.front().wait(20s);
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 200));
+      }
+      daemon.signal(SIGKILL);
+    }
+    daemon.wait();
+    EXPECT_TRUE(eventually([this] { return processes() == 0; }, 2s * slowness)) << processes() << " live in round " << round;
+  }
+}
