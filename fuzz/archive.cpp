@@ -1,0 +1,38 @@
+#include <archive.hpp>
+#include <packageerror.hpp>
+#include <packagetree.hpp>
+
+#include "input.hpp"
+
+namespace fs = std::filesystem;
+
+/// What an archive unpacks to stays in its folder, within the limits.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+  static const ScratchFolder scratch;
+  constexpr ZB::UnpackLimits limits{1 << 20, 64};
+  const auto archive = scratch.path() / "input.zip";
+  const auto target = scratch.path() / "target";
+  writeInput(archive, data, size);
+  fs::create_directory(target);
+  try
+  {
+    ZB::unpackArchive(archive, target, limits);
+    ZB::checkTree(target);
+  }
+  catch (const ZB::PackageError&)
+  {
+  }
+  catch (const fs::filesystem_error&)
+  {
+  }
+  std::uintmax_t bytes = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(target))
+    if (entry.is_regular_file() && !entry.is_symlink())
+      bytes += entry.file_size();
+  require(bytes <= limits.bytes);
+  fs::remove_all(target);
+  for (const auto& entry : fs::directory_iterator(scratch.path()))
+    require(entry.path() == archive);
+  return 0;
+}

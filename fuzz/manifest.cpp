@@ -1,0 +1,40 @@
+#include <manifest.hpp>
+#include <packageerror.hpp>
+
+#include "input.hpp"
+
+namespace
+{
+
+struct Package : ScratchFolder
+{
+  Package()
+  {
+    for (const auto* directory : {"", "hello", "a", "a/b"})
+    {
+      std::filesystem::create_directories(path() / directory);
+      std::ofstream(path() / directory / ZB::projectFile) << "<project/>";
+    }
+  }
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+  static const Package package;
+  writeInput(package.path() / ZB::manifestFile, data, size);
+  try
+  {
+    const vu::PackageInfo info(ZB::readManifest(package.path()));
+    // Names that a page may show as they are.
+    for (const auto& behavior : info.behaviors())
+      require((info.uuid() + behavior.path()).find_first_of("<>&\"'\\\n\r") == std::string::npos);
+    require(!vu::Value(info).dump().empty());
+  }
+  catch (const ZB::PackageError& error)
+  {
+    require(*error.what() != '\0');
+  }
+  return 0;
+}
