@@ -84,8 +84,8 @@ TEST_F(CommandLine, wrongUsageExitsWith2AndOneLine)
 TEST_F(CommandLine, helpIsASuccess)
 {
   EXPECT_EQ(run({"--help"}), 0);
-  for (const auto* command :
-       {"status", "list", "run", "start", "stop", "load", "watch", "tags", "default", "package", "services", "describe", "call", "open", "token"})
+  for (const auto* command : {"status", "list", "run", "start", "stop", "load", "watch", "tags", "default", "package", "services",
+                              "describe", "call", "open", "token"})
     EXPECT_THAT(out.str(), HasSubstr("\n  " + std::string(command) + " "));
   EXPECT_THAT(error.str(), IsEmpty());
 }

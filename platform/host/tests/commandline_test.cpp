@@ -103,9 +103,10 @@ TEST(CommandLine, FileSetsLimits)
   ASSERT_TRUE(parsed.result) << parsed.err;
   const auto& host = parsed.result->host;
   const auto& limits = host.limits;
-  EXPECT_EQ((std::vector{limits.connections, limits.connectionsPerPeer, limits.headerBytes, limits.messageBytes, limits.uploadBytes,
-                         limits.openCalls, limits.links, limits.queuedMessages, limits.queuedBytes, host.packageBytes, host.packageEntries}),
-            (std::vector<std::size_t>{7, 3, 1000, 2000, 3000, 4, 5, 6, 4000, 8, 9}));
+  EXPECT_EQ(
+      (std::vector{limits.connections, limits.connectionsPerPeer, limits.headerBytes, limits.messageBytes, limits.uploadBytes,
+                   limits.openCalls, limits.links, limits.queuedMessages, limits.queuedBytes, host.packageBytes, host.packageEntries}),
+      (std::vector<std::size_t>{7, 3, 1000, 2000, 3000, 4, 5, 6, 4000, 8, 9}));
   const auto seconds = [](double value) { return std::chrono::milliseconds(static_cast<long>(value * 1000)); };
   EXPECT_EQ((std::vector{limits.header, limits.body, limits.idle, limits.send, limits.close}),
             (std::vector{seconds(0.5), seconds(2), seconds(3), seconds(4), seconds(5)}));

@@ -1,11 +1,5 @@
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <vu/error.hpp>
 #include <vu/objectbuilder.hpp>
 #include <vu/session.hpp>
 

@@ -1,8 +1,5 @@
 #include <atomic>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,7 +10,6 @@
 
 using namespace std::chrono_literals;
 using vu::Signal;
-using vu::SignalLink;
 using waiting::Event;
 
 TEST(Signal, CallsInTheOrderOfConnectionOnTheEmittersThreadPastOneThatThrows)
@@ -41,7 +37,7 @@ TEST(Signal, CallbackMayDisconnectItselfAndThoseAfterIt)
 {
   Signal<> signal;
   int own = 0, after = 0;
-  SignalLink first = 0, second = 0;
+  vu::SignalLink first = 0, second = 0;
   first = signal.connect(
       [&]
       {
@@ -98,14 +94,12 @@ TEST(Signal, NoCallbackRunsAfterItsDisconnectionHoweverManyThreadsEmit)
   Signal<> signal;
   std::atomic<bool> over{false};
   std::atomic<int> late{0};
-  std::vector<std::jthread> emitters;
-  for (int i = 0; i < 2; ++i)
-    emitters.emplace_back(
-        [&]
-        {
-          while (!over)
-            signal();
-        });
+  const auto emit = [&]
+  {
+    while (!over)
+      signal();
+  };
+  std::jthread emitters[] = {std::jthread(emit), std::jthread(emit)};
   std::vector<std::atomic<bool>> disconnected(rounds);
   for (int round = 0; round < rounds; ++round)
   {
@@ -116,6 +110,7 @@ TEST(Signal, NoCallbackRunsAfterItsDisconnectionHoweverManyThreadsEmit)
     disconnected[round] = true;
   }
   over = true;
-  emitters.clear();
+  for (auto& emitter : emitters)
+    emitter.join();
   EXPECT_EQ(late, 0);
 }

@@ -1,12 +1,9 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <vu/caller.hpp>
 #include <vu/error.hpp>
@@ -18,7 +15,6 @@
 #include "waiting.hpp"
 
 using namespace std::chrono_literals;
-using vu::CallerScope;
 using vu::ThreadPool;
 using waiting::Event;
 
@@ -160,14 +156,14 @@ TEST(Caller, IsInheritedByWhateverIsPostedAndEndsWithItsScope)
       [&]
       {
         {
-          const CallerScope alice("alice");
+          const vu::CallerScope alice("alice");
           pool->post([&] { pool->post([&] { note("nested"); }); });
           pool->postAfter(0ms, [&] { note("timer"), timer.set(); });
           promise.future().then([&](const auto&) { note("continuation"); });
           line->push([&] { note("line"); });
         }
         line->push([&] { note("line of nobody"); });
-        const CallerScope bob("bob");
+        const vu::CallerScope bob("bob");
         promise.setValue();
       });
   EXPECT_TRUE(timer.wait());

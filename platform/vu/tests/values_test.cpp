@@ -1,15 +1,7 @@
-#include <algorithm>
-#include <cstdint>
-#include <functional>
-#include <limits>
 #include <list>
-#include <map>
 #include <set>
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <vu/caller.hpp>
 #include <vu/conversion.hpp>
@@ -32,7 +24,7 @@ TEST(Conversion, NeverGuesses)
       {[] { fromValue<double>("1"); }, "expected float, found string"},
       {[] { fromValue<std::vector<int>>("1"); }, "expected [int], found string"},
       {[] {
-         fromValue<std::set<bool>>(Value::array({true, "2"}));
+         fromValue<std::set<bool>>({true, "2"});
        },
        "expected bool, found string"},
       {[] { fromValue<int>(std::int64_t(1) << 31); }, "expected int, found 2147483648, which is out of range"},

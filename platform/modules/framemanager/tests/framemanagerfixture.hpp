@@ -113,13 +113,13 @@ protected:
     std::filesystem::remove_all(directory);
   }
 
-  void start(vu::Value configuration, const vu::ThreadPool::Limits& pool = {})
+  void start(vu::Value configuration, const vu::ThreadPool::Limits& pool = {}, const std::string& guard = TARVIK_GUARD)
   {
     if (broker)
       broker->shutdown();
     configuration["url"] = "http://" + directory.string();
     configuration["tokenFile"] = "/nowhere/token";
-    configuration["framemanager"]["guard"] = TARVIK_GUARD;
+    configuration["framemanager"]["guard"] = guard;
     broker = ZBBroker::create({pool, configuration});
     broker->createModule<ZBMemory>("ZBMemory");
     robot = &broker->createModule<Robot>("Robot");

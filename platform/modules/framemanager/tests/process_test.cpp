@@ -63,8 +63,8 @@ sys.stdout.write("no newline at the end")
   const std::string name = "demo/t: ";
   EXPECT_THAT(output(capture),
               ElementsAre(name + "directory " + std::filesystem::canonical(directory).string(), name + "arguments ['a b', '$HOME']",
-                          name + "url http://" + directory.string() + " /nowhere/token True", name + "input ''", name + "open []", name + "leads True",
-                          name + "blocked set()", name + "hangup True", name + "no newline at the end"));
+                          name + "url http://" + directory.string() + " /nowhere/token True", name + "input ''", name + "open []",
+                          name + "leads True", name + "blocked set()", name + "hangup True", name + "no newline at the end"));
   EXPECT_THAT(output(capture, vu::log::Level::Warning), ElementsAre(name + "careful"));
 }
 

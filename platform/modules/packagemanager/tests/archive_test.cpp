@@ -1,7 +1,5 @@
 #include <archive.hpp>
 
-#include <functional>
-
 #include "packagefixture.hpp"
 #include <packageerror.hpp>
 #include <packagetree.hpp>

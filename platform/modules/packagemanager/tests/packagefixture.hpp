@@ -2,15 +2,12 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <archive.h>
 #include <archive_entry.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+
+#include <vu/packageinfo.hpp>
 
 /// A folder of the test's own, with what packages are made of.
 class PackageFixture : public testing::Test
@@ -37,7 +34,7 @@ protected:
   }
 
   /// A package with the behavior "hello", in a folder called `name`.
-  std::filesystem::path makePackage(const std::string& name, const std::string& uuid, const std::string& version = "1") const
+  std::filesystem::path makePackage(const std::filesystem::path& name, const std::string& uuid, const std::string& version = "1") const
   {
     write(directory / name / "manifest.xml", manifest(uuid, version));
     write(directory / name / "hello" / "behavior.xar", "<project format='1' name='hello'/>");
@@ -50,6 +47,15 @@ protected:
     std::vector<std::string> result;
     for (const auto& entry : std::filesystem::directory_iterator(folder))
       result.push_back(entry.path().filename().string());
+    return result;
+  }
+
+  /// Each package as "uuid version installer".
+  static std::vector<std::string> lines(const std::vector<vu::PackageInfo>& packages)
+  {
+    std::vector<std::string> result;
+    for (const auto& package : packages)
+      result.push_back(package.uuid() + " " + package.version() + " " + package.installer());
     return result;
   }
 

@@ -18,10 +18,7 @@ protected:
 
   static vu::Value write(RunDatabase& database, std::int64_t id, bool ended = true)
   {
-    struct Run run
-    {
-      id, "demo/t", "fm-1", "alice", 1000, std::nullopt, Run::Outcome::Running, "", "", ""
-    };
+    ZB::Run run{id, "demo/t", "fm-1", "alice", 1000, std::nullopt, ZB::Run::Outcome::Running, "", "", ""};
     if (ended)
     {
       run.end = 1000 + id;

@@ -7,9 +7,7 @@
 #include <behaviormanager/behaviormanager.hpp>
 #include <packagemanager.hpp>
 #include <runhistory.hpp>
-#include <vu/caller.hpp>
 #include <vu/log.hpp>
-#include <zb/zberror.hpp>
 #include <zb/zbproxy.hpp>
 #include <zbframemanager.hpp>
 #include <zbmemory.hpp>
@@ -26,8 +24,7 @@ class RunHistoryTest : public testing::Test
 protected:
   ~RunHistoryTest() override
   {
-    if (broker)
-      broker->shutdown();
+    broker->shutdown();
     fs::remove_all(root);
   }
 
@@ -49,7 +46,7 @@ protected:
   }
 
   /// A package, from its behaviors' paths and steps.
-  std::string source(const std::string& uuid, const std::vector<std::pair<std::string, std::string>>& behaviors) const
+  fs::path source(const std::string& uuid, const std::map<std::string, std::string>& behaviors) const
   {
     const auto directory = root / "sources" / uuid;
     std::string manifest;
@@ -60,11 +57,11 @@ protected:
       std::ofstream(directory / path / "behavior.xar") << "<project format=\"1\" name=\"t\">\n" + steps + "\n</project>";
     }
     std::ofstream(directory / "manifest.xml") << "<package uuid=\"" + uuid + "\">" + manifest + "</package>";
-    return directory.string();
+    return directory;
   }
-  void install(const std::string& directory)
+  void install(const fs::path& directory)
   {
-    ZBProxy(broker, "PackageManager").call<std::string>("install", directory, std::string("test"));
+    ZBProxy(broker, "PackageManager").call("install", directory.string(), "test");
     broker->pool()->waitUntilIdle();
   }
   void as(const char* caller, const std::string& method, const std::string& argument, const char* service = "ZBBehaviorManager")
@@ -73,7 +70,7 @@ protected:
     ZBProxy(broker, service).call(method, argument);
   }
   /// The last run, once it has ended; null when it does not in time.
-  vu::Value lastEnded()
+  vu::Value lastEnded() const
   {
     for (const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20); std::chrono::steady_clock::now() < limit;)
     {
@@ -87,7 +84,6 @@ protected:
   std::map<std::string, vu::Value> written()
   {
     broker->shutdown();
-    broker.reset();
     std::map<std::string, vu::Value> runs;
     for (const auto& run : RunDatabase(root / "history.db", 100000).newest(100000))
       EXPECT_TRUE(runs.emplace(run.instance, run.toValue()).second) << run.instance << " is there twice";
@@ -114,12 +110,7 @@ TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
   const auto tools = source("tools", {{"replaced", endless}});
   install(tools);
 
-  struct Case
-  {
-    std::string behavior, outcome, reason, stoppedBy;
-    std::function<void()> end;
-  };
-  const std::vector<Case> cases{
+  const std::vector<std::tuple<const char*, const char*, const char*, const char*, std::function<void()>>> cases{
       {"demo/short", "finished", "ended by itself", "", [] {}},
       {"demo/broken", "failed", "failed at fail (broken/behavior.xar:2): no arm", "", [] {}},
       {"demo/long", "stopped", "stopped by bob", "bob", [&] { as("bob", "stopBehavior", "demo/long"); }},
@@ -135,11 +126,10 @@ TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
     end();
     const auto run = lastEnded();
     ASSERT_FALSE(run.is_null());
-    EXPECT_EQ(run["behavior"], behavior);
-    EXPECT_EQ(run["outcome"], outcome);
-    EXPECT_EQ(run["reason"], reason);
-    EXPECT_EQ(run["startedBy"], "alice");
-    EXPECT_EQ(run["stoppedBy"], stoppedBy);
+    const vu::Value expected{
+        {"behavior", behavior}, {"outcome", outcome}, {"reason", reason}, {"startedBy", "alice"}, {"stoppedBy", stoppedBy}};
+    for (const auto& [name, value] : expected.items())
+      EXPECT_EQ(run[name], value) << name;
     EXPECT_GE(run["end"], run["begin"]);
     broker->pool()->waitUntilIdle();
     ASSERT_EQ(told.size(), 2U);
@@ -178,7 +168,7 @@ TEST_F(RunHistoryTest, SettingsBoundTheRunsOrAreRefused)
   for (const char* behavior : {"demo/a", "demo/b", "demo/c"})
   {
     as("alice", "startBehavior", behavior);
-    EXPECT_FALSE(lastEnded().is_null());
+    EXPECT_EQ(lastEnded()["behavior"], behavior);
   }
   EXPECT_EQ(history->getRuns(10).size(), 2U);
 }
@@ -203,7 +193,7 @@ TEST_F(RunHistoryTest, AnInstanceDeletedDuringTheAnnouncementOfItsStartHasBothAl
   startFrames();
   frames->instanceStarted.connect([this](const std::string& id, const std::string&, const std::string&) { frames->deleteBehavior(id); });
   history = &broker->createModule<RunHistory>("RunHistory"); // hears of the end first
-  const auto id = frames->createBehavior(source("demo", {{"a", ""}}), "a/behavior.xar", "demo/a");
+  const auto id = frames->createBehavior(source("demo", {{"a", ""}}).string(), "a/behavior.xar", "demo/a");
   as("alice", "playBehavior", id, "ZBFrameManager");
   EXPECT_EQ(written().at(id)["reason"], "stopped by alice");
 }
@@ -232,7 +222,7 @@ TEST_F(RunHistoryTest, AStormLeavesOneEndedRunForEveryPlay)
             try
             {
               if (client == 0 && i % 10 == 9)
-                ZBProxy(broker, "PackageManager").call<std::string>("install", package, std::string("test"));
+                ZBProxy(broker, "PackageManager").call("install", package.string(), "test");
               else if (client == 1)
                 history->getRuns(50);
               else
