@@ -139,13 +139,6 @@ TEST_F(EndToEnd, packageIsUsableAsSoonAsInstallHasReturnedAndGoneWhenRemoveHas)
   EXPECT_THAT(again.error, MatchesRegex("tarvik: no package \"test\" .*tarvik package list.*\n"));
 }
 
-TEST_F(EndToEnd, packageWithoutBehaviorsIsAnnouncedToo)
-{
-  package("bare", {});
-  EXPECT_EQ(tarvik({"package", "install", packagePath("bare")}).code, 0);
-  EXPECT_EQ(tarvik({"package", "remove", "bare"}).code, 0);
-}
-
 TEST_F(EndToEnd, faultyPackageIsRefusedByCheckAndInstall)
 {
   install();

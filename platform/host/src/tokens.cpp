@@ -7,6 +7,8 @@
 #include <common/durablefile.hpp>
 #include <common/text.hpp>
 #include <vu/conversion.hpp>
+#include <vu/session.hpp>
+#include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
 namespace Tarvik
@@ -132,7 +134,8 @@ std::string Tokens::add(const std::string& name, const std::string& role)
 {
   if (!isName(name))
     throw ZBError(getName(), "add", "a token's name is 1 to 32 letters, digits, '.', '_' or '-', a letter or digit first");
-  if (isReserved(name))
+  // The history tells a module's stops by the module's name.
+  if (isReserved(name) || getParentBroker()->session()->find(name))
     throw ZBError(getName(), "add", "the name " + common::inQuotes(name) + " is reserved: take another one");
   const auto wanted = roleFromName(role);
   if (!wanted)

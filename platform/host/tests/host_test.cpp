@@ -107,23 +107,6 @@ TEST_F(HostInProcess, FailedStartNamesTheFaultAndLeavesNothingBehind)
   EXPECT_EQ(startFailure(), "");
 }
 
-TEST_F(HostInProcess, StopsWithClientsThatWaitForABehavior)
-{
-  std::ofstream(root / "behavior.xar") << R"(<project format="1" name="long"><wait seconds="1000"/></project>)";
-  Host host(options);
-  host.start();
-  vu::RemoteSession session({host.url(), read("run/token"), std::chrono::milliseconds(10000), {}});
-  const auto frames = session.service("ZBFrameManager").value();
-  const auto id = frames.call<std::string>("createBehavior", root.string(), std::string("behavior.xar"), std::string("long"));
-  frames.call<void>("playBehavior", id);
-  const auto ended = frames.async<vu::Value>("_waitForStopped", id);
-  EXPECT_FALSE(ended.isFinished());
-  auto stopped = std::async(std::launch::async, [&host] { host.stop(); });
-  ASSERT_EQ(stopped.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-  EXPECT_TRUE(ended.wait(std::chrono::seconds(10)));
-  EXPECT_TRUE(ended.hasError());
-}
-
 TEST_F(HostInProcess, TellsOfItsBehaviorsInFigures)
 {
   std::ofstream(root / "behavior.xar") << R"(<project format="1" name="t"><fail reason="no arm"/></project>)";

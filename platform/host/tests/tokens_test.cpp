@@ -78,7 +78,7 @@ TEST_F(TokensService, RefusalNamesTheFaultAndChangesNothing)
       {"-a", "admin", "1 to 32"},         {"a\n", "admin", "1 to 32"},
       {"\xc3\xa4", "admin", "1 to 32"},   {"local", "admin", "reserved"},
       {"system", "observer", "reserved"}, {"bob", "root", "there is no role \"root\""},
-      {"alice", "admin", "already"},
+      {"alice", "admin", "already"},      {"Tokens", "admin", "reserved"},
   };
   const auto before = file();
   for (const auto& [name, role, text] : cases)
