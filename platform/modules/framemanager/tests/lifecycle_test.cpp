@@ -250,7 +250,7 @@ TEST_F(LifecycleTest, OneLineTellsEveryStartAndEndOnceAndInOrderWithOnWhoseBehal
   const auto as = [this](const char* name, void (ZBFrameManager::*method)(const std::string&), const std::string& id)
   {
     const vu::CallerScope caller(name);
-    (manager->*method)(id);
+    std::invoke(method, manager, id);
   };
   for (const std::string steps : {"", "<fail reason=\"no arm\"/>", "<wait seconds=\"1000\"/>"})
   {
