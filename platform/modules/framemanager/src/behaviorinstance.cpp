@@ -16,16 +16,19 @@ BehaviorInstance::BehaviorInstance(std::shared_ptr<const PlaySettings> settings,
 {
 }
 
-vu::Future<void> BehaviorInstance::play()
+bool BehaviorInstance::play(std::chrono::milliseconds limit)
 {
   const vu::Promise<void> begun;
+  const auto decided = std::make_shared<std::atomic<bool>>(false); // by whoever comes first: the beginning or the time-out
   boost::asio::post(_strand,
-                    [self = shared_from_this(), caller = vu::currentCaller(), begun]
+                    [self = shared_from_this(), caller = vu::currentCaller(), begun, decided]
                     {
+                      if (decided->exchange(true))
+                        return;
                       begun.setValue();
                       self->begin(caller);
                     });
-  return begun.future();
+  return begun.future().wait(limit) || decided->exchange(true);
 }
 
 void BehaviorInstance::stop(Ending::Kind kind, const std::string& by)

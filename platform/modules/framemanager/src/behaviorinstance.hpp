@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,9 +39,10 @@ public:
 
   /// Takes the one turn there is to play; false when it has been taken.
   bool takeTurn() { return !_turnTaken.exchange(true); }
-  /// Plays on behalf of the current caller, who has taken the turn; completes
-  /// when the first step begins, or none does any more.
-  vu::Future<void> play();
+  /// Plays on behalf of the current caller, who has taken the turn; returns
+  /// when the first step begins, or none does any more. False when neither has
+  /// happened within the limit: then no step ever begins.
+  bool play(std::chrono::milliseconds limit);
 
   /// Begins to stop: no further step begins. ended() tells when nothing of it
   /// is left, which takes as long as its processes do. Played or not, as often

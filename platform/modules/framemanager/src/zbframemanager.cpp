@@ -184,9 +184,9 @@ void ZBFrameManager::playBehavior(const std::string& id)
   if (!played->takeTurn())
     throw ZBError(getName(), "playBehavior", "the behavior " + id + " is playing already");
   instanceStarted(id, played->name(), vu::currentCaller());
-  if (played->play().wait(_settings->playTimeout))
+  if (played->play(_settings->playTimeout))
     return;
-  played->stop(Ending::Kind::Stopped, vu::currentCaller()); // should its turn come yet
+  played->stop(Ending::Kind::Stopped, vu::currentCaller());
   throw ZBError(getName(), "playBehavior",
                 "the behavior " + id + " has not begun within " + seconds(_settings->playTimeout) +
                     " and was stopped: something holds the threads that behaviors play on");
