@@ -5,6 +5,7 @@
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include <projectreader.hpp>
 #include <vu/threadpool.hpp>
@@ -77,9 +78,10 @@ std::shared_ptr<const Project> ProjectLoader::load(const std::string& packageDir
       });
   lock.lock();
   await([&job] { return job->project || job->error; });
-  if (job->error)
-    std::rethrow_exception(job->error);
-  return job->project;
+  // The reader may hold the job a little longer, but nothing of what it read.
+  if (const auto error = std::exchange(job->error, nullptr))
+    std::rethrow_exception(error);
+  return std::exchange(job->project, nullptr);
 }
 
 void ProjectLoader::close()
