@@ -7,7 +7,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "filefaults.hpp"
+
 namespace fs = std::filesystem;
+using FileFaults::Fault;
 using testing::UnorderedElementsAre;
 
 namespace
@@ -57,6 +60,48 @@ TEST_F(DurableFile, writeThatFailsLeavesTheOldContentAndNothingElse)
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(common::readFile(directory / "file"), "old");
   EXPECT_THAT(names(), UnorderedElementsAre("file", "folder"));
+}
+
+/// Whether there was an operation for the fault to happen at.
+bool happens(Fault fault, int operation, const std::function<void()>& change)
+{
+  if (fault == Fault::KillBefore || fault == Fault::KillAfter)
+    return FileFaults::isKilledAt(fault, operation, change);
+  const FileFaults::Injection injection(fault, operation);
+  try
+  {
+    change();
+  }
+  catch (const fs::filesystem_error&)
+  {
+    EXPECT_TRUE(injection.happened());
+  }
+  return injection.happened();
+}
+
+TEST_F(DurableFile, killOrFaultAtAnyFileOperationLeavesTheOldOrTheNewContentWhole)
+{
+  const auto file = directory / "file";
+  const std::string after(100000, 'x');
+  const auto content = [&file] { return fs::exists(file) ? common::readFile(file) : ""; };
+  const std::function<void()> replace = [&] { common::writeFileDurably(file, after); };
+  const std::function<void()> remove = [&] { common::removeFileDurably(file); };
+  for (const auto& [change, changed] : {std::pair(replace, after), {remove, std::string()}})
+    for (const auto fault : {Fault::KillBefore, Fault::KillAfter, Fault::Error, Fault::DiskFull})
+      for (int operation = 1;; ++operation)
+      {
+        SCOPED_TRACE("fault " + std::to_string(static_cast<int>(fault)) + " at operation " + std::to_string(operation));
+        common::writeFileDurably(file, "old");
+        const bool met = happens(fault, operation, change);
+        EXPECT_THAT(content(), testing::AnyOf("old", changed));
+        if (fault == Fault::KillBefore || fault == Fault::KillAfter)
+          common::removeTemporaryFiles(directory);
+        EXPECT_LE(names().size(), 1U) << "a temporary file is left";
+        change();
+        EXPECT_EQ(content(), changed);
+        if (!met)
+          break;
+      }
 }
 
 TEST_F(DurableFile, readRefusesWhatIsNoFileOrTooLong)

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -122,9 +121,7 @@ StagedPackage PackageStore::stage(const fs::path& source, const std::string& ins
   StagedPackage staged{unpackedOrCopied(source, limits), {}};
   const auto& folder = staged.folder.path();
   staged.info = recordOf(folder, installer);
-  std::ofstream(folder / installerFile) << installer << '\n';
-  if (readInstaller(folder) != installer)
-    throw PackageError(std::string("the file ") + installerFile + " could not be written");
+  common::writeFileDurably(folder / installerFile, installer + '\n');
   common::syncTree(folder);
   return staged;
 }

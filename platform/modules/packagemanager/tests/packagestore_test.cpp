@@ -1,15 +1,15 @@
 #include <packagestore.hpp>
 
-#include <csignal>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "packagefixture.hpp"
+#include <filefaults.hpp>
 #include <packageerror.hpp>
 #include <vu/log.hpp>
 
 namespace fs = std::filesystem;
+using FileFaults::Fault;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
@@ -97,39 +97,119 @@ TEST_F(Store, startClearsAndRepairsWhatACrashHasLeft)
   EXPECT_THAT(names(root), UnorderedElementsAre("p", "q"));
 }
 
-/// Ends a process at whatever point of a replacement it has reached.
-TEST_F(Store, killedProcessLeavesTheOldOrTheNewPackageWhole)
+/// Each change of the store, with the versions of the package before and after
+/// it; an empty one is no package.
+struct Change
 {
-  for (int round = 0; round < 12; ++round)
+  const char* name;
+  const char* before;
+  const char* after;
+};
+constexpr Change changes[] = {{"install", "", "new"}, {"replace", "old", "new"}, {"remove", "old", ""}};
+
+class ChangedStore : public Store, public testing::WithParamInterface<Change>
+{
+protected:
+  ChangedStore()
   {
-    int channel[2];
-    ASSERT_EQ(::pipe(channel), 0);
-    install("old");
-    const auto child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0)
-    {
-      ZB::PackageStore store(root);
-      for (bool old = false;; old = !old)
-      {
-        auto staged = store.stage(directory / (old ? "old" : "new"), "alice", {});
-        if (::write(channel[1], "x", 1) != 1) // the change itself begins
-          ::_exit(1);
-        store.install(staged);
-      }
-    }
-    ::close(channel[1]);
-    char byte = 0;
-    for (int change = 0; change <= round % 3; ++change)
-      EXPECT_EQ(::read(channel[0], &byte, 1), 1);
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ::close(channel[0]);
-    EXPECT_THAT(versions(), testing::ElementsAre(testing::AnyOf("p 1 alice", "p 2 alice")));
-    EXPECT_THAT(names(root), UnorderedElementsAre("p"));
-    EXPECT_EQ(names(root / "p").size(), 3U);
+    fs::create_symlink("hello/behavior.xar", directory / "old" / "link");
+    write(directory / "new" / "more" / "file", std::string(100000, 'x'));
+    ZipWriter(directory / "new.zip")
+        .package(manifest("p", "2"))
+        .file("more/file", std::string(100000, 'x'), 0755)
+        .link("link", "more/file");
+    setUp();
   }
+
+  /// Puts the store into the state before the change.
+  void setUp() const
+  {
+    fs::remove_all(root / "p");
+    if (*change.before)
+      install(change.before);
+  }
+
+  void play() const
+  {
+    if (*change.after)
+      install(source);
+    else
+      ZB::PackageStore(root).remove("p");
+  }
+
+  std::vector<std::string> treeOf(const fs::path& folder) const
+  {
+    std::vector<std::string> tree;
+    if (fs::exists(folder))
+      for (const auto& entry : fs::recursive_directory_iterator(folder))
+        tree.push_back(entry.path().lexically_relative(folder).string() + (entry.is_regular_file() ? ": " + read(entry) : ""));
+    std::sort(tree.begin(), tree.end());
+    return tree;
+  }
+
+  const Change change = GetParam();
+  std::string source = change.after;
+};
+
+TEST_P(ChangedStore, killAtAnyFileOperationLeavesTheOldOrTheNewWhole)
+{
+  const auto before = treeOf(root / "p");
+  play();
+  const auto after = treeOf(root / "p");
+  ASSERT_NE(before, after);
+  for (const auto fault : {Fault::KillBefore, Fault::KillAfter})
+    for (int operation = 1;; ++operation)
+    {
+      setUp();
+      if (!FileFaults::isKilledAt(fault, operation, [this] { play(); }))
+      {
+        EXPECT_GT(operation, 3);
+        break;
+      }
+      SCOPED_TRACE("killed " + std::string(fault == Fault::KillBefore ? "before" : "after") + " operation " + std::to_string(operation));
+      (void)versions();
+      EXPECT_THAT(treeOf(root / "p"), testing::AnyOf(before, after));
+      EXPECT_THAT(names(root), testing::AnyOf(IsEmpty(), ElementsAre("p"))) << "the start has not cleared up";
+    }
 }
+
+TEST_P(ChangedStore, fileOperationThatFailsFailsTheChangeOrIsOfNoMatter)
+{
+  if (source == "new")
+    source = "new.zip";
+  const auto before = treeOf(root / "p");
+  play();
+  const auto after = treeOf(root / "p");
+  for (const auto fault : {Fault::Error, Fault::DiskFull})
+    for (int operation = 1;; ++operation)
+    {
+      SCOPED_TRACE("operation " + std::to_string(operation) + (fault == Fault::DiskFull ? " finds the disk full" : " fails"));
+      setUp();
+      std::string failure;
+      {
+        const FileFaults::Injection injection(fault, operation);
+        try
+        {
+          play();
+        }
+        catch (const std::exception& error)
+        {
+          failure = error.what();
+        }
+        if (!injection.happened())
+          break;
+      }
+      EXPECT_EQ(treeOf(root / "p"), failure.empty() ? after : before) << failure;
+      EXPECT_THAT(failure, testing::AnyOf(IsEmpty(), HasSubstr("No space left on device"), HasSubstr("Input/output error")));
+      (void)versions();
+      EXPECT_THAT(names(root), testing::AnyOf(IsEmpty(), ElementsAre("p"))) << "the start has not cleared up";
+      setUp();
+      play();
+      EXPECT_EQ(treeOf(root / "p"), after) << "the next change does not succeed";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Store, ChangedStore, testing::ValuesIn(changes), [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Store, damagedPackagesAreLoggedByPlaceAndTheRestIsLoaded)
 {

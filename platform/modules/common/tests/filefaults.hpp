@@ -1,0 +1,38 @@
+#pragma once
+
+#include <functional>
+
+/// What a crash, a disk that fails and a disk that fills up do to a program,
+/// at an exact point of its way. The functions of the C library that change
+/// files are replaced in the test program that this is linked into, and their
+/// calls counted, in all threads, beginning at 1; standard streams are left alone.
+namespace FileFaults
+{
+
+enum class Fault
+{
+  KillBefore, ///< the process, before the operation
+  KillAfter,
+  Error,    ///< the operation fails with EIO; the later ones work
+  DiskFull, ///< this operation and all later ones that need space fail with ENOSPC
+};
+
+/// One at a time.
+class Injection
+{
+public:
+  Injection(Fault fault, int operation);
+  ~Injection();
+  Injection(const Injection&) = delete;
+  Injection& operator=(const Injection&) = delete;
+
+  /// Whether there were so many operations.
+  bool happened() const;
+};
+
+/// Does something in a process of its own and tells whether that was killed at
+/// the operation; false if there were not so many. To be called where there
+/// are no other threads.
+bool isKilledAt(Fault fault, int operation, const std::function<void()>& action);
+
+} // namespace FileFaults
