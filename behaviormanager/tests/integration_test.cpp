@@ -314,3 +314,41 @@ TEST_F(Integration, RemovalOfTheModuleUnderAStormLeavesNoInstanceAndNoOpenFuture
     EXPECT_THAT(held(), IsEmpty());
   }
 }
+
+TEST_F(Integration, ServicesThatVanishFailWhoNeedsThemAndNobodyElse)
+{
+  install(source("demo", {{"short", ""}, {"long", "<wait seconds=\"60\"/>"}}));
+  auto& manager = start();
+  const auto outcome = [](const auto& call) -> std::string
+  {
+    try
+    {
+      call();
+      return "";
+    }
+    catch (const ZBError& error)
+    {
+      return error.what();
+    }
+  };
+  broker->removeModule("PackageManager");
+  manager.addDefaultBehavior("demo/short");
+  EXPECT_EQ(manager.runBehavior("demo/short").error(), "");
+
+  broker->removeModule("ZBPreferences");
+  EXPECT_NE(outcome([&] { manager.addDefaultBehavior("demo/long"); }), "");
+  EXPECT_EQ(manager.runBehavior("demo/short").error(), "");
+
+  broker->removeModule("ZBMemory");
+  EXPECT_EQ(manager.runBehavior("demo/short").error(), "");
+
+  const auto run = manager.runBehavior("demo/long");
+  EXPECT_TRUE(eventually([&] { return manager.isBehaviorRunning("demo/long"); }));
+  broker->removeModule("ZBFrameManager");
+  EXPECT_TRUE(run.wait(20s)) << "the caller waits for ever";
+  EXPECT_EQ(outcome([&] { manager.stopBehavior("demo/long"); }), "");
+  EXPECT_NE(outcome([&] { manager.startBehavior("demo/short"); }), "");
+  EXPECT_NE(outcome([&] { manager.runBehavior("demo/long"); }), "");
+  EXPECT_THAT(manager.getRunningBehaviors(), IsEmpty());
+  EXPECT_THAT(manager.getInstalledBehaviors(), testing::UnorderedElementsAre("demo/short", "demo/long"));
+}

@@ -180,7 +180,14 @@ void Host::loadModules()
   for (const auto* const name : platformModules)
     _running->broker->loadLibrary(directory / ("lib" + std::string(name) + ".so"));
   for (const auto& file : _options.modules)
-    _running->broker->loadLibrary(fs::absolute(file));
+    try
+    {
+      _running->broker->loadLibrary(fs::absolute(file));
+    }
+    catch (const std::exception& error)
+    {
+      vu::log::error("host", __func__, "the host goes on without the module library " + file.string() + ": " + error.what());
+    }
 }
 
 void Host::stop()

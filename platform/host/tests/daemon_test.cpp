@@ -2,6 +2,10 @@
 
 #include <csignal>
 #include <future>
+#include <random>
+#include <thread>
+
+#include <gmock/gmock.h>
 
 #include <vu/remotesession.hpp>
 
@@ -33,6 +37,10 @@ protected:
     frames.call<void>("playBehavior",
                       frames.call<std::string>("createBehavior", root.string(), std::string("behavior.xar"), std::string("long")));
     return known.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  }
+  std::ptrdiff_t filesIn(const std::string& folder) const
+  {
+    return std::distance(std::filesystem::directory_iterator(root / folder), std::filesystem::directory_iterator());
   }
   std::string reasonOfLastRun() const
   {
@@ -87,7 +95,7 @@ TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)
   first.line();
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {arguments(), "another host runs on the root"},
-      {{"--root", root.string() + "/other", "--listen", "127.0.0.1:0", "--module", "/nonexistent/libguest.so"}, "/nonexistent/libguest.so"},
+      {{"--root", root.string() + "/other", "--listen", "127.0.0.1:0", "--module-directory", "/nonexistent"}, "/nonexistent/libmemory.so"},
       {{"--root", "/proc/nowhere"}, "/proc/nowhere"},
       {{"--nonsense"}, "--nonsense"},
   };
@@ -98,5 +106,57 @@ TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)
     EXPECT_EQ(daemon.wait(), 1);
     EXPECT_NE(daemon.errorText.find(named), std::string::npos) << daemon.errorText;
     EXPECT_EQ(daemon.rest(), "");
+  }
+}
+
+/// Ends the host in the middle of installations and writes of preferences.
+TEST_F(DaemonProcess, KillAtAnyMomentLeavesPackagesAndPreferencesOldOrNewAndWhole)
+{
+  const std::string settings[] = {std::string(200000, 'a'), std::string(100000, 'b')};
+  for (const std::string version : {"0", "1"})
+  {
+    std::filesystem::create_directories(root / version / "a");
+    std::ofstream(root / version / "manifest.xml") << "<package uuid='p' version='" + version + "'><behavior path='a'/></package>";
+    std::ofstream(root / version / "a/behavior.xar") << "<project format='1'/>";
+    std::ofstream(root / version / "a/version") << version;
+  }
+  const auto seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::minstd_rand random(seed);
+  for (int round = 0; round < 10; ++round)
+  {
+    Daemon daemon(arguments());
+    ASSERT_NE(daemon.line(), "") << daemon.errors();
+    vu::RemoteSession session(remote());
+    const auto packages = session.service("PackageManager").value();
+    const auto preferences = session.service("ZBPreferences").value();
+    if (round > 0)
+    {
+      EXPECT_EQ(packages.call<vu::Value>("package", std::string("p"))["version"], vu::Value(read("packages/p/a/version")));
+      EXPECT_THAT(preferences.call<std::string>("readPrefFile", std::string("Kill"), false), testing::AnyOfArray(settings));
+      EXPECT_EQ(filesIn("packages"), 1) << "left-overs";
+      EXPECT_EQ(filesIn("preferences"), 1) << "left-overs";
+    }
+    std::promise<void> begun;
+    std::jthread changes(
+        [&]
+        {
+          try
+          {
+            for (int change = 0;; ++change)
+            {
+              packages.call<std::string>("install", (root / std::to_string(change % 2)).string(), std::string("test"));
+              preferences.call<void>("writePrefFile", std::string("Kill"), settings[change % 2], false);
+              if (change == 0)
+                begun.set_value();
+            }
+          }
+          catch (const vu::ServiceError&)
+          {
+          }
+        });
+    EXPECT_EQ(begun.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
+    daemon.signal(SIGKILL);
   }
 }

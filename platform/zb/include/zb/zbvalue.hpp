@@ -11,6 +11,11 @@
 namespace ZB
 {
 
+// Declared before the class, whose own members make the compiler ask for them.
+class ZBValue;
+void to_json(vu::Value& json, const ZBValue& value);
+void from_json(const vu::Value& json, ZBValue& value);
+
 /// A value of any type. A copy is a value of its own; an element taken with
 /// operator[] refers into the array it was taken from and keeps it alive, so
 /// that the reference from a conversion to std::string& stays good as long as
@@ -56,8 +61,5 @@ private:
 
   std::shared_ptr<vu::Value> _value;
 };
-
-void to_json(vu::Value& json, const ZBValue& value);
-void from_json(const vu::Value& json, ZBValue& value);
 
 } // namespace ZB
