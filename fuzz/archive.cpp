@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   std::uintmax_t bytes = 0;
   for (const auto& entry : fs::recursive_directory_iterator(target))
-    if (entry.is_regular_file() && !entry.is_symlink())
+    if (entry.symlink_status().type() == fs::file_type::regular)
       bytes += entry.file_size();
   require(bytes <= limits.bytes);
   fs::remove_all(target);

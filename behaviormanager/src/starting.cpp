@@ -197,8 +197,8 @@ vu::Future<void> ZBBehaviorManager::runBehavior(const std::string& behavior)
   return promise.future();
 }
 
-void ZBBehaviorManager::_runBehaviorCont(vu::Future<void> waited, const std::string& name, const std::string& path, const std::string& fmId,
-                                         vu::Promise<void> promise)
+void ZBBehaviorManager::_runBehaviorCont(const vu::Future<void>& waited, const std::string& name, const std::string& path,
+                                         const std::string& fmId, const vu::Promise<void>& promise)
 {
   try
   {

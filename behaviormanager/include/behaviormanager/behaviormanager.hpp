@@ -151,8 +151,8 @@ private:
   std::shared_ptr<BehaviorPlay> xBeginPlay(const std::string& path, BehaviorInfo& info);
   void xConnectPlay(const std::shared_ptr<BehaviorPlay>& play);
   void xEndStarting(const std::shared_ptr<BehaviorPlay>& play);
-  void _runBehaviorCont(vu::Future<void> waited, const std::string& name, const std::string& path, const std::string& fmId,
-                        vu::Promise<void> promise);
+  void _runBehaviorCont(const vu::Future<void>& waited, const std::string& name, const std::string& path, const std::string& fmId,
+                        const vu::Promise<void>& promise);
   void xStopBehavior(const std::string& behavior, bool waitForRun);
   void xUnloadBehavior(const std::string& path);
   void xUnloadLocked(const std::string& path);
