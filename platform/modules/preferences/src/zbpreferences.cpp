@@ -19,6 +19,7 @@ namespace
 {
 
 constexpr std::size_t longestName = 128;
+constexpr int deepest = 128; // of values in each other, as on the way to a client
 
 bool isNameCharacter(char character)
 {
@@ -26,11 +27,18 @@ bool isNameCharacter(char character)
          character == '.' || character == '_' || character == '-';
 }
 
-bool isFinite(const vu::Value& value)
+/// Why settings cannot be written; empty if they can.
+std::string faultOf(const vu::Value& value, int depth = 0)
 {
+  if (depth > deepest)
+    return "values stand more than " + std::to_string(deepest) + " deep in each other";
+  if (value.is_number_float() && !std::isfinite(value.get<double>()))
+    return "the settings hold a number that is not finite";
   if (value.is_structured())
-    return std::all_of(value.begin(), value.end(), isFinite);
-  return !value.is_number_float() || std::isfinite(value.get<double>());
+    for (const auto& element : value)
+      if (auto fault = faultOf(element, depth + 1); !fault.empty())
+        return fault;
+  return {};
 }
 
 } // namespace
@@ -88,7 +96,16 @@ vu::Value ZBPreferences::readPrefFile(const std::string& fileName, const bool&)
   const auto path = pathOf("readPrefFile", fileName);
   try
   {
-    return vu::Value::parse(common::readFile(path));
+    return vu::Value::parse(common::readFile(path),
+                            [&](int depth, vu::Value::parse_event_t, const vu::Value&)
+                            {
+                              if (depth > deepest)
+                                throw ZBError(getName(), "readPrefFile",
+                                              "the preference file " + path.string() +
+                                                  " is damaged; repair or remove it: values stand more than " + std::to_string(deepest) +
+                                                  " deep in each other");
+                              return true;
+                            });
   }
   catch (const fs::filesystem_error& error)
   {
@@ -113,9 +130,8 @@ void ZBPreferences::writePrefFile(const std::string& fileName, const vu::Value& 
   const auto path = pathOf("writePrefFile", fileName);
   try
   {
-    if (!isFinite(settings))
-      throw ZBError(getName(), "writePrefFile",
-                    "the preference file \"" + fileName + "\" was not written: the settings hold a number that is not finite");
+    if (const auto fault = faultOf(settings); !fault.empty())
+      throw ZBError(getName(), "writePrefFile", "the preference file \"" + fileName + "\" was not written: " + fault);
     common::writeFileDurably(path, settings.dump(2) + "\n");
   }
   catch (const vu::Value::exception& error)

@@ -88,8 +88,11 @@ TEST_F(Preferences, missingOrDamagedFileIsAnErrorThatNamesIt)
   proxy->removePrefFile("Settings");
   EXPECT_THAT(errorOf([&] { read("Settings"); }), HasSubstr("there is no preference file \"Settings\""));
   EXPECT_THAT(errorOf([&] { proxy->removePrefFile("Settings"); }), HasSubstr(file("Settings.json").string()));
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"a": 1, "b" 2})", "byte 14"}, {"", "is damaged"}, {"[1] [2]", "is damaged"}, {"{\"a\": \"\xff\"}", "is damaged"}};
+  const std::pair<std::string, const char*> cases[] = {{R"({"a": 1, "b" 2})", "byte 14"},
+                                                       {"", "is damaged"},
+                                                       {"[1] [2]", "is damaged"},
+                                                       {"{\"a\": \"\xff\"}", "is damaged"},
+                                                       {std::string(100000, '[') + std::string(100000, ']'), "128 deep"}};
   for (const auto& [content, fault] : cases)
   {
     SCOPED_TRACE(content);
@@ -123,6 +126,13 @@ TEST_F(Preferences, writeThatFailsNamesTheCauseAndLeavesTheOldSettings)
   write("Settings", "old");
   EXPECT_THAT(errorOf([&] { write("Settings", {1, {{"a", std::numeric_limits<double>::infinity()}}}); }), HasSubstr("not finite"));
   EXPECT_THAT(errorOf([&] { write("Settings", "\xff"); }), HasSubstr("UTF-8"));
+  vu::Value deep = 1;
+  for (int depth = 0; depth < 129; ++depth)
+    deep = vu::Value::array({deep});
+  EXPECT_THAT(errorOf([&] { write("Settings", deep); }), HasSubstr("128 deep"));
+  write("Deep", deep.at(0));
+  EXPECT_EQ(read("Deep"), deep.at(0));
+  proxy->removePrefFile("Deep");
   EXPECT_EQ(read("Settings"), vu::Value("old"));
   fs::create_directory(file("Folder.json"));
   EXPECT_THAT(errorOf([&] { write("Folder", 1); }), HasSubstr("\"Folder\" could not be written"));
