@@ -2,6 +2,7 @@
 #include <atomic>
 #include <future>
 #include <latch>
+#include <optional>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -227,6 +228,24 @@ TEST_F(Hazards, AStopReportedWhileTheFailureIsAnnouncedComesBehindIt)
          });
   manager.startBehavior("P/a");
   EXPECT_EQ(platform.journal.lines("signal ").back(), "behaviorStopped [\"P/a\"]");
+}
+
+TEST_F(Hazards, AnEndAStopAndAnotherRunWaitForARunThatHasNotReturned)
+{
+  const auto run = manager.runBehavior("P/a");
+  auto notReturned = std::make_optional<BehaviorRunningLocker>(access.info("P/a"));
+  platform.frames->end(platform.id("P/a"), "");
+  EXPECT_FALSE(run.wait(100ms));
+  auto stop = std::async(std::launch::async, [&] { manager.stopBehavior("P/a"); });
+  auto another = std::async(std::launch::async, [&] { return manager.runBehavior("P/a"); });
+  EXPECT_EQ(stop.wait_for(100ms), std::future_status::timeout);
+  EXPECT_EQ(another.wait_for(100ms), std::future_status::timeout);
+  notReturned.reset();
+  EXPECT_TRUE(run.wait(10s));
+  stop.get();
+  const auto second = another.get();
+  manager.stopBehavior("P/a");
+  EXPECT_TRUE(second.wait(10s));
 }
 
 TEST_F(Hazards, RemovalWaitsForAContinuationThatIsUnderWay)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
+#include <limits>
 #include <list>
 #include <map>
 #include <mutex>
@@ -71,6 +72,7 @@ struct ThreadPool::Implementation
     try
     {
       addThread();
+      enough = std::max(enough, threads.size());
     }
     catch (const std::system_error& error)
     {
@@ -84,12 +86,11 @@ struct ThreadPool::Implementation
     poolOfThisThread = this;
     for (;;)
     {
-      if (io.run_one_for(limits.idle) > 0)
-        continue;
+      const bool worked = io.run_one_for(limits.idle) > 0;
       const std::lock_guard lock(mutex);
-      if (closed && io.stopped())
+      if (!worked && closed && io.stopped())
         return; // joined by close()
-      if (!closed && threads.size() > limits.threads)
+      if (!closed && threads.size() > limits.threads && (!worked || isSurplus()))
       {
         departed.splice(departed.end(), threads, self);
         return;
@@ -97,8 +98,23 @@ struct ThreadPool::Implementation
     }
   }
 
-  /// Posts what is due and adds a thread whenever work waits and nothing
-  /// moves. Timers are kept here and not in the context, which would not look
+  /// Whether fewer threads have done for an idle time. The context hands work
+  /// to all threads in turn, so that under a steady load none is ever idle for
+  /// long; mutex held.
+  bool isSurplus()
+  {
+    const auto now = Clock::now();
+    if (now - periodBegan >= limits.idle)
+    {
+      enough = mostRunning;
+      mostRunning = running;
+      periodBegan = now;
+    }
+    return threads.size() > std::max(enough, running + queued);
+  }
+
+  /// Posts what is due and adds a thread whenever work waits, all threads are
+  /// busy and nothing moves. Timers are kept here and not in the context, which would not look
   /// at them while all its threads are blocked.
   void supervise()
   {
@@ -108,7 +124,7 @@ struct ThreadPool::Implementation
     while (!closed)
     {
       const auto now = Clock::now();
-      if (queued > 0 && seen == progress && now >= look && threads.size() < limits.maximum)
+      if (queued > 0 && running >= threads.size() && seen == progress && now >= look && threads.size() < limits.maximum)
         grow();
       if (now >= look || (watching && look == Clock::time_point::max()))
       {
@@ -169,7 +185,7 @@ struct ThreadPool::Implementation
     {
       const std::lock_guard lock(mutex);
       --queued;
-      ++running;
+      mostRunning = std::max(mostRunning, ++running);
       ++progress;
     }
     try
@@ -236,8 +252,11 @@ struct ThreadPool::Implementation
   std::list<std::thread> departed; // surplus threads that have left, to be joined
   std::size_t queued = 0;
   std::size_t running = 0;
-  std::uint64_t progress = 0; // tasks begun and ended
-  bool watching = false;      // the supervisor looks, or is on its way to
+  std::uint64_t progress = 0;                                   // tasks begun and ended
+  std::size_t mostRunning = 0;                                  // since periodBegan
+  std::size_t enough = std::numeric_limits<std::size_t>::max(); // threads, by the last whole period
+  Clock::time_point periodBegan = Clock::now();
+  bool watching = false; // the supervisor looks, or is on its way to
   std::multimap<Clock::time_point, Timer> timers;
   std::string growthError; // to be logged
   bool closed = false;

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <latch>
 #include <map>
 #include <thread>
 
@@ -32,6 +33,31 @@ TEST(ThreadPool, FiftyTasksThatBlockDoNotStopTheOneThatFreesThem)
     EXPECT_EQ(woken, blocked);
     EXPECT_TRUE(waiting::eventually([&] { return pool.threadCount() == 2; })) << "surplus threads leave";
   }
+}
+
+TEST(ThreadPool, ThreadsThatAreNotNeededAnyMoreLeaveUnderASteadyLoadToo)
+{
+  constexpr std::size_t many = 30;
+  ThreadPool pool({2, 64, 64, 50ms});
+  std::latch begun(many);
+  std::latch release(1);
+  for (std::size_t i = 0; i < many; ++i)
+    pool.post(
+        [&]
+        {
+          begun.count_down();
+          release.wait();
+        });
+  begun.wait();
+  EXPECT_GE(pool.threadCount(), many);
+  release.count_down();
+  const auto limit = std::chrono::steady_clock::now() + 20s;
+  while (pool.threadCount() > 8 && std::chrono::steady_clock::now() < limit)
+  {
+    pool.post([] {});
+    std::this_thread::sleep_for(200us);
+  }
+  EXPECT_LE(pool.threadCount(), 8u);
 }
 
 TEST(ThreadPool, TimersRunWhileAllThreadsAreBlocked)

@@ -10,11 +10,12 @@ namespace vu
 
 /// A pool of threads that does not starve.
 ///
-/// Tasks may block. When work waits and no task has begun or ended for a few
-/// milliseconds, one thread is added, up to `Limits::maximum`; threads beyond
-/// `Limits::threads` leave again after an idle time. Every task runs with the caller's
-/// name (see vu/caller.hpp) of the thread that posted it. What a task throws
-/// is logged. Thread-safe.
+/// Tasks may block. When work waits, all threads are busy and no task has begun
+/// or ended for a few milliseconds, one thread is added, up to
+/// `Limits::maximum`; threads beyond `Limits::threads` leave again when fewer
+/// have done for an idle time. Every task runs with the caller's name (see
+/// vu/caller.hpp) of the thread that posted it. What a task throws is logged.
+/// Thread-safe.
 class ThreadPool
 {
 public:
@@ -25,7 +26,7 @@ public:
     std::size_t threads = 2;               ///< kept at all times, at least 1
     std::size_t maximum = 512;             ///< never more than these
     std::size_t queue = 4096;              ///< calls that may wait once all `maximum` threads are busy
-    std::chrono::milliseconds idle{10000}; ///< without work, before a thread beyond `threads` leaves
+    std::chrono::milliseconds idle{10000}; ///< without need for it, before a thread beyond `threads` leaves
   };
 
   ThreadPool();
@@ -43,7 +44,7 @@ public:
   void postCall(Task task);
 
   /// Runs `task` after `delay`, unless the pool is closed before. Threads that
-  /// are all blocked do not hold it up.
+  /// are all blocked do not hold it up, while there are less than `maximum`.
   void postAfter(std::chrono::milliseconds delay, Task task);
 
   /// Runs what is queued and what that posts in turn, drops what waits for its
