@@ -38,7 +38,8 @@ struct Request
   std::string fullName() const { return service + "." + method; }
 };
 
-/// What a message holds: each entry a request, or the ready answer to what is none.
+/// What a message holds: each entry a request, or the ready answer to what is
+/// none, empty for a notification.
 struct Message
 {
   bool batch = false;
