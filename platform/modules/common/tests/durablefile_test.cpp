@@ -1,8 +1,6 @@
 #include <common/durablefile.hpp>
 
-#include <csignal>
 #include <fstream>
-#include <sys/resource.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,14 +48,6 @@ TEST_F(DurableFile, writeThatFailsLeavesTheOldContentAndNothingElse)
   fs::create_directory(directory / "folder");
   EXPECT_THROW(common::writeFileDurably(directory / "folder", "content"), fs::filesystem_error);
   EXPECT_THROW(common::writeFileDurably(directory / "missing" / "file", "content"), fs::filesystem_error);
-  rlimit previous{};
-  getrlimit(RLIMIT_FSIZE, &previous);
-  const rlimit small{1000, previous.rlim_max};
-  auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
-  setrlimit(RLIMIT_FSIZE, &small);
-  EXPECT_THROW(common::writeFileDurably(directory / "file", std::string(2000, 'x')), fs::filesystem_error);
-  setrlimit(RLIMIT_FSIZE, &previous);
-  std::signal(SIGXFSZ, handler);
   EXPECT_EQ(common::readFile(directory / "file"), "old");
   EXPECT_THAT(names(), UnorderedElementsAre("file", "folder"));
 }
@@ -100,7 +90,10 @@ TEST_F(DurableFile, killOrFaultAtAnyFileOperationLeavesTheOldOrTheNewContentWhol
         change();
         EXPECT_EQ(content(), changed);
         if (!met)
+        {
+          EXPECT_GT(operation, 2);
           break;
+        }
       }
 }
 

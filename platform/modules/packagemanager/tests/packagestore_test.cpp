@@ -70,21 +70,6 @@ TEST_F(Store, directoriesWithForeignThingsAreRefused)
   }
 }
 
-TEST_F(Store, failedReplacementLeavesTheOldPackageWhole)
-{
-  install("old");
-  ZB::PackageStore store(root);
-  for (const bool movesAside : {false, true})
-  {
-    auto staged = store.stage(directory / "new", "bob", {});
-    movesAside ? (void)fs::remove_all(staged.folder.path()) : write(root / ".replaced-p" / "obstacle", "x");
-    EXPECT_THROW(store.install(staged), fs::filesystem_error);
-    fs::remove_all(root / ".replaced-p");
-  }
-  EXPECT_THAT(names(root), UnorderedElementsAre("p"));
-  EXPECT_THAT(versions(), UnorderedElementsAre("p 1 alice"));
-}
-
 TEST_F(Store, startClearsAndRepairsWhatACrashHasLeft)
 {
   install("old");
@@ -197,7 +182,10 @@ TEST_P(ChangedStore, fileOperationThatFailsFailsTheChangeOrIsOfNoMatter)
           failure = error.what();
         }
         if (!injection.happened())
+        {
+          EXPECT_GT(operation, 3);
           break;
+        }
       }
       EXPECT_EQ(treeOf(root / "p"), failure.empty() ? after : before) << failure;
       EXPECT_THAT(failure, testing::AnyOf(IsEmpty(), HasSubstr("No space left on device"), HasSubstr("Input/output error")));
