@@ -42,7 +42,10 @@ function(tarvik_module name entry library)
   set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.exports)
   list(JOIN module_EXPORTS " " exports)
   file(WRITE ${script} "{ global: zbLoadModule; ${exports} local: *; };\n")
-  target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,--no-undefined)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${script})
+  if(NOT TARVIK_SANITIZE) # a sanitizer's functions are the program's
+    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+  endif()
   set_target_properties(${name} PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${TARVIK_MODULE_OUTPUT_DIR}
     CXX_VISIBILITY_PRESET hidden
@@ -59,6 +62,9 @@ function(tarvik_test name label)
   endif()
   if(NOT test_TIMEOUT)
     set(test_TIMEOUT 120)
+  endif()
+  if(TARVIK_SANITIZE)
+    math(EXPR test_TIMEOUT "${test_TIMEOUT} * 5")
   endif()
   add_executable(${name} ${test_SOURCES})
   target_link_libraries(${name} PRIVATE tarvik_options ${test_LIBRARIES} GTest::gmock GTest::gtest_main)

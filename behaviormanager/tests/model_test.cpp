@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "model.hpp"
+#include "sanitized.hpp"
 #include "testplatform.hpp"
 
 using namespace ZB;
@@ -17,11 +18,7 @@ namespace
 
 using Script = StandInFrameManager::Script;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr unsigned sequences = 200;
-#else
-constexpr unsigned sequences = 2000;
-#endif
+constexpr unsigned sequences = sanitized ? 200 : 2000;
 constexpr int steps = 15;
 
 class Comparison

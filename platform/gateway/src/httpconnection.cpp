@@ -62,11 +62,10 @@ public:
       self->_last = true;
       self->answer(Page::text(503, "this host has as many connections as it takes: try again later"));
     };
-    if (!_stream.secure())
+    if (!_stream.isSecure())
       return begin();
     _stream.next_layer().expires_after(_server->options.limits.header);
-    _stream.secure()->async_handshake(asio::ssl::stream_base::server,
-                                      [self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
+    _stream.handshake([self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
   }
 
   void shutdown() override { endWith(Page::text(503, "the host is shutting down")); }
@@ -141,7 +140,7 @@ private:
                             [self = shared_from_this()](error_code error, std::size_t)
                             {
                               if (!error)
-                                return self->onHeader();
+                                return self->guarded(&HttpConnection::onHeader);
                               if (self->_header->got_some())
                                 return self->unreadable(error, self->_server->options.limits.header);
                               self->end(); // nothing of a request came: the client has gone, or was idle too long
@@ -164,6 +163,22 @@ private:
   }
 
   Page tooLarge() const { return Page::text(413, "the body is larger than " + std::to_string(_bodyLimit) + " bytes"); }
+
+  /// Whatever goes wrong in here, the client does not wait for ever.
+  void guarded(void (HttpConnection::*step)())
+  {
+    try
+    {
+      (this->*step)();
+    }
+    catch (...)
+    {
+      const auto page = Pages::failure(std::current_exception());
+      vu::log::error("gateway", __func__, _client.address + ": " + page.body.substr(0, page.body.size() - 1));
+      _last = true;
+      _state == State::Sending ? end() : answer(page);
+    }
+  }
 
   void onHeader()
   {
@@ -230,8 +245,9 @@ private:
       return handleMessage();
     expect(_server->options.limits.body);
     http::async_read(_stream, _buffer, *_message,
-                     [self = shared_from_this()](error_code error, std::size_t)
-                     { error ? self->unreadable(error, self->_server->options.limits.body) : self->handleMessage(); });
+                     [self = shared_from_this()](error_code error, std::size_t) {
+                       error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(&HttpConnection::handleMessage);
+                     });
   }
 
   void handleMessage()
@@ -421,8 +437,8 @@ private:
     error_code ignored;
     _state = State::HangingUp;
     _stream.next_layer().expires_after(_server->options.limits.close);
-    if (_stream.secure())
-      return _stream.secure()->async_shutdown([self = shared_from_this()](error_code) { self->end(); });
+    if (_stream.isSecure())
+      return _stream.shutdown([self = shared_from_this()](error_code) { self->end(); });
     _stream.next_layer().socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
     readAway();
   }

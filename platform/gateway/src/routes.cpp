@@ -72,6 +72,8 @@ Route findRoute(const http::request_header<>& header, const Client& client, ZB::
   const auto question = target.find('?');
   const auto path = target.substr(0, question);
   const auto query = question == std::string::npos ? std::string() : target.substr(question + 1);
+  if (!path.starts_with('/'))
+    return Page::text(400, "the target " + target + " does not begin with a slash");
   if (path == "/rpc")
     return findRpcRoute(header);
   if (path == "/packages")

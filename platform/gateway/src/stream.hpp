@@ -1,67 +1,78 @@
 #pragma once
 
+#include <functional>
 #include <memory>
-#include <optional>
 #include <utility>
+#include <vector>
 
-#include <boost/asio/ssl.hpp>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/beast/core/role.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/websocket/ssl.hpp>
-#include <boost/beast/websocket/teardown.hpp>
 
 namespace Tarvik
 {
 
-/// A TCP connection with or without TLS: one type, so that HTTP and WebSocket
-/// are compiled once for both.
+/// A TCP connection with or without TLS. HTTP and WebSocket are composed of
+/// dozens of operations, each with a handler of a type of its own; here they
+/// become one type, so that what lies below is compiled once (stream.cpp).
+/// All handlers run where the connection's do, on the gateway's one thread.
 class Stream
 {
 public:
   using executor_type = boost::beast::tcp_stream::executor_type;
   using next_layer_type = boost::beast::tcp_stream;
-  using Secure = boost::asio::ssl::stream<boost::beast::tcp_stream&>;
+  using error_code = boost::system::error_code;
+  using Done = std::function<void(error_code)>;
+  using Transferred = std::function<void(error_code, std::size_t)>;
 
   /// TLS with a context; it must outlive the stream.
-  Stream(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* context)
-      : _tcp(std::make_unique<boost::beast::tcp_stream>(std::move(socket))),
-        _secure(context ? std::make_unique<Secure>(*_tcp, *context) : nullptr)
-  {
-  }
+  Stream(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* context);
+  Stream(Stream&& other) noexcept;
+  ~Stream();
 
   executor_type get_executor() noexcept { return _tcp->get_executor(); }
   next_layer_type& next_layer() noexcept { return *_tcp; }
   const next_layer_type& next_layer() const noexcept { return *_tcp; }
-  Secure* secure() noexcept { return _secure.get(); }
+  bool isSecure() const noexcept { return _secure != nullptr; }
+
+  /// Of TLS; without it there is neither.
+  void handshake(Done done);
+  void shutdown(Done done);
 
   template <typename Buffers, typename Handler> void async_read_some(const Buffers& buffers, Handler&& handler)
   {
-    if (_secure)
-      _secure->async_read_some(buffers, std::forward<Handler>(handler));
-    else
-      _tcp->async_read_some(buffers, std::forward<Handler>(handler));
+    read({boost::asio::buffer_sequence_begin(buffers), boost::asio::buffer_sequence_end(buffers)},
+         copyable<Transferred>(std::forward<Handler>(handler)));
   }
 
   template <typename Buffers, typename Handler> void async_write_some(const Buffers& buffers, Handler&& handler)
   {
-    if (_secure)
-      _secure->async_write_some(buffers, std::forward<Handler>(handler));
-    else
-      _tcp->async_write_some(buffers, std::forward<Handler>(handler));
+    write({boost::asio::buffer_sequence_begin(buffers), boost::asio::buffer_sequence_end(buffers)},
+          copyable<Transferred>(std::forward<Handler>(handler)));
   }
 
 private:
+  struct Secure;
+
+  void read(std::vector<boost::asio::mutable_buffer> buffers, Transferred done);
+  void write(std::vector<boost::asio::const_buffer> buffers, Transferred done);
+  void tearDown(boost::beast::role_type role, Done done);
+
+  /// Handlers can only be moved, and are called once.
+  template <typename Function, typename Handler> static Function copyable(Handler&& handler)
+  {
+    return [kept = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler))](auto... results) { (*kept)(results...); };
+  }
+
+  template <typename Handler> friend void async_teardown(boost::beast::role_type role, Stream& stream, Handler&& handler)
+  {
+    stream.tearDown(role, copyable<Done>(std::forward<Handler>(handler)));
+  }
+
   // The TLS layer refers to the TCP one, whose place must not change.
   std::unique_ptr<boost::beast::tcp_stream> _tcp;
   std::unique_ptr<Secure> _secure;
 };
-
-/// Found by Beast when a WebSocket has said goodbye.
-template <typename Handler> void async_teardown(boost::beast::role_type role, Stream& stream, Handler&& handler)
-{
-  if (stream.secure())
-    stream.secure()->async_shutdown(std::forward<Handler>(handler));
-  else
-    boost::beast::websocket::async_teardown(role, stream.next_layer().socket(), std::forward<Handler>(handler));
-}
 
 } // namespace Tarvik

@@ -96,10 +96,24 @@ private:
                             if (error)
                               return self->end();
                             if (!self->_closing)
-                              self->handle(beast::buffers_to_string(self->_incoming.data()));
+                              self->guardedHandle(beast::buffers_to_string(self->_incoming.data()));
                             self->_incoming.clear();
                             self->read();
                           });
+  }
+
+  /// Whatever goes wrong in here, the client does not wait for ever.
+  void guardedHandle(const std::string& text)
+  {
+    try
+    {
+      handle(text);
+    }
+    catch (...)
+    {
+      vu::log::error("gateway", __func__, _client.address + ": " + vu::errorText(std::current_exception()));
+      close(websocket::close_code::internal_error, "the message could not be handled");
+    }
   }
 
   void handle(const std::string& text)
@@ -273,7 +287,7 @@ private:
   const IoContext _io; // destroyed last
   const std::shared_ptr<Server> _server;
   const Client _client;
-  websocket::stream<Stream> _webSocket;
+  websocket::stream<Stream, false> _webSocket; // without compression
   asio::steady_timer _timer;
   std::shared_ptr<Outbox> _outbox;
   const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = std::make_shared<Dispatcher::OpenCalls>();

@@ -23,8 +23,8 @@ TEST_F(LivePageTest, EveryFileThatThePageRefersToIsServedWithItsType)
     SCOPED_TRACE(path);
     const auto answer = get(path, {}, "observer-token");
     EXPECT_EQ(answer.status, 200U);
-    EXPECT_TRUE(answer.whole[http::field::content_type].starts_with(type));
-    EXPECT_THAT(std::string(answer.whole["Content-Security-Policy"]), testing::HasSubstr("script-src 'self';"));
+    EXPECT_TRUE(answer.header[http::field::content_type].starts_with(type));
+    EXPECT_THAT(std::string(answer.header["Content-Security-Policy"]), testing::HasSubstr("script-src 'self';"));
   }
   // What a script imports is a file, too.
   for (const auto& asset : Tarvik::assets())

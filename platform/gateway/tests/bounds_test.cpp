@@ -1,5 +1,7 @@
 #include "fixture.hpp"
 
+#include <future>
+
 #include <sys/resource.h>
 
 #include <vu/log.hpp>
@@ -39,7 +41,7 @@ protected:
   static bool hasEnded(Socket& socket)
   {
     char byte = 0;
-    beast::error_code error;
+    boost::system::error_code error;
     asio::read(socket, asio::buffer(&byte, 1), error);
     return error.failed();
   }
@@ -117,19 +119,15 @@ TEST_F(Bounds, WebSocketMakesRoomOnlyWhenNothingElseIsIdleAndNeverWithLinks)
   options.limits.connections = 2;
   begin();
   auto subscribed = open();
-  beast::flat_buffer buffer;
-  subscribed->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})")));
-  subscribed->read(buffer);
+  subscribed.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})");
   auto later = idle();
   auto unused = open();
   EXPECT_TRUE(hasEnded(later));
-  beast::error_code error;
   auto request = std::async(std::launch::async, [this] { return get("/Bench/").status; });
-  unused->read(buffer, error);
-  EXPECT_EQ(unused->reason().code, websocket::close_code::try_again_later);
+  EXPECT_EQ(unused.reasonOfEnd().code, websocket::close_code::try_again_later);
   EXPECT_EQ(request.get(), 200U);
   memory->raise("still", "here");
-  EXPECT_NE(subscribed->read(buffer, error), 0U) << error.message();
+  EXPECT_EQ(subscribed.receive()["params"]["key"], "still");
 }
 
 TEST_F(Bounds, ClientThatDoesNotTakeItsAnswerIsDisconnectedAndDelaysNobody)

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <algorithm>
 #include <condition_variable>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,14 +10,12 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/websocket.hpp>
+#include <boost/beast/http/fields.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
 
 #include <gateway/gateway.hpp>
 #include <vu/caller.hpp>
@@ -43,25 +39,7 @@ constexpr std::chrono::seconds patience{20};
 class Bench final : public ZB::ZBModule
 {
 public:
-  Bench(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name) : ZBModule(std::move(broker), name)
-  {
-    setModuleDescription("does what a client may meet");
-    bind("add", "adds", {"left", "right"}, &Bench::add);
-    bind("echo", "gives back what it gets", {"value"}, &Bench::echo);
-    bind("nothing", "does nothing", {}, &Bench::nothing);
-    bind("fail", "fails", {"text"}, &Bench::fail);
-    bind("later", "gives a future that finishLater() completes", {"key"}, &Bench::later);
-    bind("failAtOnce", "throws instead of giving a future", {}, &Bench::failAtOnce);
-    bind("failedFuture", "gives a future that has failed with a plain text", {}, &Bench::failedFuture);
-    bind("block", "blocks until unblock()", {}, &Bench::block);
-    bind("caller", "tells its caller", {}, &Bench::caller);
-    bind("emit", "emits the signal", {"number"}, &Bench::emit);
-    bind("raise", "emits eventRaised", {"key", "value"}, &Bench::raise);
-    bind("preloadBehavior", "is called by pages as loadBehavior", {"name"}, &Bench::echo);
-    bind("stopBehavior", "is called by pages as unloadBehavior", {"name"}, &Bench::echo);
-    advertiseSignal("happened", happened);
-    advertiseSignal("eventRaised", eventRaised);
-  }
+  Bench(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name);
 
   std::string httpGet() override { return getName() == "Silent" ? "" : "<html><body>" + getName() + "</body></html>"; }
 
@@ -124,13 +102,8 @@ public:
   vu::Signal<std::string, vu::Value> eventRaised;
 
 private:
-  template <typename M> void bind(const std::string& name, const std::string& text, std::initializer_list<const char*> parameters, M member)
-  {
-    functionName(name, getName(), text);
-    for (const auto* const parameter : parameters)
-      addParam(parameter, "");
-    bindMethod(this, member);
-  }
+  template <typename M>
+  void bind(const std::string& name, const std::string& text, std::initializer_list<const char*> parameters, M member);
 
   std::mutex _mutex; // guards the members below
   std::condition_variable _changed;
@@ -143,7 +116,28 @@ struct Answer
 {
   unsigned status = 0;
   std::string body;
-  http::response<http::string_body> whole;
+  http::fields header;
+};
+
+/// A WebSocket as it is, for what a well-behaved client does not do.
+class RawWebSocket
+{
+public:
+  RawWebSocket(asio::ip::tcp::socket socket, const std::string& port, const std::string& token);
+  ~RawWebSocket();
+
+  void send(const std::string& text);
+  /// The next message; throws when the connection has ended.
+  vu::Value receive();
+  vu::Value ask(const std::string& text);
+  /// Reads all that still comes.
+  websocket::close_reason reasonOfEnd();
+  /// Without a word.
+  void hangUp();
+
+private:
+  struct Implementation;
+  const std::unique_ptr<Implementation> _implementation;
 };
 
 class GatewayFixture : public testing::Test
@@ -151,67 +145,17 @@ class GatewayFixture : public testing::Test
 protected:
   static constexpr const char* token = "admin-token";
 
-  GatewayFixture()
-  {
-    options.port = 0;
-    options.limits.close = std::chrono::milliseconds(1000);
-    options.access->add(token, {"local", Tarvik::Role::Admin});
-    options.access->add("operator-token", {"tablet", Tarvik::Role::Operator});
-    options.access->add("observer-token", {"screen", Tarvik::Role::Observer});
-  }
+  GatewayFixture();
+  ~GatewayFixture() override;
 
-  void begin()
-  {
-    bench = &broker->createModule<Bench>("Bench");
-    memory = &broker->createModule<Bench>("ZBMemory");
-    broker->createModule<Bench>("Silent");
-    gateway = std::make_unique<Tarvik::Gateway>(options);
-    url = gateway->listen();
-    port = url.substr(url.rfind(':') + 1);
-    gateway->start(broker);
-  }
+  void begin();
+  void TearDown() override;
 
-  void TearDown() override
-  {
-    if (bench)
-      bench->unblock();
-    if (gateway)
-      gateway->stop();
-    broker->shutdown();
-  }
-
-  asio::ip::tcp::socket connect()
-  {
-    asio::ip::tcp::socket socket(io);
-    socket.connect({asio::ip::make_address("127.0.0.1"), static_cast<std::uint16_t>(std::stoi(port))});
-    return socket;
-  }
-
-  /// A WebSocket as it is, for what a well-behaved client does not do.
-  std::unique_ptr<websocket::stream<asio::ip::tcp::socket>> open()
-  {
-    auto stream = std::make_unique<websocket::stream<asio::ip::tcp::socket>>(connect());
-    stream->set_option(websocket::stream_base::decorator([](websocket::request_type& header)
-                                                         { header.set(http::field::authorization, std::string("Bearer ") + token); }));
-    stream->handshake("127.0.0.1:" + port, "/rpc");
-    return stream;
-  }
-
-  Answer receive(asio::ip::tcp::socket& socket)
-  {
-    beast::flat_buffer buffer;
-    http::response<http::string_body> response;
-    http::read(socket, buffer, response);
-    return {response.result_int(), response.body(), response};
-  }
-
+  asio::ip::tcp::socket connect();
+  RawWebSocket open() { return {connect(), port, token}; }
+  Answer receive(asio::ip::tcp::socket& socket);
   /// Sends a request as it stands and reads one answer.
-  Answer raw(const std::string& text)
-  {
-    auto socket = connect();
-    asio::write(socket, asio::buffer(text));
-    return receive(socket);
-  }
+  Answer raw(const std::string& text);
 
   /// Asks again and again, with a request in between, which is never to wait.
   template <typename Condition> bool waitUntil(Condition condition)
@@ -223,21 +167,7 @@ protected:
   }
 
   using Fields = std::vector<std::pair<std::string, std::string>>;
-  std::string request(const std::string& line, Fields fields = {}, const std::string& body = {}, const std::string& bearer = token) const
-  {
-    std::string text = line + " HTTP/1.1\r\n";
-    const auto has = [&fields](const std::string& name)
-    { return std::any_of(fields.begin(), fields.end(), [&](auto& f) { return f.first == name; }); };
-    if (!has("Host"))
-      fields.emplace_back("Host", "127.0.0.1:" + port);
-    if (!bearer.empty())
-      fields.emplace_back("Authorization", "Bearer " + bearer);
-    if (!body.empty())
-      fields.emplace_back("Content-Length", std::to_string(body.size()));
-    for (const auto& [name, value] : fields)
-      text += name + ": " + value + "\r\n";
-    return text + "\r\n" + body;
-  }
+  std::string request(const std::string& line, Fields fields = {}, const std::string& body = {}, const std::string& bearer = token) const;
 
   Answer get(const std::string& target, Fields fields = {}, const std::string& bearer = token)
   {

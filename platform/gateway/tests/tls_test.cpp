@@ -1,6 +1,7 @@
 #include "fixture.hpp"
 
 #include <cstdio>
+#include <future>
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>

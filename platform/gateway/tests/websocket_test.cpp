@@ -50,22 +50,7 @@ private:
 
 } // namespace
 
-class WebSocket : public GatewayFixture
-{
-protected:
-  template <typename Stream> static vu::Value ask(Stream& stream, const std::string& text)
-  {
-    stream.write(asio::buffer(text));
-    return read(stream);
-  }
-
-  template <typename Stream> static vu::Value read(Stream& stream)
-  {
-    beast::flat_buffer buffer;
-    stream.read(buffer);
-    return vu::Value::parse(beast::buffers_to_string(buffer.data()));
-  }
-};
+using WebSocket = GatewayFixture;
 
 TEST_F(WebSocket, RemoteObjectWorksLikeTheOneInTheHost)
 {
@@ -192,17 +177,17 @@ TEST_F(WebSocket, AnswerNeverOvertakesWhatWasEmittedBefore)
           bench->emit(-1);
       });
   // The link is known before its first notification, however fast that comes.
-  const auto link = ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
+  const auto link = stream.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
   emitter.request_stop();
   emitter.join();
   ASSERT_TRUE(link.contains("result")) << link;
   for (int i = 0; i < 50; ++i)
   {
-    auto message = ask(*stream, R"({"jsonrpc":"2.0","id":2,"method":"Bench.emit","params":[)" + std::to_string(i) + "]}");
+    auto message = stream.ask(R"({"jsonrpc":"2.0","id":2,"method":"Bench.emit","params":[)" + std::to_string(i) + "]}");
     while (message.contains("method") && message["params"]["arguments"][0] == -1)
-      message = read(*stream);
+      message = stream.receive();
     ASSERT_EQ(message["params"]["arguments"][0], i);
-    ASSERT_EQ(read(*stream)["id"], 2);
+    ASSERT_EQ(stream.receive()["id"], 2);
   }
 }
 
@@ -212,7 +197,7 @@ TEST_F(WebSocket, ClientThatDoesNotKeepUpIsDisconnectedWithTheReasonAndNobodyEls
   options.limits.close = std::chrono::milliseconds(10000);
   begin();
   auto slow = open();
-  ask(*slow, R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})");
+  slow.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})");
   Collector<vu::Value> seen;
   RemoteSession other(remote());
   other.subscribe("last", [&](const std::string&, const vu::Value& value) { seen.add(value); }).value();
@@ -225,16 +210,9 @@ TEST_F(WebSocket, ClientThatDoesNotKeepUpIsDisconnectedWithTheReasonAndNobodyEls
   memory->raise("last", "good");
   EXPECT_EQ(seen.waitFor(1).front(), "good");
   EXPECT_NE(get("/metrics").body.find("\ntarvik_gateway_queue_drops_total 1\n"), std::string::npos);
-  beast::error_code error;
-  beast::flat_buffer buffer;
-  while (!error)
-  {
-    buffer.clear();
-    slow->read(buffer, error);
-  }
-  EXPECT_EQ(error, websocket::error::closed);
-  EXPECT_EQ(slow->reason().code, websocket::close_code::policy_error);
-  EXPECT_EQ(slow->reason().reason, "this client does not keep up with its signals and answers");
+  const auto reason = slow.reasonOfEnd();
+  EXPECT_EQ(reason.code, websocket::close_code::policy_error);
+  EXPECT_EQ(reason.reason, "this client does not keep up with its signals and answers");
 }
 
 TEST_F(WebSocket, ConnectionThatDropsWithCallsOpenLeavesNothingBehind)
@@ -242,12 +220,12 @@ TEST_F(WebSocket, ConnectionThatDropsWithCallsOpenLeavesNothingBehind)
   begin();
   {
     auto stream = open();
-    ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
-    stream->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":2,"method":"Bench.later","params":["k"]})")));
-    stream->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":3,"method":"Bench.block"})")));
+    stream.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]})");
+    stream.send(R"({"jsonrpc":"2.0","id":2,"method":"Bench.later","params":["k"]})");
+    stream.send(R"({"jsonrpc":"2.0","id":3,"method":"Bench.block"})");
     ASSERT_TRUE(bench->waitForLater("k"));
     ASSERT_TRUE(bench->waitForBlocked(1));
-    stream->next_layer().close();
+    stream.hangUp();
   }
   EXPECT_TRUE(waitUntil([this] { return bench->happened.connectionCount() == 0; }));
   bench->finishLater("k", 1);
@@ -317,22 +295,18 @@ TEST_F(WebSocket, BadMessagesAreAnsweredAndTooLargeOnesEndTheConnection)
   options.limits.links = 1;
   begin();
   auto stream = open();
-  EXPECT_EQ(ask(*stream, "{")["error"]["code"], -32700);
-  EXPECT_EQ(ask(*stream, "[]")["error"]["code"], -32600);
-  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.disconnect","params":["x"]})")["error"]["code"], -32602);
-  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.disconnect","params":[99]})")["result"], nullptr);
-  EXPECT_TRUE(ask(*stream, R"([{"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]}])")[0].contains("result"));
-  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})")["error"]["code"], -32002);
+  EXPECT_EQ(stream.ask("{")["error"]["code"], -32700);
+  EXPECT_EQ(stream.ask("[]")["error"]["code"], -32600);
+  EXPECT_EQ(stream.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.disconnect","params":["x"]})")["error"]["code"], -32602);
+  EXPECT_EQ(stream.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.disconnect","params":[99]})")["result"], nullptr);
+  EXPECT_TRUE(stream.ask(R"([{"jsonrpc":"2.0","id":1,"method":"session.connect","params":["Bench","happened"]}])")[0].contains("result"));
+  EXPECT_EQ(stream.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})")["error"]["code"], -32002);
   for (int i = 0; i < 2; ++i)
-    stream->write(asio::buffer(std::string(R"({"jsonrpc":"2.0","id":9,"method":"Bench.block"})")));
+    stream.send(R"({"jsonrpc":"2.0","id":9,"method":"Bench.block"})");
   ASSERT_TRUE(bench->waitForBlocked(2));
-  EXPECT_EQ(ask(*stream, R"({"jsonrpc":"2.0","id":3,"method":"Bench.nothing"})")["error"]["code"], -32002);
-  stream->write(asio::buffer(std::string(10001, ' ')));
-  beast::flat_buffer buffer;
-  beast::error_code error;
-  stream->read(buffer, error);
-  EXPECT_TRUE(error);
-  EXPECT_EQ(stream->reason().code, websocket::close_code::too_big);
+  EXPECT_EQ(stream.ask(R"({"jsonrpc":"2.0","id":3,"method":"Bench.nothing"})")["error"]["code"], -32002);
+  stream.send(std::string(10001, ' '));
+  EXPECT_EQ(stream.reasonOfEnd().code, websocket::close_code::too_big);
 }
 
 TEST_F(WebSocket, HandshakeIsRefusedToStrangers)

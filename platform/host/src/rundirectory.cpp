@@ -42,11 +42,12 @@ RunDirectory::RunDirectory(const fs::path& root) : _layout(root)
     throw failure("open", _layout.lock);
   if (::flock(_lock, LOCK_EX | LOCK_NB) != 0)
   {
-    const bool taken = errno == EWOULDBLOCK;
-    auto error = taken ? std::runtime_error("another host runs on the root " + root.string() + ": stop it, or give another --root")
-                       : failure("lock", _layout.lock);
+    const int reason = errno;
     ::close(_lock);
-    throw error;
+    if (reason == EWOULDBLOCK)
+      throw std::runtime_error("another host runs on the root " + root.string() + ": stop it, or give another --root");
+    errno = reason;
+    throw failure("lock", _layout.lock);
   }
 }
 

@@ -7,6 +7,7 @@
 #include <vu/remotesession.hpp>
 
 #include "daemon.hpp"
+#include "sanitized.hpp"
 
 using HostTest::Daemon;
 using HostTest::RootFixture;
@@ -17,15 +18,10 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int slowness = 10;
-#else
-constexpr int slowness = 1;
-#endif
 #ifdef __OPTIMIZE__
-constexpr auto shutdownLimit = 5s * slowness;
+constexpr auto shutdownLimit = sanitized ? 50s : 5s;
 #else
-constexpr auto shutdownLimit = 20s;
+constexpr auto shutdownLimit = sanitized ? 200s : 20s;
 #endif
 
 const std::string idle = "<wait seconds=\"100000\"/>";
@@ -171,6 +167,6 @@ TEST_F(Shutdown, AHostThatIsKilledAtAnyMomentTakesItsProgramsAlong)
       daemon.signal(SIGKILL);
     }
     daemon.wait();
-    EXPECT_TRUE(eventually([this] { return processes() == 0; }, 2s * slowness)) << processes() << " live in round " << round;
+    EXPECT_TRUE(eventually([this] { return processes() == 0; }, sanitized ? 20s : 2s)) << processes() << " live in round " << round;
   }
 }

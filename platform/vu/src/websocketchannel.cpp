@@ -10,7 +10,6 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
@@ -66,6 +65,13 @@ namespace
 /// The host sends nothing larger: its own queue is not.
 constexpr std::size_t maximumMessage = 64 << 20;
 
+// The channel's one thread is known, so nothing has to be able to run elsewhere:
+// with the general executors all of this takes twice as long to compile.
+using Executor = asio::io_context::executor_type;
+using Socket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
+using Resolver = asio::ip::basic_resolver<asio::ip::tcp, Executor>;
+using Timer = asio::basic_waitable_timer<std::chrono::steady_clock, asio::wait_traits<std::chrono::steady_clock>, Executor>;
+
 template <typename Stream> class Channel final : public WebSocketChannel
 {
 public:
@@ -88,13 +94,12 @@ public:
             fail("it did not answer within " + std::to_string(_options.timeout.count()) + " ms");
         });
     _resolver.async_resolve(_address.host, _address.port,
-                            [this](error_code error, const asio::ip::tcp::resolver::results_type& endpoints)
+                            [this](error_code error, const Resolver::results_type& endpoints)
                             {
                               if (error)
                                 return fail(error.message());
-                              beast::get_lowest_layer(_webSocket)
-                                  .async_connect(endpoints,
-                                                 [this](error_code error, const auto&) { error ? fail(error.message()) : secure(); });
+                              asio::async_connect(beast::get_lowest_layer(_webSocket), endpoints,
+                                                  [this](error_code error, const auto&) { error ? fail(error.message()) : secure(); });
                             });
     auto opened = _opened.get_future();
     _thread = std::thread([this] { _io.run(); });
@@ -147,7 +152,9 @@ private:
 
   void secure()
   {
-    if constexpr (std::is_same_v<Stream, beast::tcp_stream>)
+    error_code ignored;
+    beast::get_lowest_layer(_webSocket).set_option(asio::ip::tcp::no_delay(true), ignored);
+    if constexpr (std::is_same_v<Stream, Socket>)
       greet();
     else
     {
@@ -208,7 +215,7 @@ private:
                            {
                              // The read fails as well, and tells.
                              if (error)
-                               return beast::get_lowest_layer(_webSocket).close();
+                               return closeSocket();
                              _outgoing.pop_front();
                              if (!_outgoing.empty())
                                write();
@@ -245,12 +252,18 @@ private:
     _opened.set_exception(std::make_exception_ptr(error));
   }
 
+  void closeSocket()
+  {
+    error_code ignored;
+    beast::get_lowest_layer(_webSocket).close(ignored);
+  }
+
   void abort()
   {
     _state = State::Ended;
     _timer.cancel();
     _resolver.cancel();
-    beast::get_lowest_layer(_webSocket).close();
+    closeSocket();
     _io.stop(); // a timer of the WebSocket may still be waiting
   }
 
@@ -259,9 +272,9 @@ private:
   const HostAddress _address;
   const Handlers _handlers;
   asio::io_context _io{1};
-  asio::ip::tcp::resolver _resolver;
-  websocket::stream<Stream> _webSocket;
-  asio::steady_timer _timer;
+  Resolver _resolver;
+  websocket::stream<Stream, false> _webSocket; // without compression
+  Timer _timer;
   websocket::response_type _answer;
   beast::flat_buffer _incoming;
   std::deque<std::string> _outgoing;
@@ -300,7 +313,7 @@ private:
   }
 
   asio::ssl::context _context;
-  Channel<beast::ssl_stream<beast::tcp_stream>> _channel;
+  Channel<asio::ssl::stream<Socket>> _channel;
 };
 
 } // namespace
@@ -310,7 +323,7 @@ std::unique_ptr<WebSocketChannel> WebSocketChannel::connect(const RemoteSession:
   auto address = HostAddress::parse(options.url);
   if (address.secure)
     return std::make_unique<SecureChannel>(options, std::move(address), std::move(handlers));
-  auto channel = std::make_unique<Channel<beast::tcp_stream>>(options, std::move(address), std::move(handlers));
+  auto channel = std::make_unique<Channel<Socket>>(options, std::move(address), std::move(handlers));
   channel->open();
   return channel;
 }

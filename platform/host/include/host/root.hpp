@@ -13,7 +13,7 @@ std::filesystem::path resolveRoot(const std::string& given = {});
 /// Names in a root.
 struct RootLayout
 {
-  explicit RootLayout(std::filesystem::path root)
+  explicit RootLayout(const std::filesystem::path& root)
       : packages(root / "packages"), preferences(root / "preferences"), run(root / "run"), endpoint(run / "endpoint"), token(run / "token"),
         lock(run / "lock"), tokens(root / "tokens")
   {

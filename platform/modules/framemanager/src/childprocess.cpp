@@ -69,6 +69,7 @@ Ends makeSockets(const std::string& program)
 std::vector<char*> pointers(const std::vector<std::string>& texts)
 {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (const auto& text : texts)
     result.push_back(const_cast<char*>(text.c_str()));
   result.push_back(nullptr);

@@ -195,8 +195,14 @@ void ZBFrameManager::playBehavior(const std::string& id)
 vu::Future<void> ZBFrameManager::waitForStopped(const std::string& id)
 {
   const std::lock_guard lock(_mutex);
-  const auto found = _entries.find(id);
-  return found == _entries.end() ? vu::makeReadyFuture<void>({}, getParentBroker()->pool()) : found->second.stopped.future();
+  if (const auto found = _entries.find(id); found != _entries.end())
+    return found->second.stopped.future();
+  const vu::Promise<void> ended(getParentBroker()->pool());
+  if (const auto failure = _failures.find(id); failure != _failures.end())
+    ended.setError(failure->second);
+  else
+    ended.setValue();
+  return ended.future();
 }
 
 std::set<std::string> ZBFrameManager::behaviors() const
@@ -247,18 +253,17 @@ void ZBFrameManager::conclude(const std::string& id, const Ending& ending)
   behaviorStopped(id);
 
   // The entry stays until here, so that whoever comes meanwhile waits for the emissions.
-  const auto stopped = [this, &id, failed]
+  const auto stopped = [&]
   {
     const std::lock_guard lock(_mutex);
     auto promise = _entries.at(id).stopped;
-    if (!failed)
-      _entries.erase(id);
-    else
-      _failures.push_back(id);
+    _entries.erase(id);
+    if (failed)
+      _failuresByAge.push_back(_failures.emplace(id, failure.message).first);
     if (_failures.size() > failuresRemembered)
     {
-      _entries.erase(_failures.front());
-      _failures.pop_front();
+      _failures.erase(_failuresByAge.front());
+      _failuresByAge.pop_front();
     }
     return promise;
   }();

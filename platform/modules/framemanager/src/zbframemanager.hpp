@@ -64,7 +64,7 @@ public:
 private:
   struct Entry
   {
-    /// Null once it has left the list.
+    /// Null once its end is being announced.
     std::shared_ptr<FrameManager::BehaviorInstance> instance;
     vu::Promise<void> stopped;
   };
@@ -90,11 +90,12 @@ private:
   mutable std::mutex _mutex; // guards the members below
   bool _closing = false;
   std::uint64_t _lastId = 0;
-  /// Those held, those whose end is being announced, and the failed ones remembered.
+  /// Those held, and those whose end is being announced.
   std::map<std::string, Entry> _entries;
-  /// Ids of the failures remembered, the oldest first. Of any other instance
-  /// that has ended there is nothing to tell but that it has.
-  std::deque<std::string> _failures;
+  /// What the last failures were, by id. Of any other instance that has ended
+  /// there is nothing to tell but that it has.
+  std::map<std::string, std::string> _failures;
+  std::deque<std::map<std::string, std::string>::const_iterator> _failuresByAge; ///< the oldest first
 };
 
 } // namespace ZB

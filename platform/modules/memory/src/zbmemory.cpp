@@ -173,7 +173,7 @@ void ZBMemory::subscribe(const char* method, const std::string& key, const std::
     throw ZBError(getName(), method,
                   "a subscription needs a key, a module and a method; got the key " + inQuotes(key) + ", the module " + inQuotes(module) +
                       " and the method " + inQuotes(callback));
-  auto subscription = std::make_shared<Subscription>(key, module, message, callback);
+  std::shared_ptr<Subscription> subscription(new Subscription{key, module, message, callback});
   const std::lock_guard lock(_mutex);
   _subscribers[key][module] = {std::move(subscription), lineOf(module)};
 }

@@ -93,9 +93,10 @@ TEST_F(Manifest, faultsAreToldWithLineAndThing)
       {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='b'/></package>", "line 3", "\"b/behavior.xar\" is missing"},
   };
   for (const auto& [text, place, thing] : cases)
-    EXPECT_THAT([&] { parse(text); },
-                ThrowsMessage<ZB::PackageError>(testing::AllOf(StartsWith("manifest.xml, " + place), HasSubstr(thing))))
-        << text;
+  {
+    const auto reading = [&, &text = text] { parse(text); };
+    EXPECT_THAT(reading, ThrowsMessage<ZB::PackageError>(testing::AllOf(StartsWith("manifest.xml, " + place), HasSubstr(thing)))) << text;
+  }
 }
 
 } // namespace
