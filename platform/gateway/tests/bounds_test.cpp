@@ -133,14 +133,12 @@ TEST_F(Bounds, WebSocketMakesRoomOnlyWhenNothingElseIsIdleAndNeverWithLinks)
 TEST_F(Bounds, ClientThatDoesNotTakeItsAnswerIsDisconnectedAndDelaysNobody)
 {
   options.limits.send = milliseconds(300);
-  options.limits.messageBytes = 64 << 20;
   begin();
   vu::log::Capture log;
   auto slow = connect();
   slow.set_option(asio::socket_base::receive_buffer_size(4096));
-  asio::write(slow,
-              asio::buffer(request("POST /rpc", {},
-                                   R"({"jsonrpc":"2.0","id":1,"method":"Bench.echo","params":[")" + std::string(32 << 20, 'x') + "\"]}")));
+  bench->filler = std::string(32 << 20, 'x');
+  asio::write(slow, asio::buffer(request("GET /Bench/")));
   EXPECT_TRUE(waitUntil([&log] { return log.count(vu::log::Level::Info, "does not take its answer") == 1; }));
 }
 

@@ -41,7 +41,7 @@ class Bench final : public ZB::ZBModule
 public:
   Bench(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name);
 
-  std::string httpGet() override { return getName() == "Silent" ? "" : "<html><body>" + getName() + "</body></html>"; }
+  std::string httpGet() override { return getName() == "Silent" ? "" : "<html><body>" + getName() + filler + "</body></html>"; }
 
   int add(const int& left, const int& right) { return left + right; }
   vu::Value echo(const vu::Value& value) { return value; }
@@ -98,6 +98,7 @@ public:
     _changed.notify_all();
   }
 
+  std::string filler; ///< makes the page longer
   vu::Signal<int> happened;
   vu::Signal<std::string, vu::Value> eventRaised;
 

@@ -253,7 +253,7 @@ void ZBFrameManager::conclude(const std::string& id, const Ending& ending)
   behaviorStopped(id);
 
   // The entry stays until here, so that whoever comes meanwhile waits for the emissions.
-  const auto stopped = [&]
+  const auto stopped = [&, &failure = failure]
   {
     const std::lock_guard lock(_mutex);
     auto promise = _entries.at(id).stopped;
