@@ -53,22 +53,22 @@ void Dispatcher::handle(JsonRpc::Message message, const Client& client, const st
     const auto answer = std::make_shared<BatchAnswer>(message.entries.size(), std::move(done));
     for (std::size_t i = 0; i < message.entries.size(); ++i)
       if (auto* const request = std::get_if<JsonRpc::Request>(&message.entries[i]))
-        dispatch(std::move(*request), client, open, own, [answer, i](std::string text) { answer->set(i, std::move(text)); });
+        dispatch(*request, client, open, own, [answer, i](std::string text) { answer->set(i, std::move(text)); });
       else
         answer->set(i, std::get<std::string>(message.entries[i]));
     return;
   }
   if (auto* const request = std::get_if<JsonRpc::Request>(&message.entries.front()))
-    dispatch(std::move(*request), client, open, own, std::move(done));
+    dispatch(*request, client, open, own, std::move(done));
   else
     done(std::get<std::string>(message.entries.front()));
 }
 
-void Dispatcher::dispatch(JsonRpc::Request request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
+void Dispatcher::dispatch(const JsonRpc::Request& request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
                           Done done) const
 {
   if (request.notification)
-    done = [done](std::string) { done({}); };
+    done = [done](const std::string&) { done({}); };
   const auto begin = Metrics::Clock::now();
   const bool counted = request.service != "session";
   if (counted)

@@ -42,7 +42,8 @@ public:
   void handle(JsonRpc::Message message, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own, Done done) const;
 
 private:
-  void dispatch(JsonRpc::Request request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own, Done done) const;
+  void dispatch(const JsonRpc::Request& request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
+                Done done) const;
   std::string session(const JsonRpc::Request& request, const Client& client) const;
   void call(const JsonRpc::Request& request, const Client& client, Metrics::Clock::time_point begin, const Done& done) const;
 

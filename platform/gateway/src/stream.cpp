@@ -28,7 +28,7 @@ void Stream::handshake(Done done) { _secure->async_handshake(asio::ssl::stream_b
 
 void Stream::shutdown(Done done) { _secure->async_shutdown(std::move(done)); }
 
-void Stream::read(std::vector<asio::mutable_buffer> buffers, Transferred done)
+void Stream::read(const std::vector<asio::mutable_buffer>& buffers, Transferred done)
 {
   if (_secure)
     _secure->async_read_some(buffers, std::move(done));
@@ -36,7 +36,7 @@ void Stream::read(std::vector<asio::mutable_buffer> buffers, Transferred done)
     _tcp->async_read_some(buffers, std::move(done));
 }
 
-void Stream::write(std::vector<asio::const_buffer> buffers, Transferred done)
+void Stream::write(const std::vector<asio::const_buffer>& buffers, Transferred done)
 {
   if (_secure)
     _secure->async_write_some(buffers, std::move(done));

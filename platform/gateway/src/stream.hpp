@@ -55,8 +55,8 @@ public:
 private:
   struct Secure;
 
-  void read(std::vector<boost::asio::mutable_buffer> buffers, Transferred done);
-  void write(std::vector<boost::asio::const_buffer> buffers, Transferred done);
+  void read(const std::vector<boost::asio::mutable_buffer>& buffers, Transferred done);
+  void write(const std::vector<boost::asio::const_buffer>& buffers, Transferred done);
   void tearDown(boost::beast::role_type role, Done done);
 
   /// Handlers can only be moved, and are called once.

@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 #ifdef __OPTIMIZE__
 constexpr auto shutdownLimit = sanitized ? 50s : 5s;
 #else
-constexpr auto shutdownLimit = sanitized ? 200s : 20s;
+constexpr auto shutdownLimit = sanitized ? 200s : 60s;
 #endif
 
 const std::string idle = "<wait seconds=\"100000\"/>";
