@@ -11,7 +11,7 @@ if(TARVIK_SANITIZE)
   target_link_options(tarvik_options INTERFACE -fsanitize=${TARVIK_SANITIZE})
   if(TARVIK_SANITIZE MATCHES undefined)
     # What these would find crashes, or does not matter here; checked at every
-    # member they would take as long to compile as all the other checks.
+    # member they take nearly as long to compile as all the other checks.
     target_compile_options(tarvik_options INTERFACE -fno-sanitize=null,alignment,vptr)
   endif()
   if(TARVIK_SANITIZE MATCHES thread)
