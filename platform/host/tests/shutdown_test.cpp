@@ -19,9 +19,9 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 #ifdef __OPTIMIZE__
-constexpr auto shutdownLimit = sanitized ? 50s : 5s;
+constexpr auto shutdownLimit = sanitized ? 20s : 5s;
 #else
-constexpr auto shutdownLimit = sanitized ? 200s : 60s;
+constexpr auto shutdownLimit = 20s;
 #endif
 
 const std::string idle = "<wait seconds=\"100000\"/>";

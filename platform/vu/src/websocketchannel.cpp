@@ -66,7 +66,7 @@ namespace
 constexpr std::size_t maximumMessage = 64 << 20;
 
 // The channel's one thread is known, so nothing has to be able to run elsewhere:
-// with the general executors all of this takes twice as long to compile.
+// with the general executors all of this takes far longer to compile.
 using Executor = asio::io_context::executor_type;
 using Socket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
 using Resolver = asio::ip::basic_resolver<asio::ip::tcp, Executor>;
