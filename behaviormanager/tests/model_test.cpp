@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "model.hpp"
-#include "sanitized.hpp"
+#include <testing/sanitized.hpp>
 #include "testplatform.hpp"
 
 using namespace ZB;
@@ -18,7 +18,7 @@ namespace
 
 using Script = StandInFrameManager::Script;
 
-constexpr unsigned sequences = sanitized ? 200 : 2000;
+constexpr unsigned sequences = TestSupport::sanitized ? 200 : 2000;
 constexpr int steps = 15;
 
 class Comparison

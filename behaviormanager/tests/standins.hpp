@@ -16,12 +16,14 @@
 #include <zb/zbmodule.hpp>
 #include <zb/zbvalue.hpp>
 
-#include "journal.hpp"
+#include <testing/journal.hpp>
 
 /// Stand-ins for the services at the module's outer edge: they record their
 /// calls, refuse them on demand, and let a test in while a call is under way.
 namespace ZB::BehaviorManager
 {
+
+using TestSupport::Journal;
 
 class StandIn : public ZBModule
 {

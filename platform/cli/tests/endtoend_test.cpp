@@ -6,11 +6,14 @@
 
 #include <vu/value.hpp>
 
-#include "process.hpp"
+#include <testing/process.hpp>
 
 // The command line against a host, each a process of its own, as in use.
 namespace Tarvik::Test
 {
+
+using TestSupport::Process;
+using TestSupport::patience;
 
 using testing::AllOf;
 using testing::ElementsAre;

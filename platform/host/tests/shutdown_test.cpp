@@ -7,7 +7,7 @@
 #include <vu/remotesession.hpp>
 
 #include "daemon.hpp"
-#include "sanitized.hpp"
+#include <testing/sanitized.hpp>
 
 using HostTest::Daemon;
 using HostTest::RootFixture;
@@ -19,7 +19,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 #ifdef __OPTIMIZE__
-constexpr auto shutdownLimit = sanitized ? 20s : 5s;
+constexpr auto shutdownLimit = TestSupport::sanitized ? 20s : 5s;
 #else
 constexpr auto shutdownLimit = 20s;
 #endif
@@ -94,7 +94,7 @@ private:
 
 TEST_F(Shutdown, TakesLessThanFiveSecondsWithAThousandBehaviorsAndAHundredClientsThatWait)
 {
-  constexpr int behaviors = sanitized ? 200 : 1000; // each end is told to all that play
+  constexpr int behaviors = TestSupport::sanitized ? 200 : 1000; // each end is told to all that play
   constexpr int programs = behaviors / 20;
   constexpr int clients = behaviors / 10;
   for (int i = 0; i < behaviors; ++i)
@@ -167,6 +167,6 @@ TEST_F(Shutdown, AHostThatIsKilledAtAnyMomentTakesItsProgramsAlong)
       daemon.signal(SIGKILL);
     }
     daemon.wait();
-    EXPECT_TRUE(eventually([this] { return processes() == 0; }, sanitized ? 20s : 2s)) << processes() << " live in round " << round;
+    EXPECT_TRUE(eventually([this] { return processes() == 0; }, TestSupport::sanitized ? 20s : 2s)) << processes() << " live in round " << round;
   }
 }

@@ -6,7 +6,7 @@
 
 #include <vu/future.hpp>
 
-#include "waiting.hpp"
+#include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
 using vu::Future;
@@ -64,7 +64,7 @@ TEST(Future, OneOfManyConcurrentResultsStays)
   {
     const Promise<int> promise;
     std::atomic<int> winner{-1}, winners{0};
-    waiting::Event continued(3);
+    TestSupport::Event continued(3);
     {
       const std::jthread attaching(
           [&]

@@ -6,14 +6,14 @@
 
 #include <vu/objectbuilder.hpp>
 
-#include "waiting.hpp"
+#include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
 using vu::Future;
 using vu::Object;
 using vu::ServiceError;
 using vu::Value;
-using waiting::Event;
+using TestSupport::Event;
 using Kind = ServiceError::Kind;
 
 namespace
@@ -109,7 +109,7 @@ TEST_F(ObjectTest, MethodThatGivesAFutureIsWaitedForAndHoldsNoThreadWhenPosted)
   std::vector<Future<std::string>> posted; // more than the pool may have threads
   for (int i = 0; i < 40; ++i)
     posted.push_back(object.async<std::string>("later"));
-  EXPECT_TRUE(object.async<std::string>("place").wait(waiting::bound));
+  EXPECT_TRUE(object.async<std::string>("place").wait(TestSupport::patience));
   EXPECT_FALSE(posted.back().isFinished());
   const std::jthread completer([&] { arm->promise.setValue("at last"); });
   EXPECT_EQ(object.call<std::string>("later"), "at last");
@@ -133,7 +133,7 @@ TEST_F(ObjectTest, DeliveriesOfAllSignalsRunInOrderOfEmissionOffTheEmittersThrea
     arm->said("s", i);
     emitted += std::to_string(i) + "s" + std::to_string(i);
   }
-  ASSERT_TRUE(object.delivered().wait(waiting::bound)) << "what was emitted stands in the line already";
+  ASSERT_TRUE(object.delivered().wait(TestSupport::patience)) << "what was emitted stands in the line already";
   EXPECT_EQ(heard, emitted);
   EXPECT_EQ(onEmitter, 0);
 }
@@ -156,7 +156,7 @@ TEST_F(ObjectTest, DisconnectDropsDeliveriesThatStandInTheLineThroughAnyHandle)
     handle->disconnect(link);
     handle->disconnect(link);
     release.set();
-    ASSERT_TRUE(passed.wait(waiting::bound));
+    ASSERT_TRUE(passed.wait(TestSupport::patience));
     EXPECT_EQ(heard, 0);
     handle->disconnect(blocker);
     EXPECT_EQ(arm->moved.connectionCount(), 0u);
@@ -170,7 +170,7 @@ TEST_F(ObjectTest, ConnectionOutlivesItsHandleAndDisconnectWaitsForTheRunningDel
   const auto onMoved = [&](int)
   {
     entered.set();
-    EXPECT_TRUE(waiting::eventually([&] { return arm->moved.connectionCount() == 0; }));
+    EXPECT_TRUE(TestSupport::eventually([&] { return arm->moved.connectionCount() == 0; }));
     never.wait(20ms);
     ended = true;
   };
@@ -195,7 +195,7 @@ TEST_F(ObjectTest, DeliveryMayDisconnectItselfAndCallItsEmitter)
   link = object.connect<int>("moved", onMoved).value();
   arm->moved(1);
   arm->moved(2);
-  ASSERT_TRUE(object.delivered().wait(waiting::bound));
+  ASSERT_TRUE(object.delivered().wait(TestSupport::patience));
   EXPECT_EQ(heard, 1);
 }
 
@@ -211,7 +211,7 @@ TEST_F(ObjectTest, EndRefusesNewCallsAndWaitsForThoseUnderWay)
         EXPECT_TRUE(arm->ended);
         arm.reset();
       });
-  EXPECT_TRUE(waiting::eventually([&] { return !service->enter(); }));
+  EXPECT_TRUE(TestSupport::eventually([&] { return !service->enter(); }));
   EXPECT_THAT([&] { object.call<int>("add", 1, 2); }, refusal(Kind::UnknownService));
   EXPECT_THAT([&] { object.async<int>("add", 1, 2).value(); }, refusal(Kind::UnknownService));
   EXPECT_THAT([&] { object.connect<int>("moved", [](int) {}).value(); }, refusal(Kind::UnknownService));

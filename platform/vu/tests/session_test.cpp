@@ -3,7 +3,7 @@
 #include <vu/objectbuilder.hpp>
 #include <vu/session.hpp>
 
-#include "waiting.hpp"
+#include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
 using vu::Future;
@@ -26,7 +26,7 @@ protected:
 
   static void expectUnknown(const Future<Object>& future, const std::string& text)
   {
-    ASSERT_TRUE(future.wait(waiting::bound));
+    ASSERT_TRUE(future.wait(TestSupport::patience));
     EXPECT_THAT([&] { future.value(); },
                 testing::Throws<ServiceError>(testing::AllOf(testing::Property(&ServiceError::kind, ServiceError::Kind::UnknownService),
                                                              testing::Property(&ServiceError::description, text))));
@@ -64,7 +64,7 @@ TEST_F(SessionTest, ReservedServiceIsNotThereUntilItIsPublished)
 TEST_F(SessionTest, WaitEndsWithTheServiceTheTimeOutOrTheSession)
 {
   // More of them than the pool has threads.
-  waiting::Event ended(3);
+  TestSupport::Event ended(3);
   for (int i = 0; i < 3; ++i)
     pool->post([&] { expectUnknown(session.service("Arm", "", 5), "there is no service Arm after 5 ms"), ended.set(); });
   EXPECT_TRUE(ended.wait());

@@ -6,11 +6,11 @@
 #include <vu/log.hpp>
 #include <vu/signal.hpp>
 
-#include "waiting.hpp"
+#include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
 using vu::Signal;
-using waiting::Event;
+using TestSupport::Event;
 
 TEST(Signal, CallsInTheOrderOfConnectionOnTheEmittersThreadPastOneThatThrows)
 {
@@ -63,7 +63,7 @@ TEST(Signal, DisconnectWaitsForTheCallbackOnAnotherThread)
       {
         entered.set();
         // By now the disconnecting thread is inside disconnect().
-        EXPECT_TRUE(waiting::eventually([&] { return signal.connectionCount() == 0; }));
+        EXPECT_TRUE(TestSupport::eventually([&] { return signal.connectionCount() == 0; }));
         never.wait(20ms);
         ended = true;
       });

@@ -13,11 +13,11 @@
 #include <vu/log.hpp>
 #include <vu/threadpool.hpp>
 
-#include "waiting.hpp"
+#include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
 using vu::ThreadPool;
-using waiting::Event;
+using TestSupport::Event;
 
 TEST(ThreadPool, FiftyTasksThatBlockDoNotStopTheOneThatFreesThem)
 {
@@ -31,7 +31,7 @@ TEST(ThreadPool, FiftyTasksThatBlockDoNotStopTheOneThatFreesThem)
     pool.post([&] { freed.set(); });
     pool.waitUntilIdle();
     EXPECT_EQ(woken, blocked);
-    EXPECT_TRUE(waiting::eventually([&] { return pool.threadCount() == 2; })) << "surplus threads leave";
+    EXPECT_TRUE(TestSupport::eventually([&] { return pool.threadCount() == 2; })) << "surplus threads leave";
   }
 }
 
@@ -156,7 +156,7 @@ TEST(ThreadPool, EndsElsewhereWhenOneOfItsTasksHeldTheLastHandle)
     pool->post([&handedOver, pool] { handedOver.wait(); });
   }
   handedOver.set();
-  EXPECT_TRUE(ended.wait(waiting::bound));
+  EXPECT_TRUE(ended.wait(TestSupport::patience));
 }
 
 TEST(ThreadPool, TaskThatThrowsIsLoggedAndTheNextOneRuns)
@@ -224,7 +224,7 @@ TEST(Line, KeepsTheOrderOfEachOfManyThreadsAndRunsOneTaskAtATime)
   pushers.clear();
   const auto passed = line->passed();
   line.reset(); // what stands in it runs all the same
-  ASSERT_TRUE(passed.wait(waiting::bound));
+  ASSERT_TRUE(passed.wait(TestSupport::patience));
   EXPECT_EQ(overlaps, 0);
   for (const auto& numbers : seen)
     EXPECT_TRUE(numbers.size() == perThread && std::is_sorted(numbers.begin(), numbers.end()));

@@ -7,10 +7,10 @@
 #include <zb/zbbroker.hpp>
 #include <zb/zbproxy.hpp>
 
-#include "waiting.hpp"
+#include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
-using waiting::Event;
+using TestSupport::Event;
 using ZB::ZBBroker;
 using ZB::ZBError;
 using ZB::ZBModule;
@@ -109,7 +109,7 @@ TEST_F(BrokerTest, ModuleWhoseConstructorThrowsLeavesNothingBehind)
     throw std::length_error("too long");
   };
   EXPECT_THROW(make("Arm", {.constructing = constructing}), std::length_error);
-  EXPECT_TRUE(waiting.wait(waiting::bound) && waiting.hasError());
+  EXPECT_TRUE(waiting.wait(TestSupport::patience) && waiting.hasError());
   EXPECT_FALSE(broker->session()->isReserved("Arm"));
   EXPECT_TRUE(broker->modules().empty());
 
@@ -150,9 +150,9 @@ TEST_F(BrokerTest, RemovedModuleRefusesNewCallsAndOutlivesThoseUnderWay)
   std::thread page([&] { EXPECT_EQ(broker->httpGet("Arm"), "<p>late</p>"); });
   ASSERT_TRUE(entered.wait());
   std::thread remover([&] { broker->removeModule("Arm"); });
-  EXPECT_TRUE(waiting::eventually([&] { return broker->getProxy("Arm") == nullptr; }));
+  EXPECT_TRUE(TestSupport::eventually([&] { return broker->getProxy("Arm") == nullptr; }));
   // Refused a moment after it has left the directory, while the calls are still under way.
-  EXPECT_TRUE(waiting::eventually(
+  EXPECT_TRUE(TestSupport::eventually(
       [&] { return !handle.backend()->call("none", vu::Value::array()).error().starts_with("the service Arm has no"); }));
   EXPECT_EQ(handle.backend()->call("act", vu::Value::array()).error(), "there is no service Arm any more");
   release.set();
@@ -328,7 +328,7 @@ TEST_F(BrokerTest, CallsEitherSucceedOrFindNoServiceWhileModulesComeAndGo)
   {
     make("Arm", hooks);
     const int before = succeeded;
-    EXPECT_TRUE(waiting::eventually([&] { return succeeded > before; }));
+    EXPECT_TRUE(TestSupport::eventually([&] { return succeeded > before; }));
     broker->removeModule("Arm");
     EXPECT_EQ(alive, 0);
   }

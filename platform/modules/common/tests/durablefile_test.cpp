@@ -5,10 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "filefaults.hpp"
+#include <testing/filefaults.hpp>
 
 namespace fs = std::filesystem;
-using FileFaults::Fault;
+using TestSupport::Fault;
 using testing::UnorderedElementsAre;
 
 namespace
@@ -56,8 +56,8 @@ TEST_F(DurableFile, writeThatFailsLeavesTheOldContentAndNothingElse)
 bool happens(Fault fault, int operation, const std::function<void()>& change)
 {
   if (fault == Fault::KillBefore || fault == Fault::KillAfter)
-    return FileFaults::isKilledAt(fault, operation, change);
-  const FileFaults::Injection injection(fault, operation);
+    return TestSupport::isKilledAt(fault, operation, change);
+  const TestSupport::Injection injection(fault, operation);
   try
   {
     change();

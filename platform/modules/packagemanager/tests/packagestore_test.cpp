@@ -3,12 +3,12 @@
 #include <sys/stat.h>
 
 #include "packagefixture.hpp"
-#include <filefaults.hpp>
+#include <testing/filefaults.hpp>
 #include <packageerror.hpp>
 #include <vu/log.hpp>
 
 namespace fs = std::filesystem;
-using FileFaults::Fault;
+using TestSupport::Fault;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -146,7 +146,7 @@ TEST_P(ChangedStore, killAtAnyFileOperationLeavesTheOldOrTheNewWhole)
     for (int operation = 1;; ++operation)
     {
       setUp();
-      if (!FileFaults::isKilledAt(fault, operation, [this] { play(); }))
+      if (!TestSupport::isKilledAt(fault, operation, [this] { play(); }))
       {
         EXPECT_GT(operation, 3);
         break;
@@ -172,7 +172,7 @@ TEST_P(ChangedStore, fileOperationThatFailsFailsTheChangeOrIsOfNoMatter)
       setUp();
       std::string failure;
       {
-        const FileFaults::Injection injection(fault, operation);
+        const TestSupport::Injection injection(fault, operation);
         try
         {
           play();

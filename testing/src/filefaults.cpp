@@ -1,4 +1,4 @@
-#include "filefaults.hpp"
+#include <testing/filefaults.hpp>
 
 #include <atomic>
 #include <cerrno>
@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace FileFaults
+namespace TestSupport
 {
 
 namespace
@@ -107,10 +107,10 @@ bool isKilledAt(Fault injected, int operation, const std::function<void()>& acti
   return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
-} // namespace FileFaults
+} // namespace TestSupport
 
-using FileFaults::operate;
-using FileFaults::Space;
+using TestSupport::operate;
+using TestSupport::Space;
 
 extern "C"
 {

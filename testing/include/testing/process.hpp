@@ -1,8 +1,6 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -12,10 +10,10 @@
 
 #include <sys/types.h>
 
-namespace Tarvik::Test
-{
+#include <testing/waiting.hpp>
 
-constexpr std::chrono::seconds patience(30);
+namespace TestSupport
+{
 
 /// A program that a test has started, ended with it at the latest. What it
 /// writes is collected as it comes.
@@ -35,6 +33,11 @@ public:
   /// none when it is still running after all.
   std::optional<int> waitForEnd();
 
+  /// What it writes first, up to the end of the line; what there is of it when
+  /// that does not come in time.
+  std::string firstLine();
+
+  pid_t id() const { return _pid; }
   void signal(int number);
   std::string output() const;
   std::string error() const;
@@ -53,4 +56,4 @@ private:
   std::vector<std::jthread> _threads;
 };
 
-} // namespace Tarvik::Test
+} // namespace TestSupport

@@ -6,7 +6,7 @@
 /// at an exact point of its way. The functions of the C library that change
 /// files are replaced in the test program that this is linked into, and their
 /// calls counted, in all threads, beginning at 1; standard streams are left alone.
-namespace FileFaults
+namespace TestSupport
 {
 
 enum class Fault
@@ -35,4 +35,4 @@ public:
 /// are no other threads.
 bool isKilledAt(Fault fault, int operation, const std::function<void()>& action);
 
-} // namespace FileFaults
+} // namespace TestSupport

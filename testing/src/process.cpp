@@ -1,4 +1,4 @@
-#include "process.hpp"
+#include <testing/process.hpp>
 
 #include <array>
 #include <csignal>
@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace Tarvik::Test
+namespace TestSupport
 {
 
 Process::Process(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment)
@@ -92,6 +92,13 @@ bool Process::waitFor(const std::string& text, std::string Process::*where)
   return found();
 }
 
+std::string Process::firstLine()
+{
+  waitForOutput("\n");
+  const std::lock_guard lock(_mutex);
+  return _output.substr(0, _output.find('\n'));
+}
+
 std::optional<int> Process::waitForEnd()
 {
   std::unique_lock lock(_mutex);
@@ -118,4 +125,4 @@ std::string Process::error() const
   return _error;
 }
 
-} // namespace Tarvik::Test
+} // namespace TestSupport

@@ -1,5 +1,8 @@
 #pragma once
 
+namespace TestSupport
+{
+
 // Whether a sanitizer slows this program down; clang tells it otherwise than g++.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr bool sanitized = true;
@@ -12,3 +15,5 @@ constexpr bool sanitized = false;
 #else
 constexpr bool sanitized = false;
 #endif
+
+} // namespace TestSupport

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace ZB::BehaviorManager
+namespace TestSupport
 {
 
 /// What happened, line by line, in one order. Thread-safe.
@@ -62,4 +62,4 @@ private:
   std::vector<std::string> _lines;
 };
 
-} // namespace ZB::BehaviorManager
+} // namespace TestSupport
