@@ -1,34 +1,28 @@
 # From a clean checkout of Debian 12 to something to see: each target installs
-# what is missing, builds, and acts.
+# what is missing, builds, and acts. One optimized build serves them all.
 .DEFAULT_GOAL := test
-.PHONY: demo serve test dependencies release
+.PHONY: demo serve test programs
 
 # What a build may be given, for instance CMAKE_OPTIONS=-DTARVIK_WERROR=ON.
 CMAKE_OPTIONS ?=
 JOBS ?= $(shell nproc)
-launcher := $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-export CCACHE_NOHASHDIR := 1
-export CCACHE_BASEDIR := $(CURDIR)
 
 # Runs behaviors on a host of its own, says what happens, and ends by itself.
-demo: release
+demo: programs
 	scripts/demo build/release
 
 # The same host, left running, with the address of its page.
-serve: release
+serve: programs
 	scripts/demo build/release --serve
 
 # All tests, then the page in a browser.
-test: dependencies
-	cmake --preset dev -DTARVIK_BUILD_TESTS=ON -DCMAKE_CXX_FLAGS_DEBUG=-g1 $(launcher) $(CMAKE_OPTIONS)
-	cmake --build --preset dev --parallel $(JOBS)
-	cd e2e && npm ci --no-fund --no-audit
-	ctest --preset dev --parallel $(JOBS)
-	cd e2e && TARVIK_BUILD=../build/dev npm test
-
-release: dependencies
-	cmake --preset release $(launcher) $(CMAKE_OPTIONS)
-	cmake --build --preset release --parallel $(JOBS)
-
-dependencies:
+test:
 	scripts/install-dependencies
+	scripts/build release all -DTARVIK_BUILD_TESTS=ON $(CMAKE_OPTIONS)
+	ctest --preset release --parallel $(JOBS)
+	cd e2e && npm ci --no-fund --no-audit && TARVIK_BUILD=../build/release npm test
+
+# Command line, host and modules.
+programs:
+	scripts/install-dependencies build
+	scripts/build release programs $(CMAKE_OPTIONS)

@@ -29,4 +29,6 @@ write_basic_package_version_file(tarvik-config-version.cmake COMPATIBILITY SameM
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvik-config.cmake ${CMAKE_CURRENT_BINARY_DIR}/tarvik-config-version.cmake
   DESTINATION ${config_dir} COMPONENT development)
 
+# The headers and the README point to the documents.
 install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT platform)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT platform)

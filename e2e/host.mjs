@@ -7,7 +7,7 @@ import { createInterface } from "node:readline";
 import { promisify } from "node:util";
 
 const repository = path.resolve(import.meta.dirname ?? path.dirname(new URL(import.meta.url).pathname), "..");
-const bin = path.resolve(process.env.TARVIK_BUILD ?? path.join(repository, "build/dev"), "bin");
+const bin = path.resolve(process.env.TARVIK_BUILD ?? path.join(repository, "build/release"), "bin");
 
 /** A host on a root of its own, with the example packages. */
 export class Host {
