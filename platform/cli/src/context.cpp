@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include <host/root.hpp>
+#include <root/root.hpp>
 
 namespace Tarvik
 {

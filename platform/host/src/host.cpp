@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <tuple>
 
-#include <host/root.hpp>
+#include <root/root.hpp>
 #include <vu/objectbuilder.hpp>
 #include <zb/zbmemoryproxy.hpp>
 #include <zb/zbproxy.hpp>

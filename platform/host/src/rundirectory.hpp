@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include <host/root.hpp>
+#include <root/root.hpp>
 
 namespace Tarvik
 {

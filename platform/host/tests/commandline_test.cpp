@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <host/commandline.hpp>
-#include <host/root.hpp>
+#include <root/root.hpp>
 
 using namespace Tarvik;
 namespace fs = std::filesystem;

@@ -1,4 +1,4 @@
-#include <host/root.hpp>
+#include <root/root.hpp>
 
 #include <cstdlib>
 
