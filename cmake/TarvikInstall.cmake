@@ -10,8 +10,8 @@ set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tarvik)
 # has been moved to.
 file(RELATIVE_PATH libraries_from_modules /${TARVIK_MODULE_INSTALL_DIR} /${CMAKE_INSTALL_LIBDIR})
 file(RELATIVE_PATH libraries_from_executables /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-set_target_properties(memory preferences packagemanager framemanager runhistory behaviormanager
-  PROPERTIES INSTALL_RPATH $ORIGIN/${libraries_from_modules})
+get_property(modules GLOBAL PROPERTY TARVIK_MODULES)
+set_target_properties(${modules} PROPERTIES INSTALL_RPATH $ORIGIN/${libraries_from_modules})
 set_target_properties(tarvik tarvikd PROPERTIES INSTALL_RPATH $ORIGIN/${libraries_from_executables})
 set_target_properties(vu zb PROPERTIES
   VERSION ${PROJECT_VERSION}

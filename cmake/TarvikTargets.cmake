@@ -62,6 +62,8 @@ set(TARVIK_MODULE_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/tarvik/modules)
 # tarvik_module(NAME ENTRY LIBRARY): the loadable library libNAME.so made of the
 # entry point's source and an object-code library; it exports what
 # EXPORTS lists (linker patterns) besides the entry point, and nothing else.
+# The host loads the modules in the order of these calls, which the global
+# property TARVIK_MODULES keeps; each may use those before it.
 function(tarvik_module name entry library)
   cmake_parse_arguments(PARSE_ARGV 3 module "" "" "EXPORTS")
   add_library(${name} MODULE ${entry})
@@ -78,6 +80,7 @@ function(tarvik_module name entry library)
     CXX_VISIBILITY_PRESET hidden
     LINK_DEPENDS ${script})
   install(TARGETS ${name} LIBRARY DESTINATION ${TARVIK_MODULE_INSTALL_DIR} COMPONENT platform)
+  set_property(GLOBAL APPEND PROPERTY TARVIK_MODULES ${name})
 endfunction()
 
 # tarvik_test(NAME LABEL SOURCES... LIBRARIES ...): a test program whose tests

@@ -1,6 +1,5 @@
 #include <gateway/access.hpp>
 
-#include <algorithm>
 #include <array>
 #include <stdexcept>
 
@@ -10,66 +9,6 @@
 
 namespace Tarvik
 {
-
-namespace
-{
-
-bool isQuery(std::string_view method)
-{
-  for (const std::string_view prefix : {"get", "is", "has", "resolve"})
-    if (method.starts_with(prefix) && method.size() > prefix.size())
-    {
-      // "issue" is no "is…".
-      const char next = method[prefix.size()];
-      if (next < 'a' || next > 'z')
-        return true;
-    }
-  constexpr std::array<std::string_view, 3> queries{"packages", "package", "behaviors"};
-  return std::find(queries.begin(), queries.end(), method) != queries.end();
-}
-
-bool isGuarded(std::string_view service)
-{
-  constexpr std::array<std::string_view, 4> services{"PackageManager", "ZBPreferences", "ZBMemory", "ZBFrameManager"};
-  return std::find(services.begin(), services.end(), service) != services.end();
-}
-
-} // namespace
-
-std::string_view roleName(Role role)
-{
-  switch (role)
-  {
-  case Role::Observer:
-    return "observer";
-  case Role::Operator:
-    return "operator";
-  case Role::Admin:
-    break;
-  }
-  return "admin";
-}
-
-std::optional<Role> roleFromName(std::string_view name)
-{
-  for (const auto role : {Role::Observer, Role::Operator, Role::Admin})
-    if (name == roleName(role))
-      return role;
-  return std::nullopt;
-}
-
-bool mayCall(Role role, std::string_view service, std::string_view method)
-{
-  if (role == Role::Admin)
-    return true;
-  if (service == "Tokens")
-    return false;
-  if (isQuery(method))
-    return true;
-  if (role == Role::Observer || method.starts_with('_'))
-    return false;
-  return !isGuarded(service) || (service == "ZBPreferences" && method == "readPrefFile");
-}
 
 std::string toHexadecimal(std::span<const unsigned char> bytes)
 {

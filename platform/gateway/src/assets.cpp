@@ -19,7 +19,7 @@ std::string contentType(std::string_view name)
 
 } // namespace
 
-std::optional<Page> findAsset(std::string_view path)
+std::optional<HttpAnswer> findAsset(std::string_view path)
 {
   constexpr std::string_view folder = "/assets/";
   if (path != "/" && !path.starts_with(folder))
@@ -29,7 +29,7 @@ std::optional<Page> findAsset(std::string_view path)
   const auto found = std::find_if(all.begin(), all.end(), [name](const Asset& asset) { return asset.name == name; });
   if (found == all.end())
     return std::nullopt;
-  return Page{200, contentType(name), std::string(found->content)};
+  return HttpAnswer{200, contentType(name), std::string(found->content)};
 }
 
 } // namespace Tarvik

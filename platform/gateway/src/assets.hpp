@@ -4,7 +4,7 @@
 #include <span>
 #include <string_view>
 
-#include "page.hpp"
+#include "httpanswer.hpp"
 
 namespace Tarvik
 {
@@ -21,6 +21,6 @@ std::span<const Asset> assets();
 
 /// What is served at the path: the live page at "/", and the files that it
 /// needs at "/assets/NAME".
-std::optional<Page> findAsset(std::string_view path);
+std::optional<HttpAnswer> findAsset(std::string_view path);
 
 } // namespace Tarvik

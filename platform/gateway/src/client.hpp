@@ -1,10 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include <gateway/access.hpp>
-#include <vu/log.hpp>
-#include <vu/value.hpp>
+#include <zb/callgate.hpp>
 
 namespace Tarvik
 {
@@ -13,26 +13,10 @@ namespace Tarvik
 struct Client
 {
   Identity identity;
-  std::string address; ///< "127.0.0.1:41234"
-};
+  std::string address;                      ///< "127.0.0.1:41234"
+  std::shared_ptr<ZB::CallBound> openCalls; ///< of the connection
 
-/// What a client has asked for, as the log tells it: who, from where, what, and
-/// how it ended. At info level what an observer may not do, else at debug.
-class LoggedRequest
-{
-public:
-  /// A call of a service. Long texts among the arguments are cut short, so that
-  /// a token given by mistake does not get into the log whole.
-  LoggedRequest(Client client, const std::string& service, const std::string& method, const vu::Value& arguments);
-  /// Anything else that changes something.
-  LoggedRequest(Client client, std::string what);
-
-  void ended(const std::string& outcome) const;
-
-private:
-  Client _client;
-  std::string _what;
-  vu::log::Level _level;
+  ZB::Caller caller() const { return {identity.name, ZB::rightsOf(identity.role), address, openCalls}; }
 };
 
 } // namespace Tarvik

@@ -4,8 +4,9 @@
 #include <mutex>
 #include <vector>
 
-#include <vu/caller.hpp>
 #include <vu/objectbuilder.hpp>
+
+#include "callrecord.hpp"
 
 namespace Tarvik
 {
@@ -45,62 +46,41 @@ private:
 
 } // namespace
 
-void Dispatcher::handle(JsonRpc::Message message, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
-                        Done done) const
+void Dispatcher::handle(JsonRpc::Message message, const Client& client, const ConnectionMethods& ofConnection, Done done) const
 {
   if (message.batch)
   {
     const auto answer = std::make_shared<BatchAnswer>(message.entries.size(), std::move(done));
     for (std::size_t i = 0; i < message.entries.size(); ++i)
       if (auto* const request = std::get_if<JsonRpc::Request>(&message.entries[i]))
-        dispatch(*request, client, open, own, [answer, i](std::string text) { answer->set(i, std::move(text)); });
+        dispatch(*request, client, ofConnection, [answer, i](std::string text) { answer->set(i, std::move(text)); });
       else
         answer->set(i, std::get<std::string>(message.entries[i]));
     return;
   }
   if (auto* const request = std::get_if<JsonRpc::Request>(&message.entries.front()))
-    dispatch(*request, client, open, own, std::move(done));
+    dispatch(*request, client, ofConnection, std::move(done));
   else
     done(std::get<std::string>(message.entries.front()));
 }
 
-void Dispatcher::dispatch(const JsonRpc::Request& request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
-                          Done done) const
+void Dispatcher::dispatch(const JsonRpc::Request& request, const Client& client, const ConnectionMethods& ofConnection, Done done) const
 {
   if (request.notification)
     done = [done](const std::string&) { done({}); };
-  const auto begin = Metrics::Clock::now();
-  const bool counted = request.service != "session";
-  if (counted)
-    _metrics->callBegan();
+  if (request.service != "session")
+    return call(request, client, done);
   try
   {
-    if (request.service == "session")
-    {
-      auto answer = own ? own(request) : std::nullopt;
-      return done(answer ? std::move(*answer) : session(request, client));
-    }
-    if (open->count >= _maximumOpenCalls)
-      throw vu::ServiceError(request.service, request.method,
-                             "this connection has " + std::to_string(_maximumOpenCalls) + " calls open already: wait for an answer",
-                             Kind::Overloaded);
-    // Counted by this token, whatever becomes of the call.
-    ++open->count;
-    std::shared_ptr<void> place(nullptr, [open](void*) { --open->count; });
-    call(request, client, begin,
-         [place, done](std::string text) mutable
-         {
-           place.reset();
-           done(std::move(text));
-         });
+    auto answer = ofConnection ? ofConnection(request) : std::nullopt;
+    done(answer ? std::move(*answer) : session(request, client));
   }
   catch (...)
   {
     const auto failure = std::current_exception();
-    if (counted)
-      _metrics->callEnded(begin, failure);
-    LoggedRequest(client, request.service, request.method, request.params).ended(vu::errorText(failure));
-    done(JsonRpc::error(request.id, request, failure));
+    const ZB::Call asked{request.service, request.method, request.params};
+    LoggedRequest(client.caller(), asked, vu::leastRoleByName(asked.method)).ended(vu::errorText(failure));
+    done(JsonRpc::error(request.id, request.service, request.method, failure));
   }
 }
 
@@ -133,11 +113,7 @@ std::string Dispatcher::session(const JsonRpc::Request& request, const Client& c
     wantsParams(1);
     if (!request.params[0].is_string())
       throw vu::ServiceError(request.service, request.method, "session.describe takes a service's name", Kind::InvalidArguments);
-    const auto name = request.params[0].get<std::string>();
-    const auto object = _broker->session()->find(name);
-    if (!object)
-      throw vu::ServiceError(name, "", "there is no service " + name, Kind::UnknownService);
-    return JsonRpc::result(request.id, object->description());
+    return JsonRpc::result(request.id, _broker->session()->require(request.params[0].get<std::string>())->description());
   }
   const bool webSocketOnly = request.method == "connect" || request.method == "disconnect" || request.method == "subscribe";
   throw vu::ServiceError(request.service, request.method,
@@ -145,41 +121,20 @@ std::string Dispatcher::session(const JsonRpc::Request& request, const Client& c
                          Kind::UnknownMethod);
 }
 
-void Dispatcher::call(const JsonRpc::Request& request, const Client& client, Metrics::Clock::time_point begin, const Done& done) const
+void Dispatcher::call(const JsonRpc::Request& request, const Client& client, const Done& done) const
 {
-  const auto role = client.identity.role;
-  if (!mayCall(role, request.service, request.method))
-    throw vu::ServiceError(request.service, request.method,
-                           "the role " + std::string(roleName(role)) + " may not call " + request.fullName(), Kind::NotAllowed);
-  const auto object = _broker->session()->find(request.service);
-  if (!object)
-    throw vu::ServiceError(request.service, request.method, "there is no service " + request.service, Kind::UnknownService);
-  const vu::CallerScope caller(client.identity.name);
-  const LoggedRequest logged(client, request.service, request.method, request.params);
-  // The continuation outlives the connection and the gateway: it has values
-  // only, and what `done` holds weakly.
-  object->post(request.method, request.params)
-      .then(
-          [id = request.id, service = request.service, method = request.method, logged, done, begin,
-           metrics = _metrics](const vu::Future<vu::Value>& result)
-          {
-            metrics->callEnded(begin, result.exception());
-            std::string answer;
-            if (result.hasError())
-            {
-              logged.ended(result.error());
-              JsonRpc::Request called;
-              called.service = service;
-              called.method = method;
-              answer = JsonRpc::error(id, called, result.exception());
-            }
-            else
-            {
-              logged.ended("ok");
-              answer = JsonRpc::result(id, result.value());
-            }
-            done(std::move(answer));
-          });
+  try
+  {
+    // The continuation outlives the connection and the gateway: it has values
+    // only, and what `done` holds weakly.
+    _calls->post({request.service, request.method, request.params}, client.caller())
+        .then([id = request.id, service = request.service, method = request.method, done](const vu::Future<vu::Value>& end)
+              { done(end.hasError() ? JsonRpc::error(id, service, method, end.exception()) : JsonRpc::result(id, end.value())); });
+  }
+  catch (...)
+  {
+    done(JsonRpc::error(request.id, request.service, request.method, std::current_exception()));
+  }
 }
 
 } // namespace Tarvik

@@ -1,17 +1,16 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include <zb/callgate.hpp>
 #include <zb/zbbroker.hpp>
 
 #include "client.hpp"
 #include "jsonrpc.hpp"
-#include "metrics.hpp"
 
 namespace Tarvik
 {
@@ -21,35 +20,27 @@ namespace Tarvik
 class Dispatcher
 {
 public:
-  /// Answers, at once, a request that only the connection itself can carry
-  /// out; none for all others.
-  using Own = std::function<std::optional<std::string>(const JsonRpc::Request&)>;
+  /// The methods of the session that a connection has itself, those of its
+  /// links: gives the answer at once; none for all others.
+  using ConnectionMethods = std::function<std::optional<std::string>(const JsonRpc::Request&)>;
   /// Called once for each message, on any thread, with the text to send;
   /// empty when nothing is to be answered.
   using Done = std::function<void(std::string answer)>;
 
-  Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::size_t maximumOpenCalls, std::shared_ptr<Metrics> metrics)
-      : _broker(std::move(broker)), _maximumOpenCalls(maximumOpenCalls), _metrics(std::move(metrics))
+  Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::shared_ptr<const ZB::CallGate> calls)
+      : _broker(std::move(broker)), _calls(std::move(calls))
   {
   }
 
-  /// The calls of one connection that have no answer yet. Thread-safe.
-  struct OpenCalls
-  {
-    std::atomic<std::size_t> count = 0;
-  };
-
-  void handle(JsonRpc::Message message, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own, Done done) const;
+  void handle(JsonRpc::Message message, const Client& client, const ConnectionMethods& ofConnection, Done done) const;
 
 private:
-  void dispatch(const JsonRpc::Request& request, const Client& client, const std::shared_ptr<OpenCalls>& open, const Own& own,
-                Done done) const;
+  void dispatch(const JsonRpc::Request& request, const Client& client, const ConnectionMethods& ofConnection, Done done) const;
   std::string session(const JsonRpc::Request& request, const Client& client) const;
-  void call(const JsonRpc::Request& request, const Client& client, Metrics::Clock::time_point begin, const Done& done) const;
+  void call(const JsonRpc::Request& request, const Client& client, const Done& done) const;
 
   const std::shared_ptr<ZB::ZBBroker> _broker;
-  const std::size_t _maximumOpenCalls;
-  const std::shared_ptr<Metrics> _metrics;
+  const std::shared_ptr<const ZB::CallGate> _calls;
 };
 
 } // namespace Tarvik

@@ -8,6 +8,7 @@
 
 #include <vu/log.hpp>
 
+#include "callrecord.hpp"
 #include "server.hpp"
 #include "upload.hpp"
 
@@ -161,11 +162,13 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   auto& implementation = *_implementation;
   if (!implementation.acceptor.is_open() || implementation.thread.joinable())
     throw std::logic_error("a gateway starts once, after it has begun to listen");
-  implementation.server->dispatcher.emplace(broker, implementation.server->options.limits.openCalls, implementation.server->metrics);
-  implementation.server->broker = std::move(broker);
+  auto& server = *implementation.server;
+  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics));
+  server.dispatcher.emplace(broker, server.calls);
+  server.broker = std::move(broker);
   // What was let in before the removal entered its connection on the gateway's
   // thread before this is posted there.
-  implementation.removedLink = implementation.server->options.access->removed.connect(
+  implementation.removedLink = server.options.access->removed.connect(
       [io = implementation.io, weak = std::weak_ptr(implementation.server)](std::uint64_t number)
       {
         asio::post(*io,
@@ -203,6 +206,7 @@ void Gateway::stop()
   implementation.server->connectionEnded = {};
   implementation.server->connections.clear();
   implementation.server->dispatcher.reset();
+  implementation.server->calls.reset();
   implementation.server->broker.reset();
 }
 

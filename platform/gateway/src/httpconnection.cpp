@@ -14,6 +14,7 @@
 #include <vu/log.hpp>
 
 #include "admission.hpp"
+#include "callrecord.hpp"
 #include "pages.hpp"
 #include "routes.hpp"
 #include "server.hpp"
@@ -48,6 +49,7 @@ public:
   {
     error_code ignored;
     _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->tls != nullptr};
+    _client.openCalls = std::make_shared<ZB::CallBound>(_server->options.limits.openCalls);
     _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
 
@@ -60,7 +62,7 @@ public:
       if (!self->_crowded)
         return self->readHeader();
       self->_last = true;
-      self->answer(Page::text(503, "this host has as many connections as it takes: try again later"));
+      self->answer(HttpAnswer::text(503, "this host has as many connections as it takes: try again later"));
     };
     if (!_stream.isSecure())
       return begin();
@@ -68,12 +70,12 @@ public:
     _stream.handshake([self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
   }
 
-  void shutdown() override { endWith(Page::text(503, "the host is shutting down")); }
+  void shutdown() override { endWith(HttpAnswer::text(503, "the host is shutting down")); }
   void abort() override { end(); }
   void revoke(std::uint64_t identity) override
   {
     if (_client.identity.number == identity)
-      endWith(Page::text(401, "the token was removed"));
+      endWith(HttpAnswer::text(401, "the token was removed"));
   }
   bool isWebSocket() const override { return false; }
   std::optional<Clock::time_point> idleSince() const override
@@ -151,18 +153,18 @@ private:
   {
     _last = true;
     if (error == http::error::header_limit)
-      answer(Page::text(431, "the header is larger than " + std::to_string(_server->options.limits.headerBytes) + " bytes"));
+      answer(HttpAnswer::text(431, "the header is larger than " + std::to_string(_server->options.limits.headerBytes) + " bytes"));
     else if (error == http::error::body_limit)
       answer(tooLarge());
     else if (_late)
-      answer(Page::text(408, "the request did not come within " + seconds(time)));
+      answer(HttpAnswer::text(408, "the request did not come within " + seconds(time)));
     else if (error == http::error::partial_message || error == asio::error::connection_reset || error == asio::error::operation_aborted)
       end();
     else
-      answer(Page::text(400, "the request cannot be read: " + error.message()));
+      answer(HttpAnswer::text(400, "the request cannot be read: " + error.message()));
   }
 
-  Page tooLarge() const { return Page::text(413, "the body is larger than " + std::to_string(_bodyLimit) + " bytes"); }
+  HttpAnswer tooLarge() const { return HttpAnswer::text(413, "the body is larger than " + std::to_string(_bodyLimit) + " bytes"); }
 
   /// Whatever goes wrong in here, the client does not wait for ever.
   void guarded(void (HttpConnection::*step)())
@@ -185,7 +187,7 @@ private:
     const auto& header = _header->get();
     _last = !header.keep_alive();
     auto admitted = admit(header, _door, *_server->options.access);
-    if (auto* const page = std::get_if<Page>(&admitted))
+    if (auto* const page = std::get_if<HttpAnswer>(&admitted))
     {
       if (page->status >= 400)
         vu::log::info("gateway", "refuse",
@@ -194,11 +196,14 @@ private:
     }
     _client.identity = std::get<Identity>(std::move(admitted));
     auto route = findRoute(header, _client, *_server->broker);
-    if (auto* const page = std::get_if<Page>(&route))
+    if (auto* const page = std::get_if<HttpAnswer>(&route))
       return answerEarly(std::move(*page));
     if (std::holds_alternative<MetricsRequest>(route))
       route = Work{[metrics = _server->metrics, collectors = _server->options.collectors](ZB::ZBBroker& broker, const Client&)
                    { return Pages::metrics(broker, *metrics, collectors); }};
+    if (auto* const evaluation = std::get_if<Evaluation>(&route))
+      route = Work{[calls = _server->calls, expression = std::move(evaluation->expression)](ZB::ZBBroker& broker, const Client& client)
+                   { return Pages::evaluate(broker, *calls, expression, client); }};
     if (auto* const work = std::get_if<Work>(&route))
     {
       _last = _last || !_header->is_done();
@@ -213,12 +218,12 @@ private:
     }
     if (std::holds_alternative<FileUpload>(route))
       return _server->options.upload ? beginBody(_server->options.limits.uploadBytes, [this] { beginUpload(); })
-                                     : answerEarly(Page::text(404, "this host takes no files"));
+                                     : answerEarly(HttpAnswer::text(404, "this host takes no files"));
     beginBody(_server->options.limits.messageBytes, [this] { readMessage(); });
   }
 
   /// An answer that does not wait for the body, which then ends the connection.
-  void answerEarly(Page page)
+  void answerEarly(HttpAnswer page)
   {
     _last = _last || !_header->is_done();
     answer(std::move(page));
@@ -254,10 +259,10 @@ private:
   {
     const auto request = _message->release();
     const auto turn = await();
-    _server->dispatcher->handle(JsonRpc::parse(request.body()), _client, _openCalls, {},
+    _server->dispatcher->handle(JsonRpc::parse(request.body()), _client, {},
                                 [io = _io, self = weak_from_this(), turn](std::string text)
                                 {
-                                  Page page{text.empty() ? 204u : 200u, "application/json", std::move(text)};
+                                  HttpAnswer page{text.empty() ? 204u : 200u, "application/json", std::move(text)};
                                   asio::post(*io, [self, turn, page = std::move(page)]() mutable { finish(self, turn, std::move(page)); });
                                 });
   }
@@ -306,7 +311,7 @@ private:
   void onPool(Work work)
   {
     const auto turn = await();
-    const auto page = std::make_shared<std::optional<Page>>();
+    const auto page = std::make_shared<std::optional<HttpAnswer>>();
     onPool(
         [page, work = std::move(work), broker = _server->broker, stopped = _server->stopped, client = _client]
         {
@@ -392,14 +397,14 @@ private:
 
   /// The answer that came late is dropped when the client has been answered
   /// otherwise or has gone.
-  static void finish(const std::weak_ptr<HttpConnection>& connection, std::uint64_t turn, Page page)
+  static void finish(const std::weak_ptr<HttpConnection>& connection, std::uint64_t turn, HttpAnswer page)
   {
     const auto self = connection.lock();
     if (self && self->_state == State::Waiting && self->_turn == turn)
       self->answer(std::move(page));
   }
 
-  void answer(Page page)
+  void answer(HttpAnswer page)
   {
     if (_state == State::Ended)
       return;
@@ -421,7 +426,7 @@ private:
 
   /// The end of what is idle or half read; whoever waits for an answer gets
   /// this one, and whoever is being sent one gets it whole.
-  void endWith(Page page)
+  void endWith(HttpAnswer page)
   {
     _last = true;
     if (_state == State::Idle || _state == State::Body)
@@ -477,7 +482,6 @@ private:
   std::optional<http::request_parser<http::string_body>> _message;
   std::shared_ptr<UploadBody> _upload; ///< also the pool's while it writes
   std::size_t _bodyLimit = 0;
-  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = std::make_shared<Dispatcher::OpenCalls>();
   std::array<char, 4096> _waste{};
   std::uint64_t _turn = 0;
   State _state = State::Idle;

@@ -4,6 +4,8 @@
 
 #include <vu/future.hpp>
 
+#include "failureforms.hpp"
+
 namespace Tarvik::JsonRpc
 {
 
@@ -74,27 +76,6 @@ std::variant<Request, std::string> parseEntry(const vu::Value& value)
   return request;
 }
 
-Code codeOf(vu::ServiceError::Kind kind)
-{
-  using Kind = vu::ServiceError::Kind;
-  switch (kind)
-  {
-  case Kind::UnknownService:
-  case Kind::UnknownMethod:
-    return MethodNotFound;
-  case Kind::InvalidArguments:
-    return InvalidParams;
-  case Kind::NotAllowed:
-    return NotAllowed;
-  case Kind::Overloaded:
-    return Overloaded;
-  case Kind::Service:
-  case Kind::ConnectionLost:
-    break;
-  }
-  return ServiceFailed;
-}
-
 } // namespace
 
 Message parse(std::string_view text)
@@ -131,22 +112,22 @@ Message parse(std::string_view text)
 
 std::string result(const vu::Value& id, const vu::Value& value) { return dump({{"jsonrpc", "2.0"}, {"id", id}, {"result", value}}); }
 
-std::string error(const vu::Value& id, Code code, const std::string& message, const vu::Value& data)
+std::string error(const vu::Value& id, int code, const std::string& message, const vu::Value& data)
 {
-  vu::Value error{{"code", static_cast<int>(code)}, {"message", message}};
+  vu::Value error{{"code", code}, {"message", message}};
   if (!data.is_null())
     error["data"] = data;
   return dump({{"jsonrpc", "2.0"}, {"id", id}, {"error", error}});
 }
 
-std::string error(const vu::Value& id, const Request& request, const std::exception_ptr& failure)
+std::string error(const vu::Value& id, const std::string& service, const std::string& method, const std::exception_ptr& failure)
 {
   using Kind = vu::ServiceError::Kind;
-  const auto known = toServiceError(failure, request.service, request.method);
+  const auto known = toServiceError(failure, service, method);
   vu::Value data{{"module", known.module()}, {"method", known.method()}, {"description", known.description()}};
   if (known.kind() == Kind::UnknownService || known.kind() == Kind::UnknownMethod)
     data["unknown"] = known.kind() == Kind::UnknownService ? "service" : "method";
-  return error(id, codeOf(known.kind()), known.description(), data);
+  return error(id, formOf(known.kind()).code, known.description(), data);
 }
 
 std::string notification(const std::string& method, const vu::Value& params)

@@ -13,15 +13,14 @@
 namespace Tarvik::JsonRpc
 {
 
+/// Of messages that are no calls; those of calls that failed are in
+/// failureforms.hpp.
 enum Code
 {
   ParseError = -32700,
   InvalidRequest = -32600,
   MethodNotFound = -32601,
-  InvalidParams = -32602,
-  ServiceFailed = -32000,
-  NotAllowed = -32001,
-  Overloaded = -32002
+  InvalidParams = -32602
 };
 
 /// Deeper values are refused: they would be walked recursively.
@@ -50,9 +49,9 @@ struct Message
 Message parse(std::string_view text);
 
 std::string result(const vu::Value& id, const vu::Value& value);
-std::string error(const vu::Value& id, Code code, const std::string& message, const vu::Value& data = {});
+std::string error(const vu::Value& id, int code, const std::string& message, const vu::Value& data = {});
 /// The answer for what a call has thrown.
-std::string error(const vu::Value& id, const Request& request, const std::exception_ptr& failure);
+std::string error(const vu::Value& id, const std::string& service, const std::string& method, const std::exception_ptr& failure);
 
 std::string notification(const std::string& method, const vu::Value& params);
 

@@ -1,8 +1,11 @@
 #include "metrics.hpp"
 
+#include <algorithm>
 #include <string>
 
 #include <vu/error.hpp>
+
+#include "failureforms.hpp"
 
 namespace Tarvik
 {
@@ -10,37 +13,22 @@ namespace Tarvik
 namespace
 {
 
-/// Of Metrics::results.
-std::size_t resultOf(const std::exception_ptr& failure)
+std::string_view resultOf(const std::exception_ptr& failure)
 {
   if (!failure)
-    return 0;
+    return "ok";
   try
   {
     std::rethrow_exception(failure);
   }
   catch (const vu::ServiceError& error)
   {
-    switch (error.kind())
-    {
-    case vu::ServiceError::Kind::UnknownService:
-    case vu::ServiceError::Kind::UnknownMethod:
-      return 2;
-    case vu::ServiceError::Kind::InvalidArguments:
-      return 3;
-    case vu::ServiceError::Kind::NotAllowed:
-      return 4;
-    case vu::ServiceError::Kind::Overloaded:
-      return 5;
-    case vu::ServiceError::Kind::Service:
-    case vu::ServiceError::Kind::ConnectionLost:
-      break;
-    }
+    return formOf(error.kind()).result;
   }
   catch (...)
   {
+    return failureForms.front().result;
   }
-  return 1;
 }
 
 } // namespace
@@ -61,7 +49,8 @@ void Metrics::callEnded(Clock::time_point begin, const std::exception_ptr& failu
 {
   const auto lasted = Clock::now() - begin;
   const auto seconds = std::chrono::duration<double>(lasted).count();
-  auto& calls = _calls[resultOf(failure)];
+  const auto found = std::find(results.begin(), results.end(), resultOf(failure));
+  auto& calls = _calls.at(static_cast<std::size_t>(found - results.begin()));
   --_openCalls;
   ++calls.count;
   calls.microseconds += static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(lasted).count());
@@ -89,7 +78,7 @@ void Metrics::write(MetricsText& text) const
   text.sample({}, static_cast<double>(_queueDrops));
   text.family("tarvik_gateway_calls_open", "gauge", "Calls of services that have no answer yet.");
   text.sample({}, static_cast<double>(_openCalls));
-  text.family("tarvik_gateway_call_duration_seconds", "histogram", "Calls of services over JSON-RPC, from request to answer, by result.");
+  text.family("tarvik_gateway_call_duration_seconds", "histogram", "Calls of services, from request to end, by result.");
   for (std::size_t i = 0; i < results.size(); ++i)
   {
     const auto& calls = _calls[i];

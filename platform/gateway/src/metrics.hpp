@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
+#include <string_view>
 
 #include <gateway/metricstext.hpp>
 
@@ -42,7 +43,8 @@ private:
     Counter count = 0;
     Counter microseconds = 0;
   };
-  static constexpr std::array<const char*, 6> results{"ok", "error", "unknown", "invalid", "refused", "overloaded"};
+  /// Those of failureForms, and the good one.
+  static constexpr std::array<std::string_view, 6> results{"ok", "error", "unknown", "invalid", "refused", "overloaded"};
   static constexpr unsigned statuses = 600;
 
   std::atomic<std::int64_t>& connections(bool isWebSocket) { return isWebSocket ? _webSockets : _httpConnections; }

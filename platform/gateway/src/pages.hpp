@@ -7,8 +7,8 @@
 #include <gateway/gateway.hpp>
 
 #include "client.hpp"
+#include "httpanswer.hpp"
 #include "metrics.hpp"
-#include "page.hpp"
 
 namespace Tarvik
 {
@@ -19,25 +19,26 @@ namespace Pages
 {
 
 /// The modules that have pages.
-Page index(ZB::ZBBroker& broker);
+HttpAnswer index(ZB::ZBBroker& broker);
 
 /// A module's own page.
-Page module(ZB::ZBBroker& broker, const std::string& name);
+HttpAnswer module(ZB::ZBBroker& broker, const std::string& name);
 
 /// Carries out the call that `expression` (see Expression) writes and tells
 /// its result as JSON. A method that gives a future is answered with null as
 /// soon as it is under way.
-Page evaluate(ZB::ZBBroker& broker, const std::string& expression, const Client& client);
+HttpAnswer evaluate(ZB::ZBBroker& broker, const ZB::CallGate& calls, const std::string& expression, const Client& client);
 
 /// Hands a file that the client has sent to whoever takes it: 201 with what
 /// that one tells.
-Page upload(ZB::ZBBroker& broker, const std::filesystem::path& file, const Client& client, const decltype(Gateway::Options::upload)& take);
+HttpAnswer upload(ZB::ZBBroker& broker, const std::filesystem::path& file, const Client& client,
+                  const decltype(Gateway::Options::upload)& take);
 
 /// The gateway's figures and those of the collectors.
-Page metrics(ZB::ZBBroker& broker, const Metrics& metrics, const decltype(Gateway::Options::collectors)& collectors);
+HttpAnswer metrics(ZB::ZBBroker& broker, const Metrics& metrics, const decltype(Gateway::Options::collectors)& collectors);
 
 /// The answer for what has been thrown.
-Page failure(const std::exception_ptr& failure);
+HttpAnswer failure(const std::exception_ptr& failure);
 
 } // namespace Pages
 

@@ -5,6 +5,7 @@
 #include <boost/beast/websocket/rfc6455.hpp>
 
 #include "assets.hpp"
+#include "callrecord.hpp"
 #include "expression.hpp"
 #include "pages.hpp"
 
@@ -17,9 +18,11 @@ namespace http = beast::http;
 namespace
 {
 
-Page wrongMethod(unsigned status, const std::string& text, const std::string& allowed)
+constexpr std::string_view evaluates = "eval=";
+
+HttpAnswer wrongMethod(unsigned status, const std::string& text, const std::string& allowed)
 {
-  auto page = Page::text(status, text);
+  auto page = HttpAnswer::text(status, text);
   page.headers.emplace_back("Allow", allowed);
   return page;
 }
@@ -45,7 +48,7 @@ Route findUploadRoute(const http::request_header<>& header, const Client& client
     return FileUpload();
   const auto reason = "the role " + std::string(roleName(client.identity.role)) + " may not install packages";
   LoggedRequest(client, "POST /packages").ended(reason);
-  return Page::text(403, reason);
+  return HttpAnswer::text(403, reason);
 }
 
 Route findModuleRoute(const std::string& path, const std::string& query, ZB::ZBBroker& broker)
@@ -53,15 +56,18 @@ Route findModuleRoute(const std::string& path, const std::string& query, ZB::ZBB
   const auto slash = path.find('/', 1);
   const auto module = path.substr(1, slash == std::string::npos ? slash : slash - 1);
   if (slash != std::string::npos && slash + 1 != path.size())
-    return Page::text(404, "there is no page " + path);
+    return HttpAnswer::text(404, "there is no page " + path);
   if (!broker.session()->find(module))
-    return Page::text(404, "there is no module " + module);
-  if (slash == std::string::npos && query.empty())
-    return Page::redirection(302, "the page is at " + path + "/", path + "/"); // a service's name: nothing to be encoded
-  if (!query.starts_with("eval="))
-    return Work{[module](ZB::ZBBroker& owner, const Client&) { return Pages::module(owner, module); }};
-  return Work{[expression = percentDecode(query.substr(5))](ZB::ZBBroker& owner, const Client& client)
-              { return Pages::evaluate(owner, expression, client); }};
+    return HttpAnswer::text(404, "there is no module " + module);
+  if (query.starts_with(evaluates))
+    return Evaluation{percentDecode(query.substr(evaluates.size()))};
+  // The page's own script asks for what is beside it.
+  if (slash == std::string::npos)
+  {
+    const auto page = path + "/"; // a service's name: nothing to be encoded
+    return HttpAnswer::redirection(302, "the page is at " + page, query.empty() ? page : page + "?" + query);
+  }
+  return Work{[module](ZB::ZBBroker& owner, const Client&) { return Pages::module(owner, module); }};
 }
 
 } // namespace
@@ -73,13 +79,15 @@ Route findRoute(const http::request_header<>& header, const Client& client, ZB::
   const auto path = target.substr(0, question);
   const auto query = question == std::string::npos ? std::string() : target.substr(question + 1);
   if (!path.starts_with('/'))
-    return Page::text(400, "the target " + target + " does not begin with a slash");
+    return HttpAnswer::text(400, "the target " + target + " does not begin with a slash");
   if (path == "/rpc")
     return findRpcRoute(header);
   if (path == "/packages")
     return findUploadRoute(header, client);
   if (header.method() != http::verb::get)
     return wrongMethod(405, "pages are read with GET; calls are sent to /rpc", "GET");
+  if (path == "/" && query.starts_with(evaluates))
+    return HttpAnswer::text(404, "there is no module in the address: write /MODULE/?eval=EXPRESSION");
   if (auto asset = findAsset(path))
     return std::move(*asset);
   if (path == "/metrics")
@@ -92,7 +100,7 @@ Route findRoute(const http::request_header<>& header, const Client& client, ZB::
   }
   catch (const std::invalid_argument& error) // a percent sign without its digits
   {
-    return Page::text(400, error.what());
+    return HttpAnswer::text(400, error.what());
   }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <variant>
 
 #include <boost/beast/http/message.hpp>
@@ -8,7 +9,7 @@
 #include <zb/zbbroker.hpp>
 
 #include "client.hpp"
-#include "page.hpp"
+#include "httpanswer.hpp"
 
 namespace Tarvik
 {
@@ -17,7 +18,12 @@ namespace Tarvik
 /// pool.
 struct Work
 {
-  std::function<Page(ZB::ZBBroker&, const Client&)> make;
+  std::function<HttpAnswer(ZB::ZBBroker&, const Client&)> make;
+};
+/// One call, which the address writes (see ::Tarvik::Expression).
+struct Evaluation
+{
+  std::string expression;
 };
 /// The body is a JSON-RPC message.
 struct RpcMessage
@@ -37,7 +43,7 @@ struct MetricsRequest
 };
 
 /// What is to be done about a request.
-using Route = std::variant<Page, Work, RpcMessage, WebSocketHandshake, FileUpload, MetricsRequest>;
+using Route = std::variant<HttpAnswer, Work, Evaluation, RpcMessage, WebSocketHandshake, FileUpload, MetricsRequest>;
 
 /// What the request of an admitted client leads to, told by its header alone.
 /// On the gateway's thread: what it needs from modules belongs into Work.

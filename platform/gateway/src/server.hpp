@@ -15,9 +15,9 @@
 
 #include <gateway/gateway.hpp>
 
+#include "admission.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
-#include "requestguard.hpp"
 #include "stream.hpp"
 
 namespace Tarvik
@@ -67,6 +67,8 @@ struct Server
   Gateway::Options options;
   std::unique_ptr<boost::asio::ssl::context> tls;
   std::shared_ptr<ZB::ZBBroker> broker;
+  /// Of all that comes over a wire.
+  std::shared_ptr<const ZB::CallGate> calls;
   std::optional<Dispatcher> dispatcher;
   /// Set before the broker may end: what still waits on its pool does nothing.
   std::shared_ptr<std::atomic<bool>> stopped = std::make_shared<std::atomic<bool>>(false);

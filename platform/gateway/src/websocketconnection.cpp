@@ -76,7 +76,7 @@ public:
   bool isWebSocket() const override { return true; }
   std::optional<Clock::time_point> idleSince() const override
   {
-    return _accepted && !_closing && _links.empty() && _openCalls->count == 0 ? std::optional(_lastMessage) : std::nullopt;
+    return _accepted && !_closing && _links.empty() && _client.openCalls->open == 0 ? std::optional(_lastMessage) : std::nullopt;
   }
   void makeRoom() override { close(websocket::close_code::try_again_later, "the host needs this idle connection for another client"); }
   bool isEnding() const override { return _closing; }
@@ -131,7 +131,7 @@ private:
       return;
     }
     _server->dispatcher->handle(
-        std::move(message), _client, _openCalls,
+        std::move(message), _client,
         [this](const JsonRpc::Request& request) -> std::optional<std::string>
         {
           if (request.method == "connect" || request.method == "subscribe" || request.method == "disconnect")
@@ -153,7 +153,7 @@ private:
     }
     catch (...)
     {
-      return JsonRpc::error(request.id, request, std::current_exception());
+      return JsonRpc::error(request.id, request.service, request.method, std::current_exception());
     }
   }
 
@@ -203,9 +203,7 @@ private:
   /// `callback` runs inside emissions: it only puts a text into the outbox.
   void connect(const std::string& service, const std::string& signal, std::uint64_t number, vu::SignalBase::ValuesCallback callback)
   {
-    const auto object = _server->broker->session()->find(service);
-    if (!object)
-      throw vu::ServiceError(service, signal, "there is no service " + service, Kind::UnknownService);
+    const auto object = _server->broker->session()->require(service, signal);
     const auto link = object->connect(signal, std::move(callback)).value(); // ready: the service is local
     _lastLink = number;
     _links.emplace(number, Link{object, link});
@@ -290,7 +288,6 @@ private:
   websocket::stream<Stream, false> _webSocket; // without compression
   asio::steady_timer _timer;
   std::shared_ptr<Outbox> _outbox;
-  const std::shared_ptr<Dispatcher::OpenCalls> _openCalls = std::make_shared<Dispatcher::OpenCalls>();
   std::map<std::uint64_t, Link> _links; ///< by number on the wire
   std::uint64_t _lastLink = 0;
   beast::flat_buffer _incoming;

@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/// Each may use those before it.
-constexpr const char* platformModules[] = {"memory", "preferences", "packagemanager", "framemanager", "runhistory", "behaviormanager"};
+/// As the build lists them; each may use those before it.
+constexpr const char* platformModules[] = {TARVIK_MODULE_NAMES};
 
 std::pair<std::string, std::uint16_t> parseListen(const std::string& text)
 {

@@ -30,6 +30,14 @@ bool isName(const std::string& text)
          std::all_of(text.begin(), text.end(), allowed);
 }
 
+std::string roleNames(const std::string& quote)
+{
+  std::string text;
+  for (const auto role : vu::roles)
+    text += (role == vu::roles.front() ? "" : role == vu::roles.back() ? " or " : ", ") + quote + std::string(roleName(role)) + quote;
+  return text;
+}
+
 /// The log and the records of packages give these names a meaning of their own.
 bool isReserved(const std::string& name) { return name == "local" || name == "host" || name == "system"; }
 
@@ -84,16 +92,19 @@ void Tokens::bindMethods()
 
   functionName("add", getName(), "Make a token; it is told this once");
   addParam("name", "whose it is: 1 to 32 letters, digits, '.', '_' or '-', a letter or digit first");
-  addParam("role", "\"observer\", \"operator\" or \"admin\"");
+  addParam("role", roleNames("\""));
   setReturn("token", "the token");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::add);
 
   functionName("list", getName(), "Tell which tokens there are, but for the one of the running host");
   setReturn("tokens", "[{name, role, created}], in the order of creation");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::list);
 
   functionName("remove", getName(), "Take a token back and end the connections that it has opened");
   addParam("name", "whose it is");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::remove);
 }
 
@@ -111,9 +122,9 @@ std::vector<Tokens::Record> Tokens::read() const
     const auto twice = std::any_of(records.begin(), records.end(), [&record](const Record& other) { return other.name == record.name; });
     if (!isName(record.name) || isReserved(record.name) || twice)
       throw std::runtime_error(common::inQuotes(record.name) + (twice ? " stands there twice" : " is no name of a token"));
-    if (!roleFromName(role))
+    if (!vu::roleFromName(role))
       throw std::runtime_error(common::inQuotes(role) + " is no role");
-    record.role = *roleFromName(role);
+    record.role = *vu::roleFromName(role);
     record.created = entry.at("created").get<std::string>();
     record.digest = digestFromHexadecimal(entry.at("sha256").get<std::string>());
     records.push_back(std::move(record));
@@ -137,9 +148,9 @@ std::string Tokens::add(const std::string& name, const std::string& role)
   // The history tells a module's stops by the module's name.
   if (isReserved(name) || getParentBroker()->session()->find(name))
     throw ZBError(getName(), "add", "the name " + common::inQuotes(name) + " is reserved: take another one");
-  const auto wanted = roleFromName(role);
+  const auto wanted = vu::roleFromName(role);
   if (!wanted)
-    throw ZBError(getName(), "add", "there is no role " + common::inQuotes(role) + ": give observer, operator or admin");
+    throw ZBError(getName(), "add", "there is no role " + common::inQuotes(role) + ": give " + roleNames(""));
   auto token = makeToken();
   const std::lock_guard lock(_mutex);
   if (std::any_of(_records.begin(), _records.end(), [&name](const Record& record) { return record.name == name; }))

@@ -12,4 +12,9 @@ ServiceError::ServiceError(std::string module, std::string method, const std::st
 
 ServiceError::~ServiceError() = default;
 
+ServiceError unknownService(const std::string& service, const std::string& method, const std::string& detail)
+{
+  return {service, method, "there is no service " + service + detail, ServiceError::Kind::UnknownService};
+}
+
 } // namespace vu

@@ -22,7 +22,7 @@ Future<Value> LocalObject::call(const std::string& method, const Value& argument
   {
     const auto pass = _gate.enter();
     if (!pass)
-      throw ServiceError(name(), method, "there is no service " + name() + " any more", ServiceError::Kind::UnknownService);
+      throw unknownService(name(), method, " any more");
     Invoke invoke;
     std::size_t wanted = 0;
     {
@@ -55,13 +55,33 @@ Future<Value> LocalObject::call(const std::string& method, const Value& argument
   }
 }
 
-Future<Value> LocalObject::post(const std::string& method, Value arguments)
+Role LocalObject::leastRole(const std::string& method) const
+{
+  const std::lock_guard lock(_mutex);
+  const auto* const known = _description.method(method);
+  return known ? known->leastRole() : leastRoleByName(method);
+}
+
+bool LocalObject::givesFuture(const std::string& method) const
+{
+  const std::lock_guard lock(_mutex);
+  const auto* const known = _description.method(method);
+  return known && known->future;
+}
+
+Future<Value> LocalObject::post(const std::string& method, Value arguments) { return post(method, std::move(arguments), {}); }
+
+Future<Value> LocalObject::post(const std::string& method, Value arguments, std::function<bool()> wanted)
 {
   const Promise<Value> promise(_pool);
   try
   {
-    _pool->postCall([self = shared_from_this(), method, arguments = std::move(arguments), promise]
-                    { self->call(method, arguments).forward(promise, [](const Value& value) { return value; }); });
+    _pool->postCall(
+        [self = shared_from_this(), method, arguments = std::move(arguments), promise, wanted = std::move(wanted)]
+        {
+          if (!wanted || wanted())
+            self->call(method, arguments).forward(promise, [](const Value& value) { return value; });
+        });
   }
   catch (const ServiceError& error) // the pool cannot know for whom it refuses
   {
@@ -80,9 +100,7 @@ Future<SignalLink> LocalObject::connect(const std::string& signal, SignalBase::V
       state = found->second;
   }
   else
-    return makeFailedFuture<SignalLink>(std::make_exception_ptr(ServiceError(name(), signal, "there is no service " + name() + " any more",
-                                                                             ServiceError::Kind::UnknownService)),
-                                        _pool);
+    return makeFailedFuture<SignalLink>(std::make_exception_ptr(unknownService(name(), signal, " any more")), _pool);
   if (!state)
     return makeFailedFuture<SignalLink>(
         std::make_exception_ptr(

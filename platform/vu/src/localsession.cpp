@@ -14,9 +14,9 @@ namespace vu
 namespace
 {
 
-std::exception_ptr unknownService(const std::string& name, const std::string& text)
+std::exception_ptr notFound(const std::string& name, const std::string& detail = {})
 {
-  return std::make_exception_ptr(ServiceError(name, {}, text, ServiceError::Kind::UnknownService));
+  return std::make_exception_ptr(unknownService(name, {}, detail));
 }
 
 } // namespace
@@ -90,30 +90,29 @@ Future<Object> LocalSession::service(const std::string& name, const std::string&
     }
     if (_implementation->closed || timeoutMs == 0)
     {
-      promise.setException(unknownService(name, "there is no service " + name));
+      promise.setException(notFound(name));
       return promise.future();
     }
     number = ++_implementation->lastWaiter;
     _implementation->waiters.emplace(number, Implementation::Waiter{name, promise, false});
   }
   if (timeoutMs > 0)
-    _implementation->pool->postAfter(
-        std::chrono::milliseconds(timeoutMs),
-        [weak = std::weak_ptr<Implementation>(_implementation), number, name, timeoutMs]
-        {
-          std::optional<Promise<Object>> late;
-          if (const auto session = weak.lock())
-          {
-            const std::lock_guard lock(session->mutex);
-            if (const auto found = session->waiters.find(number); found != session->waiters.end())
-            {
-              late = found->second.promise;
-              session->waiters.erase(found);
-            }
-          }
-          if (late)
-            late->setException(unknownService(name, "there is no service " + name + " after " + std::to_string(timeoutMs) + " ms"));
-        });
+    _implementation->pool->postAfter(std::chrono::milliseconds(timeoutMs),
+                                     [weak = std::weak_ptr<Implementation>(_implementation), number, name, timeoutMs]
+                                     {
+                                       std::optional<Promise<Object>> late;
+                                       if (const auto session = weak.lock())
+                                       {
+                                         const std::lock_guard lock(session->mutex);
+                                         if (const auto found = session->waiters.find(number); found != session->waiters.end())
+                                         {
+                                           late = found->second.promise;
+                                           session->waiters.erase(found);
+                                         }
+                                       }
+                                       if (late)
+                                         late->setException(notFound(name, " after " + std::to_string(timeoutMs) + " ms"));
+                                     });
   return promise.future();
 }
 
@@ -160,7 +159,8 @@ void LocalSession::withdraw(const std::string& name)
     waiting = _implementation->take(name, true);
   }
   for (const auto& promise : waiting)
-    promise.setException(unknownService(name, "the service " + name + " could not be constructed"));
+    promise.setException(std::make_exception_ptr(
+        ServiceError(name, {}, "the service " + name + " could not be constructed", ServiceError::Kind::UnknownService)));
   if (object)
     object->end();
 }
@@ -172,13 +172,21 @@ std::shared_ptr<LocalObject> LocalSession::find(const std::string& name) const
   return found == _implementation->services.end() ? nullptr : found->second;
 }
 
+std::shared_ptr<LocalObject> LocalSession::require(const std::string& name, const std::string& method) const
+{
+  auto object = find(name);
+  if (!object)
+    throw unknownService(name, method);
+  return object;
+}
+
 Future<Object> LocalSession::whenConstructed(const std::string& name)
 {
   const Promise<Object> promise(_implementation->pool);
   const std::lock_guard lock(_implementation->mutex);
   const auto found = _implementation->services.find(name);
   if (_implementation->closed || found == _implementation->services.end())
-    promise.setException(unknownService(name, "there is no service " + name));
+    promise.setException(notFound(name));
   else if (found->second)
     promise.setValue(Object(found->second));
   else
@@ -195,7 +203,7 @@ void LocalSession::close()
     waiters.swap(_implementation->waiters);
   }
   for (const auto& [number, waiter] : waiters)
-    waiter.promise.setException(unknownService(waiter.name, "there is no service " + waiter.name + ": the host is shutting down"));
+    waiter.promise.setException(notFound(waiter.name, ": the host is shutting down"));
 }
 
 } // namespace vu

@@ -42,6 +42,13 @@ void ZBModuleCore::setReturn(const std::string& name, const std::string& descrip
   _method->returns = vu::ParameterDescription{name, description, {}};
 }
 
+void ZBModuleCore::setAccess(vu::Role least)
+{
+  if (!_method)
+    throw std::logic_error("the access of " + _name + " belongs to no method");
+  _method->access = least;
+}
+
 vu::MethodDescription ZBModuleCore::takeMethod()
 {
   if (!_method)

@@ -24,13 +24,7 @@ ZBProxy::ZBProxy(std::shared_ptr<ZBBroker> broker, std::string name, int, int) :
 
 ZBProxy::operator vu::Object() const { return vu::Object(_broker->session()->find(_name)); }
 
-vu::Object ZBProxy::service(const std::string& method) const
-{
-  auto object = _broker->session()->find(_name);
-  if (!object)
-    throw vu::ServiceError(_name, method, "there is no service " + _name, vu::ServiceError::Kind::UnknownService);
-  return vu::Object(std::move(object));
-}
+vu::Object ZBProxy::service(const std::string& method) const { return vu::Object(_broker->session()->require(_name, method)); }
 
 int ZBProxy::postValues(const std::string& method, vu::Value arguments) const
 {

@@ -9,28 +9,13 @@
 #include <string_view>
 #include <vector>
 
+#include <vu/role.hpp>
 #include <vu/signal.hpp>
 
 namespace Tarvik
 {
 
-/// What a token allows. Each role may do what the one before it may.
-enum class Role
-{
-  Observer, ///< looks: queries, signals and events
-  Operator, ///< runs behaviors
-  Admin     ///< changes what is installed and stored, and calls internal methods
-};
-
-std::string_view roleName(Role role);
-/// None for a text that is no role's name.
-std::optional<Role> roleFromName(std::string_view name);
-
-/// Whether a role may call a method. Of the services whose direct use starts
-/// programs or changes what others rely on (packages, preferences, memory,
-/// frame manager), an operator may use the queries only; tokens are an
-/// admin's matter altogether.
-bool mayCall(Role role, std::string_view service, std::string_view method);
+using vu::Role;
 
 /// Who stands behind a token.
 struct Identity

@@ -2,8 +2,7 @@
 
 #include <boost/asio/post.hpp>
 
-#include <vu/caller.hpp>
-#include <vu/objectbuilder.hpp>
+#include <vu/error.hpp>
 
 namespace ZB::FrameManager
 {
@@ -30,28 +29,20 @@ void RunningCalls::next()
   if (_position == _calls.size())
     return end();
   const auto& call = _calls[_position];
-  const auto service = play().settings->session->find(call.service);
-  if (!service)
-    return fail(call.service + "." + call.method + ": there is no service " + call.service);
-  const vu::CallerScope caller(play().caller);
-  const vu::Promise<vu::Value> answer(service->pool());
   _decided = std::make_shared<std::atomic<bool>>(false);
+  vu::Future<vu::Value> answer;
   try
   {
-    service->pool()->postCall(
-        [service, call, answer, decided = _decided]
-        {
-          if (!decided->exchange(true))
-            service->call(call.method, call.arguments).forward(answer, [](const vu::Value& value) { return value; });
-        });
+    answer = play().settings->calls->post({call.service, call.method, call.arguments}, {play().caller, everyRight()},
+                                          [decided = _decided] { return !decided->exchange(true); });
   }
-  catch (const vu::ServiceError& error)
+  catch (const vu::ServiceError& refusal)
   {
-    return fail(call.service + "." + call.method + ": " + error.description());
+    return fail(call.service + "." + call.method + ": " + refusal.description());
   }
   // The continuation runs on the broker's pool and may come when the step, the
   // behavior or the frame manager has gone; only the gate tells.
-  answer.future().then(
+  answer.then(
       [gate = play().settings->gate, weak = weak_from_this()](const vu::Future<vu::Value>& answered)
       {
         const auto pass = gate->enter();

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include <vu/gate.hpp>
-#include <vu/session.hpp>
+#include <zb/callgate.hpp>
 
 namespace ZB::FrameManager
 {
@@ -33,7 +33,7 @@ private:
 /// What all behaviors of a frame manager have in common.
 struct PlaySettings
 {
-  std::shared_ptr<vu::LocalSession> session;
+  std::shared_ptr<const CallGate> calls;
   /// Lets late answers in; closed before the pool of the strands ends.
   std::shared_ptr<vu::Gate> gate;
   /// Of the processes, as "NAME=value".
@@ -47,7 +47,7 @@ struct PlaySettings
   const std::shared_ptr<ClosingDeadline> closing = std::make_shared<ClosingDeadline>();
 };
 
-/// From a broker's configuration; leaves out session and gate. Throws
+/// From a broker's configuration; leaves out calls and gate. Throws
 /// std::invalid_argument that names the setting.
 PlaySettings readSettings(const vu::Value& configuration);
 

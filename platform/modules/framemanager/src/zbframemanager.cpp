@@ -49,7 +49,7 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
   try
   {
     auto settings = FrameManager::readSettings(broker.configuration());
-    settings.session = broker.session();
+    settings.calls = std::make_shared<const CallGate>(broker.session());
     settings.gate = std::move(gate);
     return std::make_shared<const PlaySettings>(std::move(settings));
   }
@@ -72,15 +72,18 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   addParam("projectFile", "Path of the project file, relative to the package's directory and inside it");
   addParam("name", "Name of the behavior, for the log and the history");
   setReturn("id", "Id of the instance, never used again");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::createBehavior);
 
   functionName("playBehavior", getName(), "Begins to play an instance, which can be done once, and returns at once");
   addParam("id", "Id of the instance");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::playBehavior);
 
   functionName("_waitForStopped", getName(), "Waits for the end of an instance; fails with the reason where the instance failed");
   addParam("id", "Id of the instance; one that is not held any more counts as stopped");
   setReturn("stopped", "Completes when the instance has ended and its end has been signalled");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::waitForStopped);
 
   functionName("behaviors", getName(), "Lists the instances that are held, played or not");
@@ -89,9 +92,11 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
 
   functionName("deleteBehavior", getName(), "Stops an instance, ends its processes and lets go of it; returns when this is done");
   addParam("id", "Id of the instance");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::deleteBehavior);
 
   functionName("_beginClosing", getName(), "Stops all instances and refuses further ones, for a host that shuts down. INTERNAL");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::beginClosing);
 
   advertiseSignal("behaviorStopped", behaviorStopped);

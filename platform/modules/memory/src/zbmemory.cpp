@@ -21,16 +21,19 @@ void ZBMemory::bindMethods()
 
   functionName("declareEvent", getName(), "Declare an event, which may be raised from then on; declaring it again is no error");
   addParam("key", "name of the event");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBMemory::declareEvent);
 
   functionName("raiseEvent", getName(), "Raise a declared event and keep its value as data");
   addParam("key", "name of the event");
   addParam("value", "any value");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBMemory::raiseEvent);
 
   functionName("raiseMicroEvent", getName(), "Raise a declared event without keeping its value");
   addParam("key", "name of the event");
   addParam("value", "any value");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBMemory::raiseMicroEvent);
 
   functionName("getEventList", getName(), "Get the names of the declared events");
@@ -40,6 +43,7 @@ void ZBMemory::bindMethods()
   functionName("insertData", getName(), "Keep a value under a key, in the place of the one that was there; tells nobody");
   addParam("key", "name of the data");
   addParam("value", "any value");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBMemory::insertData);
 
   functionName("getData", getName(), "Get the value under a key");
@@ -49,6 +53,7 @@ void ZBMemory::bindMethods()
 
   functionName("removeData", getName(), "Remove the value under a key");
   addParam("key", "name of the data");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBMemory::removeData);
 
   functionName("getDataListName", getName(), "Get the keys of all data");
@@ -65,6 +70,7 @@ void ZBMemory::bindMethods()
     addParam("module", "name of the subscribing module");
     addParam("message", "text that the module gets back with every event");
     addParam("method", "name of a method of the module that takes key, value and message");
+    setAccess(vu::Role::Admin);
   };
   describeSubscription("subscribeToEvent");
   bindMethod(this, &ZBMemory::subscribeToEvent);
@@ -76,6 +82,7 @@ void ZBMemory::bindMethods()
     functionName(name, getName(), "End a module's subscription to an event, whichever way it was made");
     addParam("key", "name of the event");
     addParam("module", "name of the subscribing module");
+    setAccess(vu::Role::Admin);
   };
   describeUnsubscription("unsubscribeToEvent");
   bindMethod(this, &ZBMemory::unsubscribeToEvent);

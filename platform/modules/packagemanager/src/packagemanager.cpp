@@ -100,15 +100,18 @@ void PackageManager::bindMethods()
   addParam("path", "absolute path of the package's directory, or of a zip archive with the manifest at its top");
   addParam("installer", "whoever installs it; \"system\" is reserved");
   setReturn("uuid", "uuid of the package");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &PackageManager::install);
 
   functionName("remove", getName(), "Remove an installed package; those of the system stay");
   addParam("uuid", "uuid of the package");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &PackageManager::remove);
 
   functionName("check", getName(), "Check whether a package could be installed, without installing it");
   addParam("path", "absolute path of the package's directory or zip archive");
   setReturn("package", "the record that it would have");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &PackageManager::check);
 }
 

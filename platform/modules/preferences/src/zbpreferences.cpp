@@ -66,16 +66,19 @@ ZBPreferences::ZBPreferences(std::shared_ptr<ZBBroker> broker, const std::string
   addParam("fileName", "name of the file");
   addParam("flag", "of no meaning to this service");
   setReturn("settings", "the file's content");
+  setAccess(vu::Role::Operator);
   bindMethod(this, &ZBPreferences::readPrefFile);
 
   functionName("writePrefFile", getName(), "Replace the content of a preference file, or make it; atomic and durable");
   addParam("fileName", "name of the file");
   addParam("settings", "the content");
   addParam("flag", "of no meaning to this service");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBPreferences::writePrefFile);
 
   functionName("removePrefFile", getName(), "Remove a preference file");
   addParam("fileName", "name of the file");
+  setAccess(vu::Role::Admin);
   bindMethod(this, &ZBPreferences::removePrefFile);
 }
 

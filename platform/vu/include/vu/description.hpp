@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include <vu/role.hpp>
 #include <vu/value.hpp>
 
 /// What a service says about itself; converts to and from the value that
@@ -28,6 +29,10 @@ struct MethodDescription
   /// Whether the result is a future; `returns`, where present, then has the
   /// type "future<...>".
   bool future = false;
+  /// The first role that may call it, where it declares one; not on the wire.
+  std::optional<Role> access = {};
+
+  Role leastRole() const { return access ? *access : leastRoleByName(name); }
 };
 
 struct SignalDescription

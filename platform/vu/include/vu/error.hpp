@@ -38,4 +38,7 @@ private:
   Kind _kind;
 };
 
+/// What whoever looks in vain for a service is told; `detail` is added to it.
+ServiceError unknownService(const std::string& service, const std::string& method = {}, const std::string& detail = {});
+
 } // namespace vu

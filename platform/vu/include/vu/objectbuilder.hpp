@@ -29,9 +29,15 @@ public:
   ObjectDescription description() override;
   Future<Value> call(const std::string& method, const Value& arguments) override;
   Future<Value> post(const std::string& method, Value arguments) override;
+  /// The call is made only if `wanted`, asked when a thread takes it up, says so.
+  Future<Value> post(const std::string& method, Value arguments, std::function<bool()> wanted);
   Future<SignalLink> connect(const std::string& signal, SignalBase::ValuesCallback callback) override;
   void disconnect(SignalLink link) override;
   const std::shared_ptr<ThreadPool>& pool() const override { return _pool; }
+
+  /// The first role that may call the method; by its name where there is none.
+  Role leastRole(const std::string& method) const;
+  bool givesFuture(const std::string& method) const;
 
   /// A pass into the instance, empty once it has ended.
   Gate::Pass enter() { return _gate.enter(); }

@@ -59,6 +59,9 @@ public:
 
   /// The published service, at once; null when there is none.
   std::shared_ptr<LocalObject> find(const std::string& name) const;
+  /// The same, but throws unknownService() when there is none; `method` is what
+  /// is wanted of it.
+  std::shared_ptr<LocalObject> require(const std::string& name, const std::string& method = {}) const;
 
   /// The same, waiting for as long as the name is reserved: fails as soon as
   /// it is neither reserved nor published.

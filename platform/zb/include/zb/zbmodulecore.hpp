@@ -6,6 +6,7 @@
 
 #include <vu/description.hpp>
 #include <vu/objectbuilder.hpp>
+#include <vu/role.hpp>
 #include <vu/signal.hpp>
 
 namespace ZB
@@ -37,11 +38,15 @@ protected:
   void setModuleDescription(const std::string& description);
 
   /// Opens the description of a method; `className` is the module's own name
-  /// and `mask` 0. It is completed by addParam(), setReturn() and bindMethod().
+  /// and `mask` 0. It is completed by addParam(), setReturn(), setAccess()
+  /// and bindMethod().
   /// Throws std::logic_error for a method without description.
   void functionName(const std::string& name, const std::string& className, const std::string& description, int mask = 0);
   void addParam(const std::string& name, const std::string& description);
   void setReturn(const std::string& name, const std::string& description);
+  /// The first role that may call the method from outside the host. Where none
+  /// is declared, its name decides: see vu::leastRoleByName().
+  void setAccess(vu::Role least);
 
   /// Advertises the method whose description is open. Calls come on any
   /// thread, several at once, from the moment the module is published until

@@ -12,7 +12,7 @@ namespace Tarvik
 {
 
 /// What a request over HTTP is answered with.
-struct Page
+struct HttpAnswer
 {
   /// Content security policy of the gateway's own pages: files of their own
   /// and nothing else, no script inside the page.
@@ -31,8 +31,8 @@ struct Page
   /// Besides those that every answer has, which they replace.
   std::vector<std::pair<std::string, std::string>> headers = {};
 
-  static Page text(unsigned status, std::string body) { return {status, "text/plain; charset=utf-8", std::move(body) + "\n"}; }
-  static Page redirection(unsigned status, std::string body, std::string location)
+  static HttpAnswer text(unsigned status, std::string body) { return {status, "text/plain; charset=utf-8", std::move(body) + "\n"}; }
+  static HttpAnswer redirection(unsigned status, std::string body, std::string location)
   {
     auto page = text(status, std::move(body));
     page.headers.emplace_back("Location", std::move(location));
@@ -41,6 +41,6 @@ struct Page
 };
 
 /// With the headers that every answer has.
-boost::beast::http::response<boost::beast::http::string_body> toResponse(Page page, bool keepAlive);
+boost::beast::http::response<boost::beast::http::string_body> toResponse(HttpAnswer page, bool keepAlive);
 
 } // namespace Tarvik

@@ -1,4 +1,4 @@
-#include "page.hpp"
+#include "httpanswer.hpp"
 
 #include <boost/beast/core/string.hpp>
 
@@ -7,7 +7,7 @@ namespace Tarvik
 
 namespace http = boost::beast::http;
 
-http::response<http::string_body> toResponse(Page page, bool keepAlive)
+http::response<http::string_body> toResponse(HttpAnswer page, bool keepAlive)
 {
   http::response<http::string_body> response(static_cast<http::status>(page.status), 11);
   response.set(http::field::content_type, page.type);
