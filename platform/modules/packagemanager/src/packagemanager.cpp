@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include <common/text.hpp>
-#include <manifest.hpp>
-#include <packageerror.hpp>
+#include <packages/manifest.hpp>
+#include <packages/packageerror.hpp>
 #include <vu/caller.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -14,6 +14,9 @@ namespace ZB
 {
 
 namespace fs = std::filesystem;
+using packages::manifestFile;
+using packages::PackageError;
+using vu::inQuotes;
 
 namespace
 {
@@ -46,11 +49,11 @@ auto PackageManager::guarded(const char* method, const std::string& subject, con
   }
   catch (const PackageError& error)
   {
-    throw ZBError(getName(), method, subject + ": " + common::validUtf8(error.what()));
+    throw ZBError(getName(), method, subject + ": " + vu::validUtf8(error.what()));
   }
   catch (const fs::filesystem_error& error)
   {
-    throw ZBError(getName(), method, subject + ": " + common::validUtf8(error.what()));
+    throw ZBError(getName(), method, subject + ": " + vu::validUtf8(error.what()));
   }
 }
 
@@ -150,7 +153,7 @@ void PackageManager::loadSystemPackages()
     catch (const std::exception& error)
     {
       vu::log::error("packagemanager", "PackageManager::loadSystemPackages",
-                     "no system packages from " + entry.dump() + ": " + common::validUtf8(error.what()));
+                     "no system packages from " + entry.dump() + ": " + vu::validUtf8(error.what()));
     }
 }
 
@@ -158,7 +161,7 @@ void PackageManager::loadSystemPackage(const fs::path& directory)
 {
   try
   {
-    auto package = readManifest(directory);
+    auto package = packages::readManifest(directory);
     package.installer = systemInstaller;
     package.path = fs::canonical(directory).string();
     if (const auto other = _packages.find(package.uuid); other != _packages.end())
@@ -169,7 +172,7 @@ void PackageManager::loadSystemPackage(const fs::path& directory)
   catch (const std::exception& error)
   {
     vu::log::error("packagemanager", "PackageManager::loadSystemPackage",
-                   "the system package in " + inQuotes(directory.string()) + " is left out: " + common::validUtf8(error.what()));
+                   "the system package in " + inQuotes(directory.string()) + " is left out: " + vu::validUtf8(error.what()));
   }
 }
 
@@ -219,7 +222,7 @@ std::string PackageManager::install(const std::string& path, const std::string& 
   auto staged = guarded("install", inQuotes(path), [&] { return _store->stage(path, installer, _limits); });
   const auto uuid = staged.info.uuid();
   HiddenFolder replaced; // deleted in the end, when the lock has long been given back
-  common::OrderedEmitter::Ticket ticket;
+  vu::OrderedEmitter::Ticket ticket;
   {
     const std::lock_guard changes(_changes);
     refuseSystemPackage("install", uuid);
@@ -237,7 +240,7 @@ std::string PackageManager::install(const std::string& path, const std::string& 
 void PackageManager::remove(const std::string& uuid)
 {
   HiddenFolder removed;
-  common::OrderedEmitter::Ticket ticket;
+  vu::OrderedEmitter::Ticket ticket;
   {
     const std::lock_guard changes(_changes);
     if (!hasPackage(uuid))
@@ -269,7 +272,7 @@ void PackageManager::refuseSystemPackage(const char* method, const std::string& 
                       " belongs to the system and can be neither replaced nor removed: " + inQuotes(found->second.path()));
 }
 
-common::OrderedEmitter::Ticket PackageManager::queue(const char* event, const vu::PackageInfo& package)
+vu::OrderedEmitter::Ticket PackageManager::queue(const char* event, const vu::PackageInfo& package)
 {
   return _emitter.queue(
       [this, event, package]

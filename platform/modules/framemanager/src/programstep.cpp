@@ -1,0 +1,184 @@
+#include <programstep.hpp>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <sstream>
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <childprocess.hpp>
+#include <guardprotocol.hpp>
+#include <vu/log.hpp>
+
+namespace ZB::FrameManager
+{
+
+namespace
+{
+
+/// How long a killed program may take; only a driver that hangs keeps it longer.
+constexpr std::chrono::seconds killLimit(5);
+/// The same when the frame manager closes.
+constexpr std::chrono::seconds closingKillLimit(1);
+
+} // namespace
+
+PlayedProgram::PlayedProgram(std::shared_ptr<const Play> play, const std::string& title, const ProgramStep& step)
+    : PlayedStep(std::move(play), title), _step(step), _ended(this->play().strand), _control(this->play().strand),
+      _limit(this->play().strand), _giveUp(this->play().strand)
+{
+}
+
+void PlayedProgram::begin()
+{
+  const auto& settings = *play().settings;
+  auto child = startProcess(settings.guard, settings.terminateGrace, _step.words, play().project->directory, settings.environment);
+  _guard = child.guard;
+  try
+  {
+    _ended.assign(child.ended.get());
+    child.ended.release();
+    _control.assign(child.control.get());
+    child.control.release();
+    _output = makeReader(std::move(child.output), false);
+    _errors = makeReader(std::move(child.errors), true);
+  }
+  catch (...)
+  {
+    ::kill(_guard, SIGKILL); // which takes the program along
+    ::waitpid(_guard, nullptr, 0);
+    throw;
+  }
+  _output->start();
+  _errors->start();
+  waitForReport();
+  waitForGuard();
+  if (_step.timeout)
+  {
+    _limit.expires_after(*_step.timeout);
+    _limit.async_wait(handler(&PlayedProgram::timedOut));
+  }
+}
+
+std::shared_ptr<OutputReader> PlayedProgram::makeReader(FileDescriptor pipe, bool isError)
+{
+  const auto level = isError ? vu::log::Level::Warning : vu::log::Level::Info;
+  return std::make_shared<OutputReader>(play().strand, std::move(pipe),
+                                        [level, name = play().name](const std::string& line)
+                                        { vu::log::write(level, "framemanager", "run", name + ": " + line); });
+}
+
+void PlayedProgram::waitForReport()
+{
+  _control.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&PlayedProgram::reported));
+}
+
+void PlayedProgram::reported(Error error)
+{
+  if (!error && !hasEnded() && takeReports())
+    waitForReport();
+}
+
+bool PlayedProgram::takeReports()
+{
+  for (GuardReport report;;)
+  {
+    const auto size = ::recv(_control.native_handle(), &report, sizeof report, MSG_DONTWAIT);
+    if (size != sizeof report)
+      return size < 0 && (errno == EAGAIN || errno == EINTR);
+    if (report.kind == GuardReport::Kind::Started)
+      _program = report.value;
+    else
+    {
+      (report.kind == GuardReport::Kind::Ended ? _status : _startError) = report.value;
+      _limit.cancel();
+    }
+  }
+}
+
+void PlayedProgram::waitForGuard()
+{
+  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&PlayedProgram::guardEnded));
+}
+
+void PlayedProgram::guardEnded(Error error)
+{
+  if (error || hasEnded())
+    return;
+  // Readiness is a hint: a descriptor that takes a closed one's place may be
+  // woken by the news of that one.
+  if (::waitpid(_guard, nullptr, WNOHANG) == 0)
+    return waitForGuard();
+  takeReports();
+  if (!_status && !_startError && _program != 0) // somebody has killed the guard
+    ::kill(-_program, SIGKILL);
+  conclude();
+}
+
+void PlayedProgram::timedOut(Error error)
+{
+  if (error || _status || _startError || _terminating)
+    return;
+  _timedOut = true;
+  terminate();
+}
+
+void PlayedProgram::terminate()
+{
+  _terminating = true;
+  const auto& settings = *play().settings;
+  const auto grace = settings.closing->shorten(settings.terminateGrace);
+  const auto message = static_cast<std::int32_t>(grace.count());
+  ::send(_control.native_handle(), &message, sizeof message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  _giveUp.expires_after(grace + (settings.closing->isSet() ? closingKillLimit : killLimit));
+  _giveUp.async_wait(handler(&PlayedProgram::killOver));
+}
+
+void PlayedProgram::killOver(Error error)
+{
+  if (error || hasEnded())
+    return;
+  vu::log::error("framemanager", "run",
+                 play().name + ": the process group " + std::to_string(_program) + " of " + _step.words.front() +
+                     " cannot be killed; it is left alone");
+  conclude();
+}
+
+void PlayedProgram::conclude()
+{
+  _limit.cancel();
+  _giveUp.cancel();
+  _ended.close();
+  _control.close();
+  _output->finish();
+  _errors->finish();
+  const auto text = isStopping() ? std::string() : message();
+  if (text.empty())
+    end();
+  else
+    fail(text);
+}
+
+std::string PlayedProgram::message() const
+{
+  const auto& program = _step.words.front();
+  if (_startError)
+    return cannotStart(program, *_startError, play().project->directory);
+  std::ostringstream text;
+  text << program;
+  if (_timedOut)
+    text << " did not end within " << std::chrono::duration<double>(*_step.timeout).count() << " s and was stopped";
+  else if (!_status)
+    text << ": its exit status is lost";
+  else if (WIFSIGNALED(*_status))
+    text << " was ended by signal " << WTERMSIG(*_status) << " (" << ::strsignal(WTERMSIG(*_status)) << ")";
+  else if (WEXITSTATUS(*_status) != 0)
+    text << " ended with exit status " << WEXITSTATUS(*_status) << "; its output stands in the log";
+  else
+    return {};
+  return text.str();
+}
+
+} // namespace ZB::FrameManager

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <sys/types.h>
+
+#include <outputreader.hpp>
+#include <playedstep.hpp>
+
+namespace ZB::FrameManager
+{
+
+/// A program under its guard, which ends it with all that has come of it: on a
+/// stop, on a time-out, and when the program ends by itself.
+///
+/// The step ends with the guard, and so when nothing of the program is left.
+class PlayedProgram final : public PlayedStep
+{
+public:
+  PlayedProgram(std::shared_ptr<const Play> play, const std::string& title, const ProgramStep& step);
+
+private:
+  using Error = const boost::system::error_code&;
+
+  void begin() override;
+  void letGo() override { terminate(); }
+  std::shared_ptr<OutputReader> makeReader(FileDescriptor pipe, bool isError);
+
+  void waitForReport();
+  void reported(Error error);
+  /// False at the end of the socket.
+  bool takeReports();
+  void waitForGuard();
+  void guardEnded(Error error);
+  void timedOut(Error error);
+  void terminate();
+  void killOver(Error error);
+  void conclude();
+  /// Why it failed; empty where it did not.
+  std::string message() const;
+
+  const ProgramStep& _step;
+  boost::asio::posix::stream_descriptor _ended; ///< of the guard
+  boost::asio::posix::stream_descriptor _control;
+  boost::asio::steady_timer _limit;
+  boost::asio::steady_timer _giveUp;
+  std::shared_ptr<OutputReader> _output;
+  std::shared_ptr<OutputReader> _errors;
+  pid_t _guard = 0;
+  pid_t _program = 0;
+  std::optional<int> _startError;
+  std::optional<int> _status;
+  bool _timedOut = false;
+  bool _terminating = false;
+};
+
+} // namespace ZB::FrameManager
