@@ -73,7 +73,7 @@ void ZBBehaviorManager::addDefaultBehavior(const std::string& behavior)
   xReadDefaultBehaviors(names);
   const auto path = xResolveBehaviorName(behavior, nullptr, nullptr);
   if (path.empty())
-    // Reported under this name since the first release; clients compare it.
+    // Clients compare the method that it is reported under.
     throw makeError("preloadBehavior", "behavior " + behavior + " is not installed");
   names.insert(path);
   xWriteDefaultBehaviors(names);

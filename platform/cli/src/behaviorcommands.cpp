@@ -75,13 +75,15 @@ void printNames(const Context& context, const std::vector<std::string>& names)
     context.out << name << "\n";
 }
 
-/// Calls `method` for one behavior, whose name is checked first.
+/// Calls `method` for one behavior. The manager resolves the name itself, so
+/// that the name to be shown is asked for in the same round trip.
 void callFor(Context& context, const std::string& method, const std::string& name, const std::string& done)
 {
   const auto session = context.connect();
   const Behaviors behaviors(*session);
+  const auto answer = behaviors.object().async<vu::Value>(method, name);
   const auto resolved = behaviors.resolve(name);
-  const auto result = behaviors.object().callValues(method, vu::Value::array({resolved})).value();
+  const auto result = answer.value();
   if (result.is_boolean() && !result.get<bool>())
     throw CommandError("the behavior manager refused \"" + name + "\"; its log tells why");
   if (context.json)

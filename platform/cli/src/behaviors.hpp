@@ -15,7 +15,6 @@ constexpr auto behaviorManagerName = "ZBBehaviorManager";
 class Behaviors
 {
 public:
-  /// Throws a vu::ServiceError when the host has no behavior manager.
   explicit Behaviors(vu::RemoteSession& session);
 
   const vu::Object& object() const { return _object; }
@@ -23,9 +22,11 @@ public:
   std::vector<std::string> installed() const { return names("getInstalledBehaviors"); }
   std::vector<std::string> names(const std::string& method) const { return _object.call<std::vector<std::string>>(method); }
 
-  /// The name that state lists and signals use. Throws a CommandError that
-  /// names what is meant, perhaps, when no such behavior is installed.
-  std::string resolve(const std::string& name) const;
+  /// The names that state lists and signals use, all asked for at once. Throws
+  /// a CommandError that names what is meant, perhaps, when no such behavior is
+  /// installed.
+  std::vector<std::string> resolve(const std::vector<std::string>& names) const;
+  std::string resolve(const std::string& name) const { return resolve(std::vector{name}).front(); }
 
 private:
   vu::Object _object;

@@ -48,15 +48,17 @@ public:
     _session->setClosedCallback([mailbox = _mailbox](const std::string& reason)
                                 { put(mailbox, News::Kind::Disconnected, {}, "the connection to the host has ended: " + reason); });
     _behaviors.emplace(*_session);
-    for (const auto& name : names)
-      _open.insert(_behaviors->resolve(name));
+    const auto resolved = _behaviors->resolve(names);
+    _open.insert(resolved.begin(), resolved.end());
   }
 
   void toEnd()
   {
     // Before the calls, whose signals would be missed otherwise.
-    follow("behaviorLoaded", "loaded");
-    follow("behaviorStarted", "started");
+    const auto loaded = follow("behaviorLoaded", "loaded");
+    const auto started = follow("behaviorStarted", "started");
+    loaded.value();
+    started.value();
     for (const auto& name : _open)
       begin(name);
     while (!_open.empty())
@@ -104,10 +106,10 @@ private:
     return text.empty() ? "it failed without a reason" : text;
   }
 
-  void follow(const std::string& signal, const std::string& state)
+  vu::Future<vu::SignalLink> follow(const std::string& signal, const std::string& state)
   {
     const auto tell = [mailbox = _mailbox, state](const std::string& name) { put(mailbox, News::Kind::Progress, name, state); };
-    _behaviors->object().connect<std::string>(signal, tell).value();
+    return _behaviors->object().connect<std::string>(signal, tell);
   }
 
   void handle(const News& news)

@@ -12,21 +12,27 @@ void status(Context& context)
 {
   const auto session = context.connect();
   const auto url = context.host.url;
-  const auto services = session->services();
   const Behaviors behaviors(*session);
-  const auto packages = session->service("PackageManager").value().call<vu::Value>("packages").size();
-  const auto installed = behaviors.installed();
-  const auto loaded = behaviors.names("getLoadedBehaviors");
-  const auto running = behaviors.names("getRunningBehaviors");
+  // All are asked before the first answer is waited for.
+  const auto packages = session->service("PackageManager").value().async<vu::Value>("packages");
+  const auto ask = [&behaviors](const char* method) { return behaviors.object().async<std::vector<std::string>>(method); };
+  const auto installed = ask("getInstalledBehaviors");
+  const auto loaded = ask("getLoadedBehaviors");
+  const auto running = ask("getRunningBehaviors");
+  const auto services = session->services();
   if (context.json)
-    return context.print(
-        {{"url", url}, {"services", services}, {"packages", packages}, {"installed", installed}, {"loaded", loaded}, {"running", running}});
+    return context.print({{"url", url},
+                          {"services", services},
+                          {"packages", packages.value().size()},
+                          {"installed", installed.value()},
+                          {"loaded", loaded.value()},
+                          {"running", running.value()}});
+  const auto size = [](const auto& answer) { return std::to_string(answer.value().size()); };
   context.out << formatTable({{"host", url},
                               {"services", joined(services)},
-                              {"packages", std::to_string(packages)},
-                              {"behaviors", std::to_string(installed.size()) + " installed, " + std::to_string(loaded.size()) +
-                                                " loaded, " + std::to_string(running.size()) + " running"},
-                              {"running", running.empty() ? "none" : joined(running)}});
+                              {"packages", size(packages)},
+                              {"behaviors", size(installed) + " installed, " + size(loaded) + " loaded, " + size(running) + " running"},
+                              {"running", running.value().empty() ? "none" : joined(running.value())}});
 }
 
 void services(Context& context)
@@ -47,16 +53,17 @@ void describe(Context& context, const std::string& service)
   context.out << formatDescription(description.get<vu::ObjectDescription>());
 }
 
+void requireMethodName(const std::string& text)
+{
+  const auto dot = text.rfind('.');
+  if (dot == std::string::npos || dot == 0 || dot + 1 == text.size())
+    throw CommandError("\"" + text + "\" does not name a method: write SERVICE.METHOD, such as ZBMemory.getEventList",
+                       ExitCode::WrongUsage);
+}
+
 void call(Context& context, const std::string& method, const std::vector<std::string>& texts)
 {
-  try
-  {
-    splitMethodName(method);
-  }
-  catch (const std::invalid_argument& error)
-  {
-    throw CommandError(error.what(), ExitCode::WrongUsage);
-  }
+  requireMethodName(method);
   auto arguments = vu::Value::array();
   for (const auto& text : texts)
     arguments.push_back(argumentFromText(text));

@@ -4,7 +4,8 @@
 #include <ctime>
 #include <iomanip>
 #include <sstream>
-#include <stdexcept>
+
+#include <vu/value.hpp>
 
 namespace Tarvik
 {
@@ -49,14 +50,6 @@ vu::Value argumentFromText(const std::string& text)
 {
   auto value = vu::Value::parse(text, nullptr, false);
   return value.is_discarded() ? vu::Value(text) : value;
-}
-
-std::pair<std::string, std::string> splitMethodName(const std::string& text)
-{
-  const auto dot = text.rfind('.');
-  if (dot == std::string::npos || dot == 0 || dot + 1 == text.size())
-    throw std::invalid_argument("\"" + text + "\" does not name a method: write SERVICE.METHOD, such as ZBMemory.getEventList");
-  return {text.substr(0, dot), text.substr(dot + 1)};
 }
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows)

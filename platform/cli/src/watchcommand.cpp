@@ -32,12 +32,15 @@ using Letter = std::variant<Notification, Interrupted, Disconnected>;
 void subscribeToAll(vu::RemoteSession& session)
 {
   std::vector<vu::Future<vu::Value>> answers{session.call("session.subscribe", vu::Value::array({"*"}))};
+  std::vector<vu::Future<vu::Value>> descriptions;
   for (const auto& service : session.services())
+    descriptions.push_back(session.call("session.describe", vu::Value::array({service})));
+  for (const auto& each : descriptions)
   {
-    const auto description = session.call("session.describe", vu::Value::array({service})).value().get<vu::ObjectDescription>();
+    const auto description = each.value().get<vu::ObjectDescription>();
     for (const auto& signal : description.signals)
-      if (service != "ZBMemory" || signal.name != "eventRaised")
-        answers.push_back(session.call("session.connect", vu::Value::array({service, signal.name})));
+      if (description.name != "ZBMemory" || signal.name != "eventRaised")
+        answers.push_back(session.call("session.connect", vu::Value::array({description.name, signal.name})));
   }
   for (const auto& answer : answers)
     answer.value();

@@ -80,7 +80,7 @@ TEST_F(WebSocket, ErrorsArriveWhole)
   EXPECT_EQ(kindOf([&] { object.call<int>("subtract"); }), Kind::UnknownMethod);
   EXPECT_EQ(kindOf([&] { object.call<int>("add", 1); }), Kind::InvalidArguments);
   EXPECT_EQ(kindOf([&] { object.call<void>("fail", std::string("\xff")); }), Kind::InvalidArguments) << "no UTF-8 cannot be sent";
-  EXPECT_EQ(kindOf([&] { session.service("Nobody").value(); }), Kind::UnknownService);
+  EXPECT_EQ(kindOf([&] { session.service("Nobody").value().call<void>("act"); }), Kind::UnknownService);
   EXPECT_EQ(kindOf([&] { object.connect<int>("nothing", [](int) {}).value(); }), Kind::UnknownMethod);
   EXPECT_EQ(kindOf([&] { session.call("session.connect", vu::Value::array({1})).value(); }), Kind::InvalidArguments);
   RemoteSession screen(remote("observer-token"));

@@ -17,4 +17,22 @@ ServiceError unknownService(const std::string& service, const std::string& metho
   return {service, method, "there is no service " + service + detail, ServiceError::Kind::UnknownService};
 }
 
+std::string errorText(const std::exception_ptr& error)
+{
+  if (!error)
+    return {};
+  try
+  {
+    std::rethrow_exception(error);
+  }
+  catch (const std::exception& exception)
+  {
+    return exception.what();
+  }
+  catch (...)
+  {
+    return "an error of an unknown type";
+  }
+}
+
 } // namespace vu

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include <vu/caller.hpp>
-#include <vu/signal.hpp>
+#include <vu/log.hpp>
 
 namespace vu
 {
@@ -76,7 +76,7 @@ void Line::runNext()
     }
     catch (...)
     {
-      detail::logCallbackError("a delivery");
+      log::callbackError("a delivery");
     }
     // What it holds goes before the next one runs.
   }

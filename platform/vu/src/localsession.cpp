@@ -6,7 +6,6 @@
 #include <optional>
 
 #include <vu/error.hpp>
-#include <vu/objectbuilder.hpp>
 
 namespace vu
 {
@@ -67,7 +66,7 @@ LocalSession::LocalSession(std::shared_ptr<ThreadPool> pool) : _implementation(s
 
 LocalSession::~LocalSession() { close(); }
 
-std::vector<std::string> LocalSession::services()
+std::vector<std::string> LocalSession::services() const
 {
   const std::lock_guard lock(_implementation->mutex);
   std::vector<std::string> names;

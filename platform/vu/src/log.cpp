@@ -9,6 +9,7 @@
 #include <spdlog/spdlog.h>
 
 #include <vu/caller.hpp>
+#include <vu/error.hpp>
 
 namespace vu::log
 {
@@ -92,6 +93,18 @@ void write(Level level, std::string_view category, std::string_view function, st
   const auto& caller = currentCaller();
   output().info("[{}] {}.{}{}{}: {}", levelNames[static_cast<std::size_t>(level)], category, function, caller.empty() ? "" : " for ",
                 oneLine(caller), oneLine(message));
+}
+
+void callbackError(std::string_view where) noexcept
+{
+  try
+  {
+    error("vu", __func__, std::string(where) + " threw: " + errorText(std::current_exception()));
+  }
+  catch (...)
+  {
+    // Nothing is left to report with.
+  }
 }
 
 Capture::Capture() : _store(std::make_shared<Store>())

@@ -3,6 +3,9 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
+
+#include <vu/line.hpp>
 
 namespace vu
 {
@@ -53,10 +56,20 @@ private:
 
 struct Object::Shared
 {
-  explicit Shared(std::shared_ptr<ObjectBackend> service) : backend(std::move(service)), line(Line::create(backend->pool())) {}
+  explicit Shared(std::shared_ptr<ObjectBackend> service) : backend(std::move(service)) {}
+
+  /// Made when it is first asked for: most handles only call.
+  const std::shared_ptr<Line>& line()
+  {
+    std::call_once(_lineMade, [this] { _line = Line::create(backend->pool()); });
+    return _line;
+  }
 
   const std::shared_ptr<ObjectBackend> backend;
-  const std::shared_ptr<Line> line;
+
+private:
+  std::once_flag _lineMade;
+  std::shared_ptr<Line> _line;
 };
 
 Object::Object(std::shared_ptr<ObjectBackend> backend) : _shared(backend ? std::make_shared<Shared>(std::move(backend)) : nullptr) {}
@@ -81,10 +94,11 @@ Future<Value> Object::asyncValues(const std::string& method, Value arguments) co
 
 Future<SignalLink> Object::connectValues(const std::string& signal, SignalBase::ValuesCallback callback) const
 {
+  const auto& service = backend();
   auto delivery = std::make_shared<Delivery>(std::move(callback));
-  const auto connected = backend()->connect(signal, [line = _shared->line, delivery](const Value& arguments)
-                                            { line->push([delivery, arguments] { delivery->run(arguments); }); });
-  const Promise<SignalLink> promise(backend()->pool());
+  const auto connected = service->connect(signal, [line = _shared->line(), delivery](const Value& arguments)
+                                          { line->push([delivery, arguments] { delivery->run(arguments); }); });
+  const Promise<SignalLink> promise(service->pool());
   connected.forward(promise,
                     [delivery](SignalLink link)
                     {
@@ -110,7 +124,7 @@ void Object::disconnect(SignalLink link) const
 Future<void> Object::delivered() const
 {
   backend();
-  return _shared->line->passed();
+  return _shared->line()->passed();
 }
 
 } // namespace vu

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include <vu/future.hpp>
+#include <vu/error.hpp>
 #include <vu/log.hpp>
 
 namespace vu

@@ -1,5 +1,7 @@
 #include <vu/remotesession.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -7,7 +9,6 @@
 
 #include <vu/line.hpp>
 #include <vu/log.hpp>
-#include <vu/object.hpp>
 
 #include "websocketchannel.hpp"
 
@@ -249,13 +250,13 @@ struct RemoteSession::Implementation : std::enable_shared_from_this<Implementati
 class RemoteSession::Implementation::RemoteObject final : public ObjectBackend
 {
 public:
-  RemoteObject(std::shared_ptr<Implementation> session, ObjectDescription description)
-      : _session(std::move(session)), _description(std::move(description))
-  {
-  }
+  RemoteObject(std::shared_ptr<Implementation> session, std::string name) : _session(std::move(session)), _name(std::move(name)) {}
 
-  const std::string& name() const override { return _description.name; }
-  ObjectDescription description() override { return _description; }
+  const std::string& name() const override { return _name; }
+  ObjectDescription description() override
+  {
+    return _session->call("session.describe", Value::array({_name})).value().get<ObjectDescription>();
+  }
   Future<Value> call(const std::string& method, const Value& arguments) override
   {
     return _session->call(name() + "." + method, arguments);
@@ -273,13 +274,13 @@ public:
 
 private:
   const std::shared_ptr<Implementation> _session;
-  const ObjectDescription _description;
+  const std::string _name;
 };
 
 void RemoteSession::Implementation::lookUp(const std::string& name, const Promise<Object>& promise,
                                            std::optional<std::chrono::steady_clock::time_point> end)
 {
-  call("session.describe", Value::array({name}))
+  call("session.services", Value::array())
       .then(
           [self = weak_from_this(), name, promise, end](const Future<Value>& answer)
           {
@@ -288,12 +289,11 @@ void RemoteSession::Implementation::lookUp(const std::string& name, const Promis
               return;
             try
             {
-              promise.setValue(Object(std::make_shared<RemoteObject>(session, answer.value().get<ObjectDescription>())));
-            }
-            catch (const ServiceError& error)
-            {
-              if (error.kind() != ServiceError::Kind::UnknownService || (end && std::chrono::steady_clock::now() >= *end))
-                promise.setException(std::current_exception());
+              const auto names = answer.value().get<std::vector<std::string>>();
+              if (std::find(names.begin(), names.end(), name) != names.end())
+                promise.setValue(Object(std::make_shared<RemoteObject>(session, name)));
+              else if (end && std::chrono::steady_clock::now() >= *end)
+                throw unknownService(name);
               else
                 session->pool->postAfter(pollInterval, [session, name, promise, end] { session->lookUp(name, promise, end); });
             }
@@ -329,9 +329,11 @@ std::vector<std::string> RemoteSession::services()
 
 Future<Object> RemoteSession::service(const std::string& name, const std::string&, int timeoutMs)
 {
+  if (timeoutMs == 0)
+    return makeReadyFuture<Object>(Object(std::make_shared<Implementation::RemoteObject>(_implementation, name)), _implementation->pool);
   const Promise<Object> promise(_implementation->pool);
   std::optional<std::chrono::steady_clock::time_point> end;
-  if (timeoutMs >= 0)
+  if (timeoutMs > 0)
     end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   _implementation->lookUp(name, promise, end);
   return promise.future();

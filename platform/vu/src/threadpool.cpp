@@ -21,7 +21,6 @@
 #include <vu/caller.hpp>
 #include <vu/error.hpp>
 #include <vu/log.hpp>
-#include <vu/signal.hpp>
 
 namespace vu
 {
@@ -195,7 +194,7 @@ struct ThreadPool::Implementation
     }
     catch (...)
     {
-      detail::logCallbackError("a posted task");
+      log::callbackError("a posted task");
     }
     task = nullptr;
     const std::lock_guard lock(mutex);

@@ -1,8 +1,10 @@
 #include "websocketchannel.hpp"
 
+#include <chrono>
 #include <deque>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -76,7 +78,7 @@ template <typename Stream> class Channel final : public WebSocketChannel
 {
 public:
   template <typename... StreamArguments>
-  Channel(const RemoteSession::Options& options, HostAddress address, Handlers handlers, StreamArguments&&... arguments)
+  Channel(const ConnectionOptions& options, HostAddress address, Handlers handlers, StreamArguments&&... arguments)
       : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _resolver(_io),
         _webSocket(_io, std::forward<StreamArguments>(arguments)...), _timer(_io)
   {
@@ -170,7 +172,7 @@ private:
 
   void greet()
   {
-    _webSocket.set_option(websocket::stream_base::timeout{std::chrono::seconds(30), std::chrono::seconds(60), true});
+    _webSocket.set_option(websocket::stream_base::timeout{_options.timeout, _options.idle, true});
     _webSocket.set_option(websocket::stream_base::decorator([token = _options.token](websocket::request_type& request)
                                                             { request.set(http::field::authorization, "Bearer " + token); }));
     _webSocket.read_message_max(maximumMessage);
@@ -268,7 +270,7 @@ private:
   }
 
   // The thread of the channel alone touches what follows, once it runs.
-  const RemoteSession::Options _options;
+  const ConnectionOptions _options;
   const HostAddress _address;
   const Handlers _handlers;
   asio::io_context _io{1};
@@ -287,7 +289,7 @@ private:
 class SecureChannel final : public WebSocketChannel
 {
 public:
-  SecureChannel(const RemoteSession::Options& options, HostAddress address, Handlers handlers)
+  SecureChannel(const ConnectionOptions& options, HostAddress address, Handlers handlers)
       : _context(makeContext(options)), _channel(options, std::move(address), std::move(handlers), _context)
   {
     _channel.open();
@@ -297,7 +299,7 @@ public:
   void close() override { _channel.close(); }
 
 private:
-  static asio::ssl::context makeContext(const RemoteSession::Options& options)
+  static asio::ssl::context makeContext(const ConnectionOptions& options)
   {
     asio::ssl::context context(asio::ssl::context::tls_client);
     context.set_verify_mode(asio::ssl::verify_peer);
@@ -318,7 +320,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<WebSocketChannel> WebSocketChannel::connect(const RemoteSession::Options& options, Handlers handlers)
+std::unique_ptr<WebSocketChannel> WebSocketChannel::connect(const ConnectionOptions& options, Handlers handlers)
 {
   auto address = HostAddress::parse(options.url);
   if (address.secure)

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include <vu/remotesession.hpp>
+#include <vu/connectionoptions.hpp>
 
 namespace vu
 {
@@ -22,8 +22,10 @@ public:
     std::function<void(const std::string& reason)> closed;
   };
 
-  /// Connects; throws as RemoteSession's constructor does.
-  static std::unique_ptr<WebSocketChannel> connect(const RemoteSession::Options& options, Handlers handlers);
+  /// Connects; throws a ServiceError of kind ConnectionLost that names the
+  /// address when there is no host, NotAllowed when it refuses the token,
+  /// InvalidArguments when the URL is none.
+  static std::unique_ptr<WebSocketChannel> connect(const ConnectionOptions& options, Handlers handlers);
 
   WebSocketChannel() = default;
   virtual ~WebSocketChannel() = default;

@@ -88,19 +88,3 @@ TEST(Future, OneOfManyConcurrentResultsStays)
     ThreadPool::process()->waitUntilIdle(); // the last continuation may still be about to leave the event
   }
 }
-
-TEST(Future, ForwardHandsOnTheResultOrTheErrorInsideTheCompletingCall)
-{
-  const Promise<int> source;
-  const Promise<std::string> text;
-  const Promise<void> failed, passedOn;
-  source.future().forward(text, [](int value) { return std::to_string(value); });
-  source.future().forward(failed, [](int) { throw std::range_error("does not fit"); });
-  failed.future().forward(passedOn, [] { ADD_FAILURE() << "converts an error"; });
-  EXPECT_FALSE(text.future().isFinished());
-  source.setValue(12);
-  ASSERT_TRUE(text.future().isFinished() && failed.future().isFinished() && passedOn.future().isFinished());
-  EXPECT_EQ(text.future().value(), "12");
-  EXPECT_THROW(failed.future().value(), std::range_error);
-  EXPECT_EQ(passedOn.future().error(), "does not fit");
-}

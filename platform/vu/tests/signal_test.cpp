@@ -9,8 +9,8 @@
 #include <testing/waiting.hpp>
 
 using namespace std::chrono_literals;
-using vu::Signal;
 using TestSupport::Event;
+using vu::Signal;
 
 TEST(Signal, CallsInTheOrderOfConnectionOnTheEmittersThreadPastOneThatThrows)
 {

@@ -2,11 +2,10 @@
 
 #include <chrono>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <vu/description.hpp>
-#include <vu/value.hpp>
+#include <vu/valuefwd.hpp>
 
 /// What the commands read and write, as text.
 namespace Tarvik
@@ -15,10 +14,6 @@ namespace Tarvik
 /// An argument of a call: JSON where the text is JSON, else the text itself as
 /// a string.
 vu::Value argumentFromText(const std::string& text);
-
-/// "Service.method" in its two parts. Throws std::invalid_argument that names
-/// the text when it is anything else.
-std::pair<std::string, std::string> splitMethodName(const std::string& text);
 
 /// Columns as wide as their widest cell, two spaces apart, no space at the end
 /// of a line; a newline after every row. The first row is the heading.

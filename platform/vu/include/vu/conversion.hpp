@@ -10,13 +10,14 @@
 #include <utility>
 #include <vector>
 
-#include <vu/future.hpp>
 #include <vu/value.hpp>
 
 /// Names of types, as a service's description shows them, and the strict
 /// conversion of arguments.
 namespace vu
 {
+
+template <typename T> class Future;
 
 /// A value does not have the type that is wanted. The text says what is wanted
 /// and what was found: "expected string, found number".

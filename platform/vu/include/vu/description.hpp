@@ -5,7 +5,7 @@
 #include <vector>
 
 #include <vu/role.hpp>
-#include <vu/value.hpp>
+#include <vu/valuefwd.hpp>
 
 /// What a service says about itself; converts to and from the value that
 /// "session.describe" answers with (docs/protocol.md).

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -40,5 +41,8 @@ private:
 
 /// What whoever looks in vain for a service is told; `detail` is added to it.
 ServiceError unknownService(const std::string& service, const std::string& method = {}, const std::string& detail = {});
+
+/// The text of an exception: what() of a std::exception, else a fixed text.
+std::string errorText(const std::exception_ptr& error);
 
 } // namespace vu

@@ -15,13 +15,11 @@
 #include <vector>
 
 #include <vu/caller.hpp>
+#include <vu/error.hpp>
 #include <vu/threadpool.hpp>
 
 namespace vu
 {
-
-/// The text of an exception: what() of a std::exception, else a fixed text.
-std::string errorText(const std::exception_ptr& error);
 
 template <typename T> class Promise;
 

@@ -58,6 +58,10 @@ inline void debug(std::string_view category, std::string_view function, std::str
   write(Level::Debug, category, function, message);
 }
 
+/// Logs the exception that is being handled, at a boundary where nobody else
+/// would hear of it; to be called from a catch block.
+void callbackError(std::string_view where) noexcept;
+
 struct Line
 {
   Level level;

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include <vu/value.hpp>
+#include <vu/valuefwd.hpp>
 
 namespace vu
 {

@@ -1,11 +1,12 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include <vu/session.hpp>
+#include <vu/connectionoptions.hpp>
+#include <vu/object.hpp>
 
 namespace vu
 {
@@ -15,33 +16,34 @@ namespace vu
 /// descriptions. Notifications run in the order in which the host emitted
 /// them. When the connection ends, every open call fails with a ServiceError
 /// of kind ConnectionLost. Thread-safe.
-class RemoteSession final : public Session
+class RemoteSession
 {
 public:
-  struct Options
-  {
-    std::string url;                          ///< "http://127.0.0.1:7110" or "https://…"
-    std::string token;                        ///< sent as bearer token
-    std::chrono::milliseconds timeout{10000}; ///< for connecting
-    /// Certificate of the authority to trust for https, a PEM file; empty: the system's.
-    std::string certificateAuthority;
-  };
+  using Options = ConnectionOptions;
 
   /// Connects; throws a ServiceError of kind ConnectionLost that names the
   /// address when there is no host, NotAllowed when it refuses the token,
   /// InvalidArguments when the URL is none.
   explicit RemoteSession(Options options);
   /// Disconnects. Not to be destroyed inside one of its own callbacks.
-  ~RemoteSession() override;
+  ~RemoteSession();
+  RemoteSession(const RemoteSession&) = delete;
+  RemoteSession& operator=(const RemoteSession&) = delete;
 
-  std::vector<std::string> services() override;
-  Future<Object> service(const std::string& name, const std::string& protocol = {}, int timeoutMs = 0) override;
+  /// Names of the services, sorted.
+  std::vector<std::string> services();
+
+  /// The service of that name, as LocalSession::service() gives it, but for
+  /// one thing: without a time to wait, the host is not asked whether there is
+  /// such a service. A call then costs one round trip, and it is its answer
+  /// that tells of a service, or a method, that is not there.
+  Future<Object> service(const std::string& name, const std::string& protocol = {}, int timeoutMs = 0);
 
   /// A raw JSON-RPC call, for the session's own methods too.
   Future<Value> call(const std::string& method, const Value& params);
 
-  /// Subscribes to a memory event, "*" for every key; the callback is queued
-  /// in one line with those of subscribeAll().
+  /// Subscribes to a memory event, "*" for every key. The callback runs on the
+  /// session's own pool, in one line with the notification callback.
   Future<SignalLink> subscribe(const std::string& key, std::function<void(const std::string& key, const Value& value)> callback);
 
   /// Every notification as it comes: method ("signal" or "event") and params.

@@ -4,46 +4,32 @@
 #include <string>
 #include <vector>
 
-#include <vu/future.hpp>
+#include <vu/localobject.hpp>
 #include <vu/object.hpp>
 
 namespace vu
 {
 
-class LocalObject;
-
-/// A service directory, of this process or of a host reached over the wire.
-/// Thread-safe.
-class Session
+/// The service directory of a process. Thread-safe.
+///
+/// A name is reserved while its service is being constructed, and appears when
+/// the service is published.
+class LocalSession
 {
 public:
-  Session() = default;
-  virtual ~Session() = default;
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+  explicit LocalSession(std::shared_ptr<ThreadPool> pool);
+  ~LocalSession();
+  LocalSession(const LocalSession&) = delete;
+  LocalSession& operator=(const LocalSession&) = delete;
 
   /// Names of the services, sorted.
-  virtual std::vector<std::string> services() = 0;
+  std::vector<std::string> services() const;
 
   /// The service of that name; one that is not there yet is waited for as long
   /// as `timeoutMs` says (negative: without limit), then the future fails with
   /// a ServiceError of kind UnknownService. `protocol` is of no use to this
   /// middleware and ignored.
-  virtual Future<Object> service(const std::string& name, const std::string& protocol = {}, int timeoutMs = 0) = 0;
-};
-
-/// The directory of a process.
-///
-/// A name is reserved while its service is being constructed, and appears when
-/// the service is published.
-class LocalSession final : public Session
-{
-public:
-  explicit LocalSession(std::shared_ptr<ThreadPool> pool);
-  ~LocalSession() override;
-
-  std::vector<std::string> services() override;
-  Future<Object> service(const std::string& name, const std::string& protocol = {}, int timeoutMs = 0) override;
+  Future<Object> service(const std::string& name, const std::string& protocol = {}, int timeoutMs = 0);
 
   /// Throws a ServiceError when the name is reserved or published already.
   void reserve(const std::string& name);

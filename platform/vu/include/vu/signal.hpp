@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <vu/conversion.hpp>
+#include <vu/log.hpp>
 #include <vu/value.hpp>
 
 namespace vu
@@ -25,9 +26,6 @@ namespace detail
 {
 
 SignalLink nextSignalLink();
-
-/// Logs what a subscriber's callback threw; to be called from a catch block.
-void logCallbackError(const char* where) noexcept;
 
 /// A subscriber's callback that can be ended: once close() has returned, it
 /// does not run any more.
@@ -50,7 +48,7 @@ public:
     }
     catch (...)
     {
-      logCallbackError("a signal's subscriber");
+      log::callbackError("a signal's subscriber");
     }
     const std::lock_guard lock(_mutex);
     _running.erase(std::find(_running.begin(), _running.end(), std::this_thread::get_id()));
@@ -77,11 +75,6 @@ private:
   std::vector<std::thread::id> _running;
   bool _closed = false;
 };
-
-} // namespace detail
-
-namespace detail
-{
 
 /// The subscribers of a signal, apart from the signal itself: a service's
 /// object holds them, so that who disconnects late finds something to

@@ -2,11 +2,4 @@
 
 #include <nlohmann/json.hpp>
 
-namespace vu
-{
-
-/// What travels between services: arguments, results, event values. C++ types
-/// convert through their `to_json` and `from_json`.
-using Value = nlohmann::json;
-
-} // namespace vu
+#include <vu/valuefwd.hpp>

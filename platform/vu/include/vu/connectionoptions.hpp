@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace vu
+{
+
+/// Which host a remote session connects to, and how.
+struct ConnectionOptions
+{
+  std::string url;                          ///< "http://127.0.0.1:7110" or "https://…"
+  std::string token;                        ///< sent as bearer token
+  std::chrono::milliseconds timeout{10000}; ///< for connecting
+  /// Certificate of the authority to trust for https, a PEM file; empty: the system's.
+  std::string certificateAuthority;
+  /// Without a sign of life of the host, which is pinged in between, until the connection counts as lost.
+  std::chrono::milliseconds idle{60000};
+};
+
+} // namespace vu
