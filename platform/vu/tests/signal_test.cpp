@@ -37,18 +37,18 @@ TEST(Signal, CallbackMayDisconnectItselfAndThoseAfterIt)
 {
   Signal<> signal;
   int own = 0, after = 0;
-  vu::SignalLink first = 0, second = 0;
-  first = signal.connect(
+  vu::SignalLink ownLink = 0, linkAfter = 0;
+  ownLink = signal.connect(
       [&]
       {
         ++own;
-        signal.disconnect(first);
-        signal.disconnect(second);
+        signal.disconnect(ownLink);
+        signal.disconnect(linkAfter);
         signal(); // an emission inside an emission
       });
-  second = signal.connect([&] { ++after; });
+  linkAfter = signal.connect([&] { ++after; });
   signal();
-  signal.disconnect(first);
+  signal.disconnect(ownLink);
   EXPECT_EQ(own, 1);
   EXPECT_EQ(after, 0) << "disconnected while the emission was under way";
 }

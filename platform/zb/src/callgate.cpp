@@ -4,7 +4,7 @@
 
 #include <vu/caller.hpp>
 #include <vu/error.hpp>
-#include <vu/objectbuilder.hpp>
+#include <vu/localobject.hpp>
 
 namespace ZB
 {

@@ -3,8 +3,8 @@
 #include <atomic>
 #include <utility>
 
+#include <vu/localobject.hpp>
 #include <vu/log.hpp>
-#include <vu/objectbuilder.hpp>
 #include <zb/zbbroker.hpp>
 
 namespace ZB
