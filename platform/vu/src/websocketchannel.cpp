@@ -170,7 +170,7 @@ private:
 
   void greet()
   {
-    _webSocket.set_option(websocket::stream_base::timeout{std::chrono::seconds(30), std::chrono::seconds(60), true});
+    _webSocket.set_option(websocket::stream_base::timeout{std::chrono::seconds(30), _options.idle, true});
     _webSocket.set_option(websocket::stream_base::decorator([token = _options.token](websocket::request_type& request)
                                                             { request.set(http::field::authorization, "Bearer " + token); }));
     _webSocket.read_message_max(maximumMessage);

@@ -25,6 +25,8 @@ public:
     std::chrono::milliseconds timeout{10000}; ///< for connecting
     /// Certificate of the authority to trust for https, a PEM file; empty: the system's.
     std::string certificateAuthority;
+    /// Without a sign of life of the host, which is pinged, the session ends.
+    std::chrono::milliseconds idle{60000};
   };
 
   /// Connects; throws a ServiceError of kind ConnectionLost that names the
