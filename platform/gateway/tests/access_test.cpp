@@ -6,37 +6,20 @@
 
 #include <gateway/access.hpp>
 
-#include "requestguard.hpp"
+#include "admission.hpp"
 
 namespace http = boost::beast::http;
 using namespace Tarvik;
 
-TEST(MayCall, GivesEachRoleWhatItsTaskNeeds)
+TEST(Roles, NameOfAMethodThatDeclaresNoAccessTellsWhoMayCallIt)
 {
-  const struct
-  {
-    Role least; ///< the first role that may
-    const char* service;
-    std::vector<const char*> methods;
-  } cases[] = {
-      {Role::Observer, "ZBBehaviorManager", {"getRunningBehaviors", "isBehaviorRunning", "hasBehavior", "resolveBehaviorName"}},
-      {Role::Observer, "PackageManager", {"packages", "package", "hasPackage"}},
-      {Role::Observer, "ZBFrameManager", {"behaviors"}},
-      {Role::Observer, "ZBMemory", {"getData"}},
-      {Role::Operator, "ZBBehaviorManager", {"runBehavior", "stopAllBehaviors"}},
-      {Role::Operator, "Any", {"issue", "get", "packagesOfOthers"}},
-      {Role::Operator, "ZBPreferences", {"readPrefFile"}},
-      {Role::Admin, "ZBPreferences", {"writePrefFile", "removePrefFile"}},
-      {Role::Admin, "PackageManager", {"install", "remove", "check"}},
-      {Role::Admin, "ZBMemory", {"raiseEvent", "raiseMicroEvent", "insertData", "subscribeToEvent"}},
-      {Role::Admin, "ZBFrameManager", {"createBehavior", "deleteBehavior", "_waitForStopped"}},
-      {Role::Admin, "Tokens", {"add", "list", "remove", "getAnything"}},
-      {Role::Admin, "Any", {"_internal"}},
-  };
-  for (const auto& [least, service, methods] : cases)
+  const std::pair<Role, std::vector<const char*>> cases[] = {
+      {Role::Observer, {"getData", "isRunning", "hasPackage", "resolveName", "get_", "packages", "package", "behaviors"}},
+      {Role::Operator, {"runBehavior", "issue", "get", "packagesOfOthers", "services"}},
+      {Role::Admin, {"_internal", "_getPackageUid"}}};
+  for (const auto& [least, methods] : cases)
     for (const auto* const method : methods)
-      for (const auto role : {Role::Observer, Role::Operator, Role::Admin})
-        EXPECT_EQ(mayCall(role, service, method), role >= least) << roleName(role) << " " << service << "." << method;
+      EXPECT_EQ(vu::leastRoleByName(method), least) << method;
 }
 
 TEST(Access, TellsWhoStandsBehindATokenUntilItIsRemoved)
@@ -64,59 +47,64 @@ TEST(Access, TellsWhoStandsBehindATokenUntilItIsRemoved)
   EXPECT_NE(access.add("one-secret", {"alice", Role::Admin}), one) << "an old connection is not the new token's";
 }
 
-namespace
+TEST(Admission, LetsInWhoNamesThisHostAndPresentsATokenFromItsOwnPages)
 {
-
-http::fields header(std::initializer_list<std::pair<std::string, std::string>> fields)
-{
-  http::fields result;
-  for (const auto& [name, value] : fields)
-    result.insert(name, value);
-  return result;
-}
-
-Door door(const char* address, std::uint16_t port, bool secure = false) { return {{boost::asio::ip::make_address(address), port}, secure}; }
-
-} // namespace
-
-TEST(RequestGuard, LetsInOnlyRequestsThatNameThisHostAndComeFromItsPages)
-{
-  struct Case
-  {
-    http::fields header;
-    Door door;
-    bool foreign;
+  Access access;
+  access.add("abc", {"alice", Role::Admin});
+  access.add("xyz", {"bob", Role::Admin});
+  const auto door = [](const char* address, std::uint16_t port = 7110, bool secure = false) {
+    return Door{{boost::asio::ip::make_address(address), port}, secure};
   };
-  const Case cases[] = {
-      {header({{"Host", "127.0.0.1:7110"}}), door("127.0.0.1", 7110), false},
-      {header({{"Host", "LocalHost:7110"}}), door("127.0.0.1", 7110), false},
-      {header({{"Host", "[::1]:7110"}}), door("::1", 7110), false},
-      {header({{"Host", "localhost"}}), door("127.0.0.1", 80), false},
-      {header({{"Host", "10.1.2.3:7110"}}), door("10.1.2.3", 7110), false},
-      {header({{"Host", "10.1.2.3:7110"}}), door("::ffff:10.1.2.3", 7110), false},
-      {header({{"Host", "localhost:7110"}, {"Origin", "http://localhost:7110"}}), door("127.0.0.1", 7110), false},
-      {header({{"Host", "localhost:7110"}, {"Origin", "https://localhost:7110"}}), door("127.0.0.1", 7110, true), false},
-      {header({}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "localhost"}}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "localhost:7111"}}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "evil.example:7110"}}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "localhost:7110"}}), door("10.1.2.3", 7110), true},
-      {header({{"Host", "localhost:7110"}, {"Host", "localhost:7110"}}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "localhost:7110"}, {"Origin", "http://127.0.0.1:7110"}}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "localhost:7110"}, {"Origin", "http://localhost:8000"}}), door("127.0.0.1", 7110), true},
-      {header({{"Host", "localhost:7110"}, {"Origin", "http://localhost:7110"}}), door("127.0.0.1", 7110, true), true},
-      {header({{"Host", "localhost:7110"}, {"Origin", "null"}}), door("127.0.0.1", 7110), true},
+  const auto here = door("127.0.0.1");
+  using Fields = std::vector<std::pair<const char*, const char*>>;
+  const std::pair<const char*, const char*> host{"Host", "localhost:7110"};
+  const std::pair<const char*, const char*> bearer{"Authorization", "Bearer abc"};
+  const struct
+  {
+    Fields fields;
+    Door door;
+    std::string outcome; ///< a name, or the status
+  } cases[] = {
+      {{{"Host", "127.0.0.1:7110"}, bearer}, here, "alice"},
+      {{{"Host", "LocalHost:7110"}, bearer}, here, "alice"},
+      {{{"Host", "[::1]:7110"}, bearer}, door("::1"), "alice"},
+      {{{"Host", "localhost"}, bearer}, door("127.0.0.1", 80), "alice"},
+      {{{"Host", "localhost"}, bearer}, door("127.0.0.1", 443, true), "alice"},
+      {{{"Host", "10.1.2.3:7110"}, bearer}, door("10.1.2.3"), "alice"},
+      {{{"Host", "10.1.2.3:7110"}, bearer}, door("::ffff:10.1.2.3"), "alice"},
+      {{host, bearer, {"Origin", "http://localhost:7110"}}, here, "alice"},
+      {{host, bearer, {"Origin", "https://localhost:7110"}}, door("127.0.0.1", 7110, true), "alice"},
+      {{bearer}, here, "403"},
+      {{{"Host", "localhost"}, bearer}, here, "403"},
+      {{{"Host", "localhost:7111"}, bearer}, here, "403"},
+      {{{"Host", "evil.example:7110"}, bearer}, here, "403"},
+      {{host, bearer}, door("10.1.2.3"), "403"},
+      {{host, host, bearer}, here, "403"},
+      {{host, bearer, {"Origin", "http://127.0.0.1:7110"}}, here, "403"},
+      {{host, bearer, {"Origin", "http://localhost:8000"}}, here, "403"},
+      {{host, bearer, {"Origin", "http://localhost:7110"}}, door("127.0.0.1", 7110, true), "403"},
+      {{host, bearer, {"Origin", "null"}}, here, "403"},
+      {{host, {"Authorization", "bearer abc"}, {"Cookie", "tarvik_7110=xyz"}}, here, "alice"},
+      {{host, {"Cookie", "a=b; tarvik_7111=no; tarvik_7110=xyz; c=d"}}, here, "bob"},
+      {{host, {"Authorization", "Basic abc"}}, here, "401"},
+      {{host, {"Cookie", "xtarvik_7110=xyz; tarvik_7110"}}, here, "401"},
+  };
+  const auto admitted = [&access](const Fields& fields, const Door& at, const char* target)
+  {
+    http::request_header<> header;
+    header.method(http::verb::get);
+    header.target(target);
+    for (const auto& [name, value] : fields)
+      header.insert(name, value);
+    return admit(header, at, access);
   };
   for (std::size_t i = 0; i < std::size(cases); ++i)
-    EXPECT_EQ(findForeign(cases[i].header, cases[i].door).has_value(), cases[i].foreign) << "case " << i;
-}
-
-TEST(RequestGuard, FindsTheTokenInTheHeaderOrTheCookieOfItsPort)
-{
-  const auto here = door("127.0.0.1", 7110);
-  EXPECT_EQ(presentedToken(header({{"Authorization", "Bearer abc"}}), here), "abc");
-  EXPECT_EQ(presentedToken(header({{"Authorization", "bearer abc"}, {"Cookie", "tarvik_7110=xyz"}}), here), "abc");
-  EXPECT_EQ(presentedToken(header({{"Cookie", "a=b; tarvik_7111=no; tarvik_7110=xyz; c=d"}}), here), "xyz");
-  EXPECT_EQ(presentedToken(header({{"Authorization", "Basic abc"}}), here), "");
-  EXPECT_EQ(presentedToken(header({{"Cookie", "xtarvik_7110=xyz; tarvik_7110"}}), here), "");
+  {
+    const auto outcome = admitted(cases[i].fields, cases[i].door, "/");
+    const auto* const answer = std::get_if<HttpAnswer>(&outcome);
+    EXPECT_EQ(answer ? std::to_string(answer->status) : std::get<Identity>(outcome).name, cases[i].outcome) << "case " << i;
+  }
+  for (const bool secure : {false, true})
+    EXPECT_EQ(std::get<HttpAnswer>(admitted({host}, door("127.0.0.1", 7110, secure), "/?token=abc")).headers.back().second,
+              std::string("tarvik_7110=abc; HttpOnly; SameSite=Strict; Path=/") + (secure ? "; Secure" : ""));
 }

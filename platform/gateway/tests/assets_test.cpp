@@ -9,11 +9,9 @@ namespace
 
 using namespace GatewayTest;
 
-class LivePageTest : public GatewayFixture
-{
-};
+using LivePage = GatewayFixture;
 
-TEST_F(LivePageTest, EveryFileThatThePageRefersToIsServedWithItsType)
+TEST_F(LivePage, EveryFileThatThePageRefersToIsServedWithItsType)
 {
   begin();
   const std::pair<const char*, const char*> files[] = {
@@ -35,13 +33,12 @@ TEST_F(LivePageTest, EveryFileThatThePageRefersToIsServedWithItsType)
     }
   for (const auto* const path : {"/assets", "/assets/", "/assets/nothing.js", "/assets/../main.js"})
     EXPECT_EQ(get(path).status, 404U) << path;
-  EXPECT_THAT(get("/modules").body, testing::AllOf(testing::HasSubstr("href=\"/Bench/\""), testing::Not(testing::HasSubstr("Silent"))));
 }
 
-TEST_F(LivePageTest, WhoamiTellsTheHoldersNameAndRole)
+TEST_F(LivePage, WhoamiTellsTheHoldersNameAndRole)
 {
   begin();
-  const auto identity = rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "session.whoami", "params": []})", "observer-token").at("result");
+  const auto identity = rpc(call("session.whoami"), "observer-token").at("result");
   EXPECT_EQ(identity.at("name"), "screen");
   EXPECT_EQ(identity.at("role"), "observer");
   EXPECT_EQ(identity.at("version"), TARVIK_VERSION);

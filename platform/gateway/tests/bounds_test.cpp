@@ -3,6 +3,7 @@
 #include <future>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <vu/log.hpp>
 
@@ -11,6 +12,22 @@ using std::chrono::milliseconds;
 
 namespace
 {
+
+/// How many files this process may have open, for a scope.
+class Files
+{
+public:
+  explicit Files(rlim_t most)
+  {
+    getrlimit(RLIMIT_NOFILE, &_before);
+    const rlimit wanted{std::min(most, _before.rlim_max), _before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &wanted);
+  }
+  ~Files() { setrlimit(RLIMIT_NOFILE, &_before); }
+
+private:
+  rlimit _before{};
+};
 
 class Bounds : public GatewayFixture
 {
@@ -28,8 +45,7 @@ protected:
   Socket busy(const std::string& key)
   {
     auto socket = connect();
-    asio::write(socket,
-                asio::buffer(request("POST /rpc", {}, R"({"jsonrpc":"2.0","id":1,"method":"Bench.later","params":[")" + key + "\"]}")));
+    asio::write(socket, asio::buffer(request("POST /rpc", {}, call("Bench.later", "[\"" + key + "\"]"))));
     EXPECT_TRUE(bench->waitForLater(key));
     return socket;
   }
@@ -49,8 +65,8 @@ protected:
 
 TEST_F(Bounds, RequestThatDoesNotComeInTimeIsToldSoAndSilenceIsEnded)
 {
-  options.limits.header = options.limits.body = milliseconds(50);
-  options.limits.idle = milliseconds(100);
+  options.limits.header = options.limits.body = milliseconds(300);
+  options.limits.idle = milliseconds(600);
   options.upload = [](auto&, auto&, auto&) { return nullptr; };
   options.uploadDirectory = testing::TempDir();
   begin();
@@ -68,10 +84,7 @@ TEST_F(Bounds, RequestThatDoesNotComeInTimeIsToldSoAndSilenceIsEnded)
 
 TEST_F(Bounds, FiveHundredIdleConnectionsKeepNoNewOneOut)
 {
-  rlimit files{};
-  getrlimit(RLIMIT_NOFILE, &files);
-  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
-  setrlimit(RLIMIT_NOFILE, &files);
+  const Files files(4096);
   options.limits.connections = 500;
   options.limits.connectionsPerPeer = 1000;
   begin();
@@ -85,6 +98,36 @@ TEST_F(Bounds, FiveHundredIdleConnectionsKeepNoNewOneOut)
   EXPECT_EQ(ask(idles.back(), request("GET /healthz")).status, 200U);
   bench->finishLater("k", 7);
   EXPECT_EQ(vu::Value::parse(receive(working).body)["result"], 7) << "a call under way is not idle";
+}
+
+TEST_F(Bounds, WithoutFilesTheLongestIdleMakesRoomAndItAcceptsAgain)
+{
+  begin();
+  auto longest = idle();
+  auto late = Socket(io, asio::ip::tcp::v4());
+  {
+    const int free = ::dup(0);
+    ::close(free);
+    const Files none(static_cast<rlim_t>(free));
+    late.connect(longest.remote_endpoint());
+    EXPECT_EQ(ask(late, request("GET /healthz")).status, 200U);
+    EXPECT_TRUE(hasEnded(longest));
+  }
+  EXPECT_EQ(get("/healthz").status, 200U);
+}
+
+TEST_F(Bounds, AddressesOfVersionSixAreWrittenInBrackets)
+{
+  options.address = "::1";
+  begin();
+  EXPECT_EQ(url, "http://[::1]:" + port);
+  vu::log::Capture log;
+  EXPECT_EQ(get("/Bench/?eval=Bench.add(1,2)", {{"Host", "[::1]:" + port}}).body, "3");
+  EXPECT_EQ(log.count(vu::log::Level::Info, "Bench.add(1, 2) from [::1]:"), 1U);
+  EXPECT_EQ(vu::RemoteSession(remote()).service("Bench").value().call<int>("add", 2, 3), 5);
+  options.address = "::";
+  options.insecure = true;
+  EXPECT_TRUE(Tarvik::Gateway(options).listen().starts_with("http://[::1]:"));
 }
 
 TEST_F(Bounds, ConnectionsInUseAreBoundInAllAndForEachAddress)
@@ -119,7 +162,7 @@ TEST_F(Bounds, WebSocketMakesRoomOnlyWhenNothingElseIsIdleAndNeverWithLinks)
   options.limits.connections = 2;
   begin();
   auto subscribed = open();
-  subscribed.ask(R"({"jsonrpc":"2.0","id":1,"method":"session.subscribe","params":["*"]})");
+  subscribed.ask(call("session.subscribe", R"(["*"])"));
   auto later = idle();
   auto unused = open();
   EXPECT_TRUE(hasEnded(later));
@@ -139,7 +182,7 @@ TEST_F(Bounds, ClientThatDoesNotTakeItsAnswerIsDisconnectedAndDelaysNobody)
   slow.set_option(asio::socket_base::receive_buffer_size(4096));
   bench->filler = std::string(32 << 20, 'x');
   asio::write(slow, asio::buffer(request("GET /Bench/")));
-  EXPECT_TRUE(waitUntil([&log] { return log.count(vu::log::Level::Info, "does not take its answer") == 1; }));
+  EXPECT_TRUE(eventually([&log] { return log.count(vu::log::Level::Info, "does not take its answer") == 1; }));
 }
 
 } // namespace

@@ -5,17 +5,19 @@
 #include <boost/asio/connect.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/websocket.hpp>
 
 namespace GatewayTest
 {
 
 template <typename M>
-void Bench::bind(const std::string& name, const std::string& text, std::initializer_list<const char*> parameters, M member)
+void Bench::bind(const std::string& name, const std::string& text, std::initializer_list<const char*> parameters, M member,
+                 std::optional<vu::Role> access)
 {
   functionName(name, getName(), text);
   for (const auto* const parameter : parameters)
     addParam(parameter, "");
+  if (access)
+    setAccess(*access);
   bindMethod(this, member);
 }
 
@@ -29,59 +31,38 @@ Bench::Bench(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name) : ZB
   bind("later", "gives a future that finishLater() completes", {"key"}, &Bench::later);
   bind("failAtOnce", "throws instead of giving a future", {}, &Bench::failAtOnce);
   bind("failedFuture", "gives a future that has failed with a plain text", {}, &Bench::failedFuture);
-  bind("block", "blocks until unblock()", {}, &Bench::block);
-  bind("caller", "tells its caller", {}, &Bench::caller);
+  bind("block", "blocks until it is unblocked", {}, &Bench::block);
+  bind("caller", "tells its caller", {}, &Bench::caller, vu::Role::Observer);
   bind("emit", "emits the signal", {"number"}, &Bench::emit);
-  bind("raise", "emits eventRaised", {"key", "value"}, &Bench::raise);
+  bind("raise", "emits eventRaised", {"key", "value"}, &Bench::raise, vu::Role::Admin);
   bind("preloadBehavior", "is called by pages as loadBehavior", {"name"}, &Bench::echo);
   bind("stopBehavior", "is called by pages as unloadBehavior", {"name"}, &Bench::echo);
   advertiseSignal("happened", happened);
   advertiseSignal("eventRaised", eventRaised);
 }
 
-struct RawWebSocket::Implementation
-{
-  websocket::stream<asio::ip::tcp::socket, false> stream;
-};
-
 RawWebSocket::RawWebSocket(asio::ip::tcp::socket socket, const std::string& port, const std::string& token)
-    : _implementation(new Implementation{websocket::stream<asio::ip::tcp::socket, false>(std::move(socket))})
+    : _stream(std::make_unique<websocket::stream<asio::ip::tcp::socket, false>>(std::move(socket)))
 {
-  auto& stream = _implementation->stream;
-  stream.set_option(websocket::stream_base::decorator([&token](websocket::request_type& header)
-                                                      { header.set(http::field::authorization, "Bearer " + token); }));
-  stream.handshake("127.0.0.1:" + port, "/rpc");
+  _stream->set_option(websocket::stream_base::decorator([&token](websocket::request_type& header)
+                                                        { header.set(http::field::authorization, "Bearer " + token); }));
+  _stream->handshake("127.0.0.1:" + port, "/rpc");
 }
-
-RawWebSocket::~RawWebSocket() = default;
-
-void RawWebSocket::send(const std::string& text) { _implementation->stream.write(asio::buffer(text)); }
 
 vu::Value RawWebSocket::receive()
 {
   beast::flat_buffer buffer;
-  _implementation->stream.read(buffer);
+  _stream->read(buffer);
   return vu::Value::parse(beast::buffers_to_string(buffer.data()));
-}
-
-vu::Value RawWebSocket::ask(const std::string& text)
-{
-  send(text);
-  return receive();
 }
 
 websocket::close_reason RawWebSocket::reasonOfEnd()
 {
   beast::error_code error;
-  while (!error)
-  {
-    beast::flat_buffer buffer;
-    _implementation->stream.read(buffer, error);
-  }
-  return _implementation->stream.reason();
+  for (beast::flat_buffer buffer; !error; buffer.clear())
+    _stream->read(buffer, error);
+  return _stream->reason();
 }
-
-void RawWebSocket::hangUp() { _implementation->stream.next_layer().close(); }
 
 GatewayFixture::GatewayFixture()
 {
@@ -108,7 +89,7 @@ void GatewayFixture::begin()
 void GatewayFixture::TearDown()
 {
   if (bench)
-    bench->unblock();
+    bench->unblocked.set();
   if (gateway)
     gateway->stop();
   broker->shutdown();
@@ -117,13 +98,12 @@ void GatewayFixture::TearDown()
 asio::ip::tcp::socket GatewayFixture::connect()
 {
   asio::ip::tcp::socket socket(io);
-  socket.connect({asio::ip::make_address("127.0.0.1"), static_cast<std::uint16_t>(std::stoi(port))});
+  socket.connect({asio::ip::make_address(options.address), static_cast<std::uint16_t>(std::stoi(port))});
   return socket;
 }
 
-Answer GatewayFixture::receive(asio::ip::tcp::socket& socket)
+Answer GatewayFixture::receive(asio::ip::tcp::socket& socket, beast::flat_buffer&& buffer)
 {
-  beast::flat_buffer buffer;
   http::response<http::string_body> response;
   http::read(socket, buffer, response);
   return {response.result_int(), response.body(), response};

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,10 +14,14 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/fields.hpp>
-#include <boost/beast/websocket/rfc6455.hpp>
+#include <boost/beast/websocket.hpp>
 
 #include <gateway/gateway.hpp>
+#include <testing/errors.hpp>
+#include <testing/journal.hpp>
+#include <testing/waiting.hpp>
 #include <vu/caller.hpp>
 #include <vu/remotesession.hpp>
 #include <zb/zberror.hpp>
@@ -33,7 +37,10 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 namespace websocket = beast::websocket;
 
-constexpr std::chrono::seconds patience{20};
+using TestSupport::eventually;
+using TestSupport::patience;
+using TestSupport::serviceErrorOf;
+using Kind = vu::ServiceError::Kind;
 
 /// Stands for the behavior manager and the memory at once: `name` decides.
 class Bench final : public ZB::ZBModule
@@ -49,10 +56,13 @@ public:
   void fail(const std::string& text) { throw ZB::ZBError(getName(), "fail", text); }
   vu::Future<int> later(const std::string& key)
   {
-    const std::lock_guard lock(_mutex);
-    _later.insert_or_assign(key, vu::Promise<int>(getParentBroker()->pool()));
-    _changed.notify_all();
-    return _later.at(key).future();
+    const vu::Promise<int> promise(getParentBroker()->pool());
+    {
+      const std::lock_guard lock(_mutex);
+      _later.insert_or_assign(key, promise);
+    }
+    seen.add("later " + key);
+    return promise.future();
   }
   vu::Future<int> failAtOnce() { throw ZB::ZBError(getName(), "failAtOnce", "not today"); }
   vu::Future<int> failedFuture()
@@ -63,20 +73,14 @@ public:
   }
   void block()
   {
-    std::unique_lock lock(_mutex);
-    ++_blocked;
-    _changed.notify_all();
-    _changed.wait_for(lock, patience, [this] { return _unblocked; });
+    seen.add("block " + std::to_string(++_blocked));
+    unblocked.wait();
   }
   std::string caller() { return vu::currentCaller(); }
   void emit(const int& number) { happened(number); }
   void raise(const std::string& key, const vu::Value& value) { eventRaised(key, value); }
 
-  bool waitForLater(const std::string& key)
-  {
-    std::unique_lock lock(_mutex);
-    return _changed.wait_for(lock, patience, [&] { return _later.count(key) != 0; });
-  }
+  bool waitForLater(const std::string& key) { return seen.waitFor("later " + key, patience); }
   /// Waits for the call, then completes its future.
   void finishLater(const std::string& key, int value)
   {
@@ -86,31 +90,22 @@ public:
     lock.unlock();
     promise.setValue(value);
   }
-  bool waitForBlocked(int count)
-  {
-    std::unique_lock lock(_mutex);
-    return _changed.wait_for(lock, patience, [&] { return _blocked >= count; });
-  }
-  void unblock()
-  {
-    const std::lock_guard lock(_mutex);
-    _unblocked = true;
-    _changed.notify_all();
-  }
+  bool waitForBlocked(int count) { return seen.waitFor("block " + std::to_string(count), patience); }
 
+  TestSupport::Event unblocked;
+  TestSupport::Journal seen;
   std::string filler; ///< makes the page longer
   vu::Signal<int> happened;
   vu::Signal<std::string, vu::Value> eventRaised;
 
 private:
   template <typename M>
-  void bind(const std::string& name, const std::string& text, std::initializer_list<const char*> parameters, M member);
+  void bind(const std::string& name, const std::string& text, std::initializer_list<const char*> parameters, M member,
+            std::optional<vu::Role> access = {});
 
-  std::mutex _mutex; // guards the members below
-  std::condition_variable _changed;
+  std::mutex _mutex; // guards _later
   std::map<std::string, vu::Promise<int>> _later;
-  int _blocked = 0;
-  bool _unblocked = false;
+  std::atomic<int> _blocked = 0;
 };
 
 struct Answer
@@ -125,20 +120,22 @@ class RawWebSocket
 {
 public:
   RawWebSocket(asio::ip::tcp::socket socket, const std::string& port, const std::string& token);
-  ~RawWebSocket();
 
-  void send(const std::string& text);
+  void send(const std::string& text) { _stream->write(asio::buffer(text)); }
   /// The next message; throws when the connection has ended.
   vu::Value receive();
-  vu::Value ask(const std::string& text);
+  vu::Value ask(const std::string& text)
+  {
+    send(text);
+    return receive();
+  }
   /// Reads all that still comes.
   websocket::close_reason reasonOfEnd();
   /// Without a word.
-  void hangUp();
+  void hangUp() { _stream->next_layer().close(); }
 
 private:
-  struct Implementation;
-  const std::unique_ptr<Implementation> _implementation;
+  std::unique_ptr<websocket::stream<asio::ip::tcp::socket, false>> _stream;
 };
 
 class GatewayFixture : public testing::Test
@@ -154,18 +151,11 @@ protected:
 
   asio::ip::tcp::socket connect();
   RawWebSocket open() { return {connect(), port, token}; }
-  Answer receive(asio::ip::tcp::socket& socket);
+  Answer receive(asio::ip::tcp::socket& socket) { return receive(socket, beast::flat_buffer()); }
+  /// `buffer` keeps what has come of the next answer.
+  Answer receive(asio::ip::tcp::socket& socket, beast::flat_buffer&& buffer);
   /// Sends a request as it stands and reads one answer.
   Answer raw(const std::string& text);
-
-  /// Asks again and again, with a request in between, which is never to wait.
-  template <typename Condition> bool waitUntil(Condition condition)
-  {
-    const auto end = std::chrono::steady_clock::now() + patience;
-    while (!condition() && std::chrono::steady_clock::now() < end)
-      EXPECT_EQ(get("/healthz").status, 200U);
-    return condition();
-  }
 
   using Fields = std::vector<std::pair<std::string, std::string>>;
   std::string request(const std::string& line, Fields fields = {}, const std::string& body = {}, const std::string& bearer = token) const;
@@ -177,6 +167,10 @@ protected:
   Answer post(const std::string& body, Fields fields = {}, const std::string& bearer = token)
   {
     return raw(request("POST /rpc", fields, body, bearer));
+  }
+  static std::string call(const std::string& method, const std::string& params = "[]")
+  {
+    return R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}";
   }
   vu::Value rpc(const std::string& body, const std::string& bearer = token) { return vu::Value::parse(post(body, {}, bearer).body); }
   vu::RemoteSession::Options remote(const std::string& bearer = token) const { return {url, bearer, std::chrono::milliseconds(10000), {}}; }

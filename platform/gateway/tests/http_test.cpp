@@ -34,23 +34,22 @@ TEST_F(Http, CallsAnswerWithTheResultOrTheErrorWhole)
       {"session.services", "[]", R"(["Bench","Silent","ZBMemory"])"},
       {"session.connect", R"(["Bench","happened"])", "-32601"}, // needs a WebSocket
   };
-  const auto call = [this](const std::string& method, const std::string& params)
-  { return rpc(R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}"); };
+  const auto ask = [this](const std::string& method, const std::string& params) { return rpc(call(method, params)); };
   for (const auto& [method, params, expected] : cases)
   {
-    const auto answer = call(method, params);
+    const auto answer = ask(method, params);
     EXPECT_EQ((answer.contains("error") ? answer["error"]["code"] : answer["result"]).dump(), expected) << method << params;
   }
   EXPECT_EQ(
-      call("Bench.fail", R"(["broken"])")["error"],
+      ask("Bench.fail", R"(["broken"])")["error"],
       (vu::Value{{"code", -32000}, {"message", "broken"}, {"data", {{"module", "Bench"}, {"method", "fail"}, {"description", "broken"}}}}));
-  EXPECT_EQ(call("Bench.failedFuture", "[]")["error"]["data"],
+  EXPECT_EQ(ask("Bench.failedFuture", "[]")["error"]["data"],
             (vu::Value{{"module", "Bench"}, {"method", "failedFuture"}, {"description", "plain text"}}));
-  const auto description = call("session.describe", R"(["Bench"])")["result"];
+  const auto description = ask("session.describe", R"(["Bench"])")["result"];
   EXPECT_EQ(description["methods"][0]["name"], "add");
   EXPECT_EQ(description["methods"][0]["parameters"][1], (vu::Value{{"name", "right"}, {"description", ""}, {"type", "int"}}));
   EXPECT_EQ(description["signals"][0], (vu::Value{{"name", "happened"}, {"arguments", {"int"}}}));
-  EXPECT_EQ(call("session.describe", R"(["Nobody"])")["error"]["data"]["unknown"], "service");
+  EXPECT_EQ(ask("session.describe", R"(["Nobody"])")["error"]["data"]["unknown"], "service");
 }
 
 TEST_F(Http, BatchIsAnsweredInItsOrderWithoutItsNotifications)
@@ -66,17 +65,17 @@ TEST_F(Http, BatchIsAnsweredInItsOrderWithoutItsNotifications)
   EXPECT_EQ(silent.body, "");
 }
 
-TEST_F(Http, FutureIsAnsweredWhenItCompletesAndTheConnectionGoesOn)
+TEST_F(Http, RequestsThatComeTogetherAreAnsweredInTheirOrder)
 {
   auto socket = connect();
-  for (const int value : {42, 43})
-  {
-    const auto key = std::to_string(value);
-    asio::write(socket,
-                asio::buffer(request("POST /rpc", {}, R"({"jsonrpc":"2.0","id":1,"method":"Bench.later","params":[")" + key + "\"]}")));
-    bench->finishLater(key, value);
-    EXPECT_EQ(vu::Value::parse(receive(socket).body)["result"], value);
-  }
+  beast::flat_buffer buffer;
+  asio::write(socket, asio::buffer(request("POST /rpc", {}, call("Bench.later", R"(["k"])")) + request("GET /Bench/") +
+                                   request("GET /nowhere/") + request("POST /rpc", {}, call("Bench.add", "[1,2]"))));
+  bench->finishLater("k", 42);
+  EXPECT_EQ(vu::Value::parse(receive(socket, std::move(buffer)).body)["result"], 42);
+  EXPECT_EQ(receive(socket, std::move(buffer)).body, "<html><body>Bench</body></html>");
+  EXPECT_EQ(receive(socket, std::move(buffer)).status, 404U);
+  EXPECT_EQ(vu::Value::parse(receive(socket, std::move(buffer)).body)["result"], 3);
 }
 
 TEST_F(Http, RequestsOfStrangersAreRefused)
@@ -84,25 +83,18 @@ TEST_F(Http, RequestsOfStrangersAreRefused)
   for (const auto* const target : {"/", "/Bench/", "/Bench/?eval=Bench.nothing()", "/rpc", "/nowhere"})
   {
     SCOPED_TRACE(target);
-    for (const auto* const wrong : {"", "wrong", "admin-toke"})
-    {
-      const auto answer = get(target, {}, wrong);
-      EXPECT_EQ(answer.status, 401u) << wrong;
-      EXPECT_EQ(answer.header[http::field::www_authenticate], "Bearer realm=\"tarvik\"");
-    }
+    const auto answer = get(target, {}, "wrong");
+    EXPECT_EQ(answer.status, 401u);
+    EXPECT_EQ(answer.header[http::field::www_authenticate], "Bearer realm=\"tarvik\"");
     EXPECT_EQ(get(target, {{"Host", "evil.example:" + port}}).status, 403u);
-    EXPECT_EQ(get(target, {{"Origin", "http://evil.example"}}).status, 403u);
-    EXPECT_EQ(get(target, {{"Origin", "http://127.0.0.1:1"}}).status, 403u);
   }
   EXPECT_EQ(get("/?token=admin-token", {{"Host", "evil.example:" + port}}, "").status, 403u);
   EXPECT_EQ(get("/healthz", {}, "").body, "ok\n");
-  const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"Bench.add","params":[1,1]})";
-  EXPECT_EQ(post(call, {}, "wrong").status, 401u);
-  EXPECT_EQ(post(call, {{"Origin", "http://evil.example"}}).status, 403u);
-  EXPECT_EQ(post(call, {{"Origin", "http://127.0.0.1:" + port}}).status, 200u);
+  const auto add = call("Bench.add", "[1,1]");
+  EXPECT_EQ(post(add, {{"Origin", "http://127.0.0.1:" + port}}).status, 200u);
   for (const auto* const site : {"cross-site", "same-site"}) // a page of another port, with our cookie
   {
-    EXPECT_EQ(post(call, {{"Sec-Fetch-Site", site}}).status, 403u);
+    EXPECT_EQ(post(add, {{"Sec-Fetch-Site", site}}).status, 403u);
     EXPECT_EQ(get("/Bench/?eval=Bench.nothing()", {{"Sec-Fetch-Site", site}}).status, 403u);
     EXPECT_EQ(get("/rpc?x", {{"Sec-Fetch-Site", site}}).status, 403u);
   }
@@ -127,9 +119,11 @@ TEST_F(Http, PagesAreTheModulesOwnAndMayDoNoMoreThanTheyNeed)
   EXPECT_EQ(page.header[http::field::content_type], "text/html; charset=utf-8");
   EXPECT_EQ(page.body, "<html><body>Bench</body></html>");
   EXPECT_EQ(get("/Bench").header[http::field::location], "/Bench/");
-  const std::pair<const char*, unsigned> others[] = {{"GET /Bench", 302},       {"GET /Silent/", 404}, {"GET /Nobody/", 404},
-                                                     {"GET /Bench/other", 404}, {"GET /%", 400},       {"GET ?eval=Bench.nothing()", 400},
-                                                     {"DELETE /Bench/", 405},   {"GET /rpc", 426},     {"PUT /rpc", 405}};
+  EXPECT_EQ(get("/Bench?a=%20").header[http::field::location], "/Bench/?a=%20");
+  EXPECT_EQ(get("/Bench?eval=Bench.add(1,2)").body, "3");
+  const std::pair<const char*, unsigned> others[] = {
+      {"GET /Bench?", 302}, {"GET /?eval=Bench.nothing()", 404}, {"GET /Silent/", 404},   {"GET /Nobody/", 404}, {"GET /Bench/other", 404},
+      {"GET /%", 400},      {"GET ?eval=Bench.nothing()", 400},  {"DELETE /Bench/", 405}, {"GET /rpc", 426},     {"PUT /rpc", 405}};
   for (const auto& [line, status] : others)
     EXPECT_EQ(raw(request(line)).status, status) << line;
   const auto index = get("/modules").body;
@@ -162,7 +156,7 @@ TEST_F(Http, EvalCarriesOutOneCallAndTellsHowItWent)
       {"Bench.add(2,3)", 200, "5"},
       {"Bench.echo(%27a%20b%27)", 200, "\"a b\""},
       {"Bench.nothing()", 200, "null"},
-      {"Bench.caller()", 200, "\"tablet\"", "operator-token"},
+      {"Bench.caller()", 200, "\"screen\"", "observer-token"},
       {"Bench.loadBehavior('x/y')", 200, "\"x/y\""},
       {"Bench.unloadBehavior('x')", 200, "\"x\""},
       {"Bench.later('eval')", 200, "null"},
@@ -176,7 +170,7 @@ TEST_F(Http, EvalCarriesOutOneCallAndTellsHowItWent)
       {"Bench.add(", 400, "position 11 of the expression: expected a text in quotes, a number, true, false or null, found its end\n"},
       {"Bench.add%2", 400, nullptr},
       {"Bench.add(1,2)", 403, "the role observer may not call Bench.add\n", "observer-token"},
-      {"ZBMemory.raise('k',1)", 403, nullptr, "operator-token"},
+      {"Bench.raise('k',1)", 403, "the role operator may not call Bench.raise\n", "operator-token"},
   };
   for (const auto& [expression, status, body, bearer] : cases)
   {
@@ -186,9 +180,8 @@ TEST_F(Http, EvalCarriesOutOneCallAndTellsHowItWent)
     EXPECT_EQ(answer.body, body ? body : answer.body);
   }
   EXPECT_EQ(get("/Nobody/?eval=Bench.nothing()").status, 404u);
-  const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"ZBMemory.raise","params":["k",1]})";
-  EXPECT_EQ(rpc(call, "operator-token")["error"]["code"], -32001);
-  EXPECT_EQ(rpc(call)["result"], nullptr);
+  EXPECT_EQ(rpc(call("Bench.raise", R"(["k",1])"), "operator-token")["error"]["code"], -32001);
+  EXPECT_EQ(rpc(call("Bench.raise", R"(["k",1])"))["result"], nullptr);
 }
 
 TEST_F(Http, ControlCallsAreLoggedWithWhoWhereWhatAndResultAndNoTokenIs)
@@ -196,10 +189,12 @@ TEST_F(Http, ControlCallsAreLoggedWithWhoWhereWhatAndResultAndNoTokenIs)
   vu::log::Capture log;
   const auto token256 = Tarvik::makeToken();
   get("/Bench/?eval=Bench.fail('broken')");
-  rpc(R"({"jsonrpc":"2.0","id":1,"method":"Bench.echo","params":[{"a":1}]})", "operator-token");
-  rpc(R"({"jsonrpc":"2.0","id":1,"method":"Bench.echo","params":[")" + token256 + "\"]}");
-  rpc(R"({"jsonrpc":"2.0","id":1,"method":"Bench.add","params":[1,1]})", "observer-token");
-  rpc(R"({"jsonrpc":"2.0","id":1,"method":"Bench.getNothing"})");
+  get("/Bench/?eval=Bench.later('k')");
+  bench->finishLater("k", 1);
+  rpc(call("Bench.echo", R"([{"a":1}])"), "operator-token");
+  rpc(call("Bench.echo", "[\"" + token256 + "\"]"));
+  rpc(call("Bench.add", "[1,1]"), "observer-token");
+  rpc(call("Bench.getNothing"));
   get("/?token=admin-token", {}, "");
   get("/?token=wrong-token", {}, "");
   get("/Bench/", {}, "wrong-token");
@@ -214,8 +209,8 @@ TEST_F(Http, ControlCallsAreLoggedWithWhoWhereWhatAndResultAndNoTokenIs)
     ASSERT_NE(from, std::string::npos) << line.message;
     calls.push_back(line.caller + " " + line.message.substr(0, from) + line.message.substr(line.message.find(": ", from)));
   }
-  EXPECT_EQ(calls, (std::vector<std::string>{"local Bench.fail(\"broken\"): broken", "tablet Bench.echo({...}): ok",
-                                             "local Bench.echo(\"" + token256.substr(0, 16) + "...\"): ok",
+  EXPECT_EQ(calls, (std::vector<std::string>{"local Bench.fail(\"broken\"): broken", "local Bench.later(\"k\"): ok",
+                                             "tablet Bench.echo({...}): ok", "local Bench.echo(\"" + token256.substr(0, 16) + "...\"): ok",
                                              "screen Bench.add(1, 1): the role observer may not call Bench.add"}));
 }
 
@@ -227,30 +222,10 @@ TEST_F(Http, WhatIsTooLargeOrUnreadableIsRefusedByName)
   EXPECT_EQ(raw("NONSENSE\r\n\r\n").status, 400u);
 }
 
-class HttpThreads : public GatewayFixture
-{
-  void SetUp() override { begin(); }
-};
-
-TEST_F(HttpThreads, CallsThatWaitHoldNoThreadOfTheGateway)
-{
-  std::vector<asio::ip::tcp::socket> waiting;
-  for (int i = 0; i < 8; ++i)
-  {
-    waiting.push_back(connect());
-    asio::write(waiting.back(), asio::buffer(request("GET /Bench/?eval=Bench.block()")));
-  }
-  ASSERT_TRUE(bench->waitForBlocked(8));
-  EXPECT_EQ(get("/Bench/?eval=Bench.add(1,2)").body, "3");
-  bench->unblock();
-  for (auto& socket : waiting)
-    EXPECT_EQ(receive(socket).status, 200u);
-}
-
-TEST_F(HttpThreads, StoppedGatewayAnswersWhatIsOpenAndTakesNothingMore)
+TEST_F(Http, StoppedGatewayAnswersWhatIsOpenAndTakesNothingMore)
 {
   auto open = connect();
-  asio::write(open, asio::buffer(request("POST /rpc", {}, R"({"jsonrpc":"2.0","id":1,"method":"Bench.later","params":["k"]})")));
+  asio::write(open, asio::buffer(request("POST /rpc", {}, call("Bench.later", R"(["k"])"))));
   auto idle = connect();
   asio::write(idle, asio::buffer(request("GET /healthz")));
   receive(idle);

@@ -17,37 +17,27 @@ namespace
 /// is a failure of the test.
 std::map<std::string, double> parse(const std::string& text)
 {
-  const std::regex sample(R"re(([a-z_]+)(\{[a-z]+="([^"\\]|\\[\\"n])*"(,[a-z]+="([^"\\]|\\[\\"n])*")*\})? (-?[0-9][-+.0-9e]*))re");
+  const std::regex sample(
+      R"re(([a-z_]+?)(_bucket|_sum|_count)?(\{[a-z]+="([^"\\]|\\[\\"n])*"(,[a-z]+="([^"\\]|\\[\\"n])*")*\})? (-?[0-9][-+.0-9e]*))re");
+  const std::regex head("# (HELP|TYPE) ([a-z_]+) .+");
   std::map<std::string, double> figures;
   std::string family;
   std::istringstream lines(text);
-  for (std::string line, type; std::getline(lines, line);)
-  {
-    std::smatch parts;
-    if (line.starts_with("# HELP "))
-    {
-      family = line.substr(7, line.find(' ', 7) - 7);
-      EXPECT_TRUE(std::getline(lines, type) && type.starts_with("# TYPE " + family + " ")) << type;
-    }
-    else if (!std::regex_match(line, parts, sample))
-      ADD_FAILURE() << "no sample: " << line;
+  std::smatch parts;
+  for (std::string line; std::getline(lines, line);)
+    if (std::regex_match(line, parts, head))
+      family = parts[2];
+    else if (std::regex_match(line, parts, sample) && family == parts[1])
+      EXPECT_TRUE(figures.emplace(line.substr(0, line.rfind(' ')), std::stod(parts[7])).second) << "twice: " << line;
     else
-    {
-      const auto name = parts[1].str();
-      const auto suffix = name.starts_with(family) ? name.substr(family.size()) : "of no family";
-      EXPECT_TRUE(type.ends_with(" histogram") ? suffix == "_bucket" || suffix == "_sum" || suffix == "_count" : suffix.empty()) << line;
-      EXPECT_TRUE(figures.emplace(name + parts[2].str(), std::stod(parts[6])).second) << "twice: " << line;
-    }
-  }
+      ADD_FAILURE() << "no sample of " << family << ": " << line;
   EXPECT_TRUE(text.ends_with('\n'));
   return figures;
 }
 
 } // namespace
 
-class MetricsPage : public GatewayFixture
-{
-};
+using MetricsPage = GatewayFixture;
 
 TEST_F(MetricsPage, TellsWhatWasDoneToWhoeverHasAToken)
 {
@@ -63,12 +53,10 @@ TEST_F(MetricsPage, TellsWhatWasDoneToWhoeverHasAToken)
                           text.sample({{"of", "\"\\\n"}}, static_cast<double>(broker.modules().size()));
                         }};
   begin();
-  const auto call = [](const std::string& method, const std::string& params)
-  { return R"({"jsonrpc":"2.0","id":1,"method":")" + method + R"(","params":)" + params + "}"; };
   auto socket = open(); // holds a call, and is refused another one
   socket.send(call("Bench.later", R"(["k"])"));
   ASSERT_TRUE(bench->waitForLater("k"));
-  socket.send(call("Bench.nothing", "[]"));
+  socket.send(call("Bench.nothing"));
   socket.receive();
   for (const auto& [method, params] : std::vector<std::pair<std::string, std::string>>{{"Bench.add", "[1, 2]"},
                                                                                        {"Bench.nothing", "[]"},
@@ -82,6 +70,15 @@ TEST_F(MetricsPage, TellsWhatWasDoneToWhoeverHasAToken)
     rpc(call(method, params));
   rpc(call("Bench.emit", "[1]"), "observer-token");
   get("/Nobody/");
+  for (const auto* const expression : {"Bench.nothing()", "Bench.fail('no')", "Nobody.add()", "Bench.add(1)"})
+    get(std::string("/Bench/?eval=") + expression);
+  get("/Bench/?eval=Bench.emit(1)", {}, "observer-token");
+  auto page = connect(); // likewise
+  for (const auto* const expression : {"Bench.later('page')", "Bench.nothing()"})
+  {
+    asio::write(page, asio::buffer(request(std::string("GET /Bench/?eval=") + expression)));
+    receive(page);
+  }
 
   EXPECT_EQ(get("/metrics", {}, "").status, 401u);
   const vu::log::Capture log;
@@ -95,17 +92,17 @@ TEST_F(MetricsPage, TellsWhatWasDoneToWhoeverHasAToken)
                                                {"tarvik_gateway_connections{kind=\"websocket\"}", 1},
                                                {"tarvik_gateway_connections_total{kind=\"websocket\"}", 1},
                                                {"tarvik_gateway_connections_refused_total", 0},
-                                               {"tarvik_gateway_answers_total{status=\"200\"}", 10},
+                                               {"tarvik_gateway_answers_total{status=\"200\"}", 12},
                                                {"tarvik_gateway_answers_total{status=\"401\"}", 1},
-                                               {"tarvik_gateway_answers_total{status=\"404\"}", 1},
-                                               {"tarvik_gateway_calls_open", 1},
+                                               {"tarvik_gateway_answers_total{status=\"404\"}", 2},
+                                               {"tarvik_gateway_calls_open", 2},
                                                {"tarvik_gateway_queue_drops_total", 0}};
   for (const auto& [name, value] : expected)
   {
     ASSERT_EQ(figures.count(name), 1u) << name;
     EXPECT_EQ(figures[name], value) << name;
   }
-  const std::map<std::string, double> calls{{"ok", 3}, {"error", 2}, {"unknown", 2}, {"invalid", 1}, {"refused", 1}, {"overloaded", 1}};
+  const std::map<std::string, double> calls{{"ok", 4}, {"error", 3}, {"unknown", 3}, {"invalid", 2}, {"refused", 2}, {"overloaded", 2}};
   for (const auto& [result, count] : calls)
   {
     const auto figure = [&, &result = result](const std::string& suffix, const std::string& more = {})
@@ -115,5 +112,7 @@ TEST_F(MetricsPage, TellsWhatWasDoneToWhoeverHasAToken)
     EXPECT_EQ(figure("_bucket", ",le=\"600\""), count) << result;
     EXPECT_LE(figure("_bucket", ",le=\"0.001\""), figure("_bucket", ",le=\"0.025\"")) << result;
   }
-  bench->finishLater("k", 1);
+  for (const auto* const key : {"k", "page"})
+    bench->finishLater(key, 1);
+  EXPECT_TRUE(eventually([this] { return parse(get("/metrics").body).at("tarvik_gateway_calls_open") == 0; }));
 }

@@ -23,7 +23,7 @@ TEST(Outbox, WakesItsWriterOnceForAllThatComesBeforeItTakes)
   EXPECT_EQ(woken, 2);
 }
 
-TEST(Outbox, OverflowsByNumberAndByBytesAndThenHoldsNothing)
+TEST(Outbox, HoldsNothingOnceItHasOverflowedByNumberOrBytesOrIsClosed)
 {
   int woken = 0;
   Outbox few(2, 1000, [&woken] { ++woken; });
@@ -44,15 +44,11 @@ TEST(Outbox, OverflowsByNumberAndByBytesAndThenHoldsNothing)
   EXPECT_FALSE(small.overflowed()) << "what was taken counts no more";
   small.push("0");
   EXPECT_TRUE(small.overflowed());
-}
 
-TEST(Outbox, TakesNothingOnceClosed)
-{
-  Outbox outbox(10, 1000, [] {});
-  const auto slot = outbox.reserve();
-  outbox.push("a");
-  outbox.close();
-  outbox.fill(slot, "b");
-  outbox.push("c");
-  EXPECT_EQ(outbox.take(), std::nullopt);
+  Outbox closed(10, 1000, [] {});
+  const auto slot = closed.reserve();
+  closed.close();
+  closed.fill(slot, "a");
+  closed.push("b");
+  EXPECT_EQ(closed.take(), std::nullopt);
 }

@@ -1,14 +1,11 @@
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
-#include <unistd.h>
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <host/commandline.hpp>
 #include <root/root.hpp>
+#include <testing/files.hpp>
 
 using namespace Tarvik;
 namespace fs = std::filesystem;
@@ -36,13 +33,14 @@ Parsed parse(std::vector<const char*> arguments)
   return parsed;
 }
 
-class ConfigurationFile
+/// The same with a configuration file.
+Parsed parseFile(const std::string& text, std::vector<const char*> arguments = {})
 {
-public:
-  explicit ConfigurationFile(const std::string& text) { std::ofstream(path) << text; }
-  ~ConfigurationFile() { fs::remove(path); }
-  const std::string path = testing::TempDir() + "tarvikd-" + std::to_string(::getpid()) + ".json";
-};
+  const TestSupport::TemporaryDirectory directory;
+  const auto file = TestSupport::writeFile(directory / "config.json", text).string();
+  arguments.insert(arguments.end(), {"--config", file.c_str()});
+  return parse(arguments);
+}
 
 /// Sets a variable of the environment, or takes it out, for a scope.
 class Variable
@@ -63,50 +61,47 @@ private:
 
 } // namespace
 
-TEST(CommandLine, TakesEachOptionAndRepeatsLists)
+TEST(CommandLine, TakesEachOptionFromItselfOrElseFromTheFile)
 {
-  const auto parsed = parse({"--root",     "/r",   "--listen",  "127.0.0.1:0", "--system-packages",  "/a", "--system-packages", "/b",
-                             "--module",   "x.so", "--module",  "y.so",        "--module-directory", "/m", "--log-level",       "debug",
-                             "--tls-cert", "c",    "--tls-key", "k",           "--insecure"});
-  ASSERT_TRUE(parsed.result) << parsed.err;
-  const auto& host = parsed.result->host;
-  EXPECT_EQ(host.root, "/r");
-  EXPECT_EQ(host.listen, "127.0.0.1:0");
-  EXPECT_EQ(host.systemPackages, (std::vector<fs::path>{"/a", "/b"}));
-  EXPECT_EQ(host.modules, (std::vector<fs::path>{"x.so", "y.so"}));
-  EXPECT_EQ(host.moduleDirectory, "/m");
-  EXPECT_EQ(host.tlsCertificate + host.tlsKey, "ck");
-  EXPECT_TRUE(host.insecure);
-  EXPECT_EQ(parsed.result->logLevel, vu::log::Level::Debug);
-  EXPECT_EQ(parse({}).result->host.listen, "127.0.0.1:7110");
-}
-
-TEST(CommandLine, FileFillsInWhatTheCommandLineLeavesOpen)
-{
-  const ConfigurationFile file(
-      R"({"listen": "127.0.0.1:1", "root": "/of-the-file", "module": ["m.so"], "insecure": true, "log-level": "error"})");
-  const auto parsed = parse({"--root", "/of-the-line", "--config", file.path.c_str()});
-  ASSERT_TRUE(parsed.result) << parsed.err;
-  EXPECT_EQ(parsed.result->host.root, "/of-the-line");
-  EXPECT_EQ(parsed.result->host.listen, "127.0.0.1:1");
-  EXPECT_EQ(parsed.result->host.modules, (std::vector<fs::path>{"m.so"}));
-  EXPECT_TRUE(parsed.result->host.insecure);
-  EXPECT_EQ(parsed.result->logLevel, vu::log::Level::Error);
+  const std::string file = R"({"root": "/r", "listen": "127.0.0.1:0", "system-packages": ["/a", "/b"], "module": ["x.so", "y.so"],
+    "module-directory": "/m", "log-level": "debug", "tls-cert": "c", "tls-key": "k", "insecure": true, "framemanager": {"playTimeoutMs": 1}})";
+  const std::vector<const char*> line{
+      "--root",     "/r",   "--listen",  "127.0.0.1:0", "--system-packages",  "/a", "--system-packages", "/b",
+      "--module",   "x.so", "--module",  "y.so",        "--module-directory", "/m", "--log-level",       "debug",
+      "--tls-cert", "c",    "--tls-key", "k",           "--insecure"};
+  const std::string other = R"({"root": "/o", "listen": "o", "system-packages": ["/o"], "module": ["o.so"], "module-directory": "/o",
+    "log-level": "error", "tls-cert": "o", "tls-key": "o", "insecure": false, "framemanager": {"playTimeoutMs": 1}})";
+  for (const auto& parsed : {parseFile(file), parseFile(other, line)})
+  {
+    ASSERT_TRUE(parsed.result) << parsed.err;
+    const auto& host = parsed.result->host;
+    EXPECT_EQ(host.root, "/r");
+    EXPECT_EQ(host.listen, "127.0.0.1:0");
+    EXPECT_EQ(host.systemPackages, (std::vector<fs::path>{"/a", "/b"}));
+    EXPECT_EQ(host.modules, (std::vector<fs::path>{"x.so", "y.so"}));
+    EXPECT_EQ(host.moduleDirectory, "/m");
+    EXPECT_EQ(host.tlsCertificate + " " + host.tlsKey, "c k");
+    EXPECT_TRUE(host.insecure);
+    EXPECT_EQ(host.frameManager, (vu::Value{{"playTimeoutMs", 1}}));
+    EXPECT_EQ(parsed.result->logLevel, vu::log::Level::Debug);
+  }
+  const auto defaults = parse({});
+  EXPECT_EQ(defaults.result->host.listen, "127.0.0.1:7110");
+  EXPECT_FALSE(defaults.result->host.insecure);
 }
 
 TEST(CommandLine, FileSetsLimits)
 {
-  const ConfigurationFile file(R"({"limits": {"connections": 7, "connections-per-peer": 3, "header-bytes": 1000, "message-bytes": 2000,
+  const auto parsed = parseFile(R"({"limits": {"connections": 7, "connections-per-peer": 3, "header-bytes": 1000, "message-bytes": 2000,
     "upload-bytes": 3000, "open-calls": 4, "links": 5, "queued-messages": 6, "queued-bytes": 4000, "header-seconds": 0.5, "body-seconds": 2,
-    "idle-seconds": 3, "send-seconds": 4, "close-seconds": 5, "package-bytes": 8, "package-entries": 9}})");
-  const auto parsed = parse({"--config", file.path.c_str()});
+    "idle-seconds": 3, "send-seconds": 4, "close-seconds": 5, "package-bytes": 8, "package-entries": 9, "runs": 10}})");
   ASSERT_TRUE(parsed.result) << parsed.err;
   const auto& host = parsed.result->host;
   const auto& limits = host.limits;
-  EXPECT_EQ(
-      (std::vector{limits.connections, limits.connectionsPerPeer, limits.headerBytes, limits.messageBytes, limits.uploadBytes,
-                   limits.openCalls, limits.links, limits.queuedMessages, limits.queuedBytes, host.packageBytes, host.packageEntries}),
-      (std::vector<std::size_t>{7, 3, 1000, 2000, 3000, 4, 5, 6, 4000, 8, 9}));
+  EXPECT_EQ((std::vector{limits.connections, limits.connectionsPerPeer, limits.headerBytes, limits.messageBytes, limits.uploadBytes,
+                         limits.openCalls, limits.links, limits.queuedMessages, limits.queuedBytes, host.packageBytes, host.packageEntries,
+                         host.runs}),
+            (std::vector<std::size_t>{7, 3, 1000, 2000, 3000, 4, 5, 6, 4000, 8, 9, 10}));
   const auto seconds = [](double value) { return std::chrono::milliseconds(static_cast<long>(value * 1000)); };
   EXPECT_EQ((std::vector{limits.header, limits.body, limits.idle, limits.send, limits.close}),
             (std::vector{seconds(0.5), seconds(2), seconds(3), seconds(4), seconds(5)}));
@@ -128,23 +123,20 @@ TEST(CommandLine, RefusesWhatItDoesNotKnowByName)
                                                        {"{", "no JSON"}};
   for (const auto& [text, named] : files)
   {
-    SCOPED_TRACE(text);
-    const ConfigurationFile file(text);
-    const auto parsed = parse({"--config", file.path.c_str()});
-    EXPECT_FALSE(parsed.result);
-    EXPECT_EQ(parsed.exitCode, 1);
-    EXPECT_NE(parsed.err.find(named), std::string::npos) << parsed.err;
+    const auto parsed = parseFile(text);
+    EXPECT_EQ(parsed.exitCode, 1) << text;
+    EXPECT_THAT(parsed.err, testing::HasSubstr(named)) << text;
   }
   for (const auto& arguments :
        std::vector<std::vector<const char*>>{{"--nonsense"}, {"--log-level", "loud"}, {"--config", "/nonexistent.json"}, {"extra"}})
   {
     const auto parsed = parse(arguments);
     EXPECT_EQ(parsed.exitCode, 1);
-    EXPECT_NE(parsed.err.find(arguments.back()), std::string::npos) << parsed.err;
+    EXPECT_THAT(parsed.err, testing::HasSubstr(arguments.back()));
   }
   const auto help = parse({"--help"});
   EXPECT_EQ(help.exitCode, 0);
-  EXPECT_NE(help.out.find("--system-packages"), std::string::npos);
+  EXPECT_THAT(help.out, testing::HasSubstr("--system-packages"));
 }
 
 TEST(ResolveRoot, TakesTheFirstThatIsGiven)

@@ -1,60 +1,33 @@
 #include "fixture.hpp"
 
-#include <future>
+#include <gmock/gmock.h>
 
 #include <behaviormetrics.hpp>
-#include <host/host.hpp>
-#include <vu/remotesession.hpp>
+#include <vu/objectbuilder.hpp>
+#include <zb/callgate.hpp>
 
 using namespace Tarvik;
-using HostTest::RootFixture;
-
-class HostInProcess : public RootFixture
-{
-protected:
-  HostInProcess()
-  {
-    options.root = root;
-    options.listen = "127.0.0.1:0";
-    options.moduleDirectory = TARVIK_MODULES;
-  }
-
-  std::string startFailure()
-  {
-    Host host(options);
-    try
-    {
-      host.start();
-      return "";
-    }
-    catch (const std::exception& error)
-    {
-      EXPECT_THROW(host.url(), std::logic_error);
-      return error.what();
-    }
-  }
-
-  Host::Options options;
-};
+using namespace HostTest;
+using HostInProcess = RootFixture;
+using testing::HasSubstr;
 
 TEST_F(HostInProcess, TellsItsClientsWhereItIsAndTakesItBackAtTheEnd)
 {
   Host host(options);
   host.start();
-  EXPECT_EQ(read("run/endpoint"), host.url());
-  EXPECT_EQ(read("run/token").size(), 64u);
+  EXPECT_EQ(line("run/endpoint"), host.url());
+  EXPECT_EQ(line("run/token").size(), 64u);
   EXPECT_EQ(mode("run"), 0700u);
   EXPECT_EQ(mode("run/token"), 0600u);
   EXPECT_EQ(mode("run/endpoint"), 0600u);
   EXPECT_TRUE(exists("packages"));
   EXPECT_TRUE(exists("preferences"));
-  const auto token = read("run/token");
+  const auto token = line("run/token");
   {
-    vu::RemoteSession session({host.url(), token, std::chrono::milliseconds(10000), {}});
-    EXPECT_EQ(session.services(), (std::vector<std::string>{"PackageManager", "RunHistory", "Tokens", "ZBBehaviorManager", "ZBFrameManager",
-                                                            "ZBMemory", "ZBPreferences"}));
-    const auto events = session.service("ZBMemory").value().call<std::vector<std::string>>("getEventList");
-    EXPECT_NE(std::find(events.begin(), events.end(), "TarvikReady"), events.end());
+    const auto session = connect();
+    EXPECT_EQ(session->services(), (std::vector<std::string>{"PackageManager", "RunHistory", "Tokens", "ZBBehaviorManager",
+                                                             "ZBFrameManager", "ZBMemory", "ZBPreferences"}));
+    EXPECT_THAT(session->service("ZBMemory").value().call<std::vector<std::string>>("getEventList"), testing::Contains("TarvikReady"));
   }
   host.stop();
   EXPECT_FALSE(exists("run/endpoint"));
@@ -62,48 +35,102 @@ TEST_F(HostInProcess, TellsItsClientsWhereItIsAndTakesItBackAtTheEnd)
   host.stop();
 
   host.start();
-  EXPECT_NE(read("run/token"), token) << "a fresh one at every start";
+  EXPECT_NE(line("run/token"), token) << "a fresh one at every start";
 }
 
-TEST_F(HostInProcess, SecondHostOnARootIsRefusedAndHarmsNotTheFirst)
+TEST_F(HostInProcess, EachRoleMayCallWhatTheProtocolGivesIt)
 {
   Host host(options);
   host.start();
-  const auto token = read("run/token");
-  const auto failure = startFailure();
-  EXPECT_NE(failure.find("another host runs on the root " + root.string()), std::string::npos) << failure;
-  EXPECT_EQ(read("run/token"), token);
-  EXPECT_EQ(read("run/endpoint"), host.url());
+  const auto session = host.broker()->session();
+  const auto mayObserve = [](const std::string& service, const std::string& method)
+  {
+    static const testing::Matcher<std::string> query = testing::MatchesRegex("(get|is|has|resolve)[^a-z].*|packages|package|behaviors");
+    return service != "Tokens" && query.Matches(method);
+  };
+  const auto mayOperate = [&mayObserve](const std::string& service, const std::string& method)
+  {
+    static const testing::Matcher<std::string> guarded = testing::AnyOf("PackageManager", "ZBPreferences", "ZBMemory", "ZBFrameManager");
+    return mayObserve(service, method) ||
+           (service != "Tokens" && method.front() != '_' && (!guarded.Matches(service) || method == "readPrefFile"));
+  };
+  int methods = 0;
+  for (const auto& service : session->services())
+  {
+    const auto object = session->find(service);
+    const auto description = object->description();
+    for (const auto& [method, text, parameters, returns, future, access] : description.methods)
+    {
+      const auto may = [&, &method = method](vu::Role role) { return !ZB::rightsOf(role)({service, method}, object->leastRole(method)); };
+      SCOPED_TRACE(service + "." + method);
+      EXPECT_EQ(may(Role::Observer), mayObserve(service, method));
+      EXPECT_EQ(may(Role::Operator), mayOperate(service, method));
+      EXPECT_TRUE(may(Role::Admin));
+      ++methods;
+    }
+  }
+  EXPECT_GT(methods, 50);
+}
+
+TEST_F(HostInProcess, GivesEverySettingToWhomItIsFor)
+{
+  options.systemPackages = {"/system"};
+  options.frameManager = {{"terminateGraceMs", 77}};
+  options.packageBytes = 11;
+  options.packageEntries = 22;
+  options.runs = 33;
+  options.limits.messageBytes = 10;
+  Host host(options);
+  host.start();
+  auto configuration = host.broker()->configuration();
+  EXPECT_EQ(configuration, (vu::Value{{"root", root.string()},
+                                      {"systemPackages", {"/system"}},
+                                      {"url", host.url()},
+                                      {"tokenFile", (root / "run/token").string()},
+                                      {"packageLimits", {{"bytes", 11}, {"entries", 22}}},
+                                      {"history", {{"runs", 33}}},
+                                      {"framemanager", {{"terminateGraceMs", 77}}}}));
+  EXPECT_THROW(connect()->services(), vu::ServiceError) << "the request is longer than ten bytes";
 }
 
 TEST_F(HostInProcess, FailedStartNamesTheFaultAndLeavesNothingBehind)
 {
-  const auto expectFailure = [this](const std::string& named)
+  const auto failure = [this]
   {
-    const auto failure = startFailure();
-    EXPECT_NE(failure.find(named), std::string::npos) << failure;
+    Host host(options);
+    const auto text = errorOf([&host] { host.start(); });
+    EXPECT_THROW(host.url(), std::logic_error);
     EXPECT_FALSE(exists("run/endpoint"));
     EXPECT_FALSE(exists("run/token"));
+    return text;
   };
   for (const auto* const place : {"127.0.0.1", "127.0.0.1:", ":7110", "127.0.0.1:70000", "127.0.0.1:x", "::1:80", ""})
   {
-    SCOPED_TRACE(place);
     options.listen = place;
-    expectFailure("'" + options.listen + "' is no place to listen");
+    EXPECT_THAT(failure(), HasSubstr("'" + options.listen + "' is no place to listen"));
   }
   options.listen = "0.0.0.0:0";
-  expectFailure("--insecure");
-  options.listen = "127.0.0.1:0";
+  EXPECT_THAT(failure(), HasSubstr("--insecure"));
+  options.listen = "[::1]:0";
+  options.tlsCertificate = "/host.cert";
+  EXPECT_THAT(failure(), HasSubstr("both a certificate and a key"));
+  options.tlsKey = "/host.key";
+  EXPECT_THAT(failure(), HasSubstr("/host.cert"));
+  options.tlsCertificate = options.tlsKey = "";
+  options.listen = "0.0.0.0:0";
+  options.insecure = true;
   options.moduleDirectory = root;
-  expectFailure("libmemory.so");
+  EXPECT_THAT(failure(), HasSubstr("libmemory.so"));
+  options.listen = "[::1]:0";
   options.moduleDirectory = TARVIK_MODULES;
-  EXPECT_EQ(startFailure(), "");
+  Host host(options);
+  host.start();
+  EXPECT_TRUE(host.url().starts_with("http://[::1]:"));
 }
 
 TEST_F(HostInProcess, ModuleThatCannotBeLoadedOrThrowsIsNamedAndTheRestWorks)
 {
-  const auto noLibrary = root / "libnothing.so";
-  std::ofstream(noLibrary) << "nothing";
+  const auto noLibrary = writeFile(root / "libnothing.so", "nothing");
   options.modules = {"/nonexistent/libguest.so", noLibrary, THROWING_MODULE};
   Host host(options);
   const vu::log::Capture log;
@@ -112,27 +139,17 @@ TEST_F(HostInProcess, ModuleThatCannotBeLoadedOrThrowsIsNamedAndTheRestWorks)
   for (const auto& file : options.modules)
     EXPECT_EQ(log.count(vu::log::Level::Error, "library " + file.string() + ": "), 1u) << file;
   EXPECT_EQ(log.count(vu::log::Level::Error, "no arm is connected"), 1u);
-  vu::RemoteSession session({host.url(), read("run/token"), std::chrono::milliseconds(10000), {}});
-  EXPECT_FALSE(session.service("ZBBehaviorManager").value().call<bool>("isBehaviorInstalled", std::string("any")));
+  EXPECT_FALSE(connect()->service("ZBBehaviorManager").value().call<bool>("isBehaviorInstalled", std::string("any")));
 }
 
 TEST_F(HostInProcess, TellsOfItsBehaviorsInFigures)
 {
-  std::ofstream(root / "behavior.xar") << R"(<project format="1" name="t"><fail reason="no arm"/></project>)";
   Host host(options);
   host.start();
-  const auto service = [&host](const std::string& name) { return host.broker()->session()->service(name).value(); };
-  std::promise<vu::Value> ended;
-  service("RunHistory").connect<vu::Value>("runEnded", [&ended](const vu::Value& run) { ended.set_value(run); }).value();
-  const auto frames = service("ZBFrameManager");
-  frames.call<void>("playBehavior",
-                    frames.call<std::string>("createBehavior", root.string(), std::string("behavior.xar"), std::string("t")));
-  auto end = ended.get_future();
-  ASSERT_EQ(end.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  EXPECT_EQ(end.get()["message"], "no arm");
+  EXPECT_EQ(play("<fail reason=\"no arm\"/>", "runEnded")["message"], "no arm");
   MetricsText text;
   writeBehaviorMetrics(*host.broker(), text);
-  for (const std::string line : {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1",
-                                 "tarvik_behavior_ends_total{outcome=\"failed\"} 1", "tarvik_behavior_run_duration_seconds_count 1"})
-    EXPECT_NE(text.text().find("\n" + line + "\n"), std::string::npos) << line << " is not in\n" << text.text();
+  for (const std::string figure : {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1",
+                                   "tarvik_behavior_ends_total{outcome=\"failed\"} 1", "tarvik_behavior_run_duration_seconds_count 1"})
+    EXPECT_THAT(text.text(), HasSubstr("\n" + figure + "\n"));
 }

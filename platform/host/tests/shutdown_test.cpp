@@ -1,16 +1,12 @@
 #include "fixture.hpp"
 
-#include <chrono>
+#include <csignal>
 #include <random>
 #include <thread>
 
-#include <vu/remotesession.hpp>
-
-#include "daemon.hpp"
 #include <testing/sanitized.hpp>
 
-using HostTest::Daemon;
-using HostTest::RootFixture;
+using namespace HostTest;
 using namespace std::chrono_literals;
 
 namespace
@@ -37,28 +33,13 @@ const std::string daemonized = "<run command=\"python3 -c 'import os, signal, ti
 class Shutdown : public RootFixture
 {
 protected:
-  /// A system package "load" of the behaviors b0, b1 and so on.
-  void addBehavior(const std::string& steps)
+  /// With a system package "load" of the behaviors b0, b1 and so on.
+  std::vector<std::string> load()
   {
-    const auto directory = root / "system/load" / ("b" + std::to_string(_behaviors++));
-    std::filesystem::create_directories(directory);
-    std::ofstream(directory / "behavior.xar") << "<project format=\"1\">" << steps << "</project>";
-  }
-  std::vector<std::string> arguments()
-  {
-    std::ofstream manifest(root / "system/load/manifest.xml");
-    manifest << "<package uuid=\"load\">";
-    for (int i = 0; i < _behaviors; ++i)
-      manifest << "<behavior path=\"b" << i << "\"/>";
-    manifest << "</package>";
-    return {"--root", root.string(), "--listen", "127.0.0.1:0", "--log-level", "error", "--system-packages", (root / "system").string()};
+    TestSupport::writePackage(root / "system/load", "load", steps);
+    return arguments({"--system-packages", (root / "system").string()});
   }
   static std::string behavior(int number) { return "load/b" + std::to_string(number); }
-
-  std::unique_ptr<vu::RemoteSession> connect() const
-  {
-    return std::make_unique<vu::RemoteSession>(vu::RemoteSession::Options{read("run/endpoint"), read("run/token"), 20000ms, {}});
-  }
 
   /// Of the programs that hosts on this root have started, and their guards.
   std::size_t processes() const
@@ -66,30 +47,16 @@ protected:
     std::size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc"))
     {
-      std::ifstream file(entry.path() / "environ");
-      const std::string environment(std::istreambuf_iterator<char>(file), {});
-      count += environment.find("TARVIK_TOKEN_FILE=" + root.string()) != std::string::npos;
+      count += readFile(entry.path() / "environ").find("TARVIK_TOKEN_FILE=" + root.string()) != std::string::npos;
     }
     return count;
   }
-  int begun() const
+  std::ptrdiff_t begun() const
   {
-    int count = 0;
-    for (int i = 0; i < _behaviors; ++i)
-      count += exists("system/load/b" + std::to_string(i) + "/begun");
-    return count;
-  }
-  static bool eventually(const std::function<bool()>& condition, Clock::duration limit)
-  {
-    for (const auto deadline = Clock::now() + limit; Clock::now() < deadline;
-         std::this_thread::sleep_for(5ms)) // other processes give no sign
-      if (condition())
-        return true;
-    return false;
+    return std::count_if(steps.begin(), steps.end(), [this](const auto& entry) { return exists("system/load/" + entry.first + "/begun"); });
   }
 
-private:
-  int _behaviors = 0;
+  std::map<std::string, std::string> steps; ///< by behavior
 };
 
 TEST_F(Shutdown, TakesLessThanFiveSecondsWithAThousandBehaviorsAndAHundredClientsThatWait)
@@ -98,9 +65,9 @@ TEST_F(Shutdown, TakesLessThanFiveSecondsWithAThousandBehaviorsAndAHundredClient
   constexpr int programs = behaviors / 20;
   constexpr int clients = behaviors / 10;
   for (int i = 0; i < behaviors; ++i)
-    addBehavior(i % (behaviors / programs) == 0 ? deaf : idle);
-  Daemon daemon(arguments());
-  ASSERT_NE(daemon.line(), "");
+    steps["b" + std::to_string(i)] = i % (behaviors / programs) == 0 ? deaf : idle;
+  Process daemon(load());
+  ASSERT_NE(daemon.firstLine(), "");
 
   std::vector<std::unique_ptr<vu::RemoteSession>> sessions;
   std::vector<vu::Future<void>> runs;
@@ -116,16 +83,16 @@ TEST_F(Shutdown, TakesLessThanFiveSecondsWithAThousandBehaviorsAndAHundredClient
       starts.push_back(manager.async<void>("startBehavior", behavior(i)));
   }
   for (const auto& start : starts)
-    ASSERT_TRUE(start.wait(60s) && start.hasValue()) << start.error();
+    ASSERT_TRUE(start.wait(TestSupport::patience) && start.hasValue()) << start.error();
   const auto manager = sessions.front()->service("ZBBehaviorManager").value();
-  ASSERT_TRUE(eventually([&] { return begun() == programs; }, 60s));
-  ASSERT_TRUE(eventually([&] { return manager.call<std::vector<std::string>>("getRunningBehaviors").size() == behaviors; }, 60s));
+  ASSERT_TRUE(eventually([&] { return begun() == programs; }));
+  ASSERT_TRUE(eventually([&] { return manager.call<std::vector<std::string>>("getRunningBehaviors").size() == behaviors; }));
 
   for (int i = 0; i < clients; ++i)
     late.push_back(manager.async<void>("stopBehavior", behavior(i * 7)));
   const auto before = Clock::now();
   daemon.signal(SIGTERM);
-  EXPECT_EQ(daemon.wait(), 0) << daemon.errorText;
+  EXPECT_EQ(daemon.waitForEnd(), 0) << daemon.error();
   const auto duration = Clock::now() - before;
   EXPECT_LT(duration, shutdownLimit);
   RecordProperty("milliseconds", static_cast<int>(duration / 1ms));
@@ -133,21 +100,23 @@ TEST_F(Shutdown, TakesLessThanFiveSecondsWithAThousandBehaviorsAndAHundredClient
     for (const auto& call : calls)
       EXPECT_TRUE(call.wait(10s)) << "a client waits for ever";
   EXPECT_EQ(processes(), 0u);
-  EXPECT_EQ(daemon.errorText, "");
+  EXPECT_EQ(daemon.error(), "");
 }
 
 TEST_F(Shutdown, AHostThatIsKilledAtAnyMomentTakesItsProgramsAlong)
 {
   for (int i = 0; i < 12; ++i)
-    addBehavior("<repeat>" + (i % 3 == 0 ? deaf : i % 3 == 1 ? daemonized : "<run command=\"true\"/>" + idle) + "</repeat>");
+    steps["b" + std::to_string(i)] = "<repeat>" +
+                                     (i % 3 == 0   ? deaf
+                                      : i % 3 == 1 ? daemonized
+                                                   : "<run command=\"true\"/>" + idle) +
+                                     "</repeat>";
   std::minstd_rand random(std::random_device{}());
   for (int round = 0; round < 6; ++round)
   {
-    std::error_code ignored; // one is the manifest
-    for (const auto& directory : std::filesystem::directory_iterator(root / "system/load"))
-      std::filesystem::remove(directory.path() / "begun", ignored);
-    Daemon daemon(arguments());
-    daemon.line();
+    std::filesystem::remove_all(root / "system/load");
+    Process daemon(load());
+    daemon.firstLine();
     {
       const auto session = connect();
       const auto manager = session->service("ZBBehaviorManager").value();
@@ -157,16 +126,17 @@ TEST_F(Shutdown, AHostThatIsKilledAtAnyMomentTakesItsProgramsAlong)
       // While programs come into being, and in the last round when all are there.
       if (round == 5)
       {
-        EXPECT_TRUE(eventually([this] { return begun() == 8; }, 60s));
+        EXPECT_TRUE(eventually([this] { return begun() == 8; }));
       }
       else
       {
-        starts.front().wait(20s);
+        starts.front().wait(TestSupport::patience);
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 200));
       }
       daemon.signal(SIGKILL);
     }
-    daemon.wait();
-    EXPECT_TRUE(eventually([this] { return processes() == 0; }, TestSupport::sanitized ? 20s : 2s)) << processes() << " live in round " << round;
+    daemon.waitForEnd();
+    EXPECT_TRUE(eventually([this] { return processes() == 0; }, TestSupport::sanitized ? 20s : 2s))
+        << processes() << " live in round " << round;
   }
 }

@@ -1,19 +1,13 @@
 #include "fixture.hpp"
 
-#include <future>
-
 #include <gmock/gmock.h>
 
-#include <host/host.hpp>
 #include <tokens.hpp>
-#include <vu/remotesession.hpp>
-#include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
 using namespace Tarvik;
-using HostTest::RootFixture;
+using namespace HostTest;
 using testing::HasSubstr;
-using testing::ThrowsMessage;
 
 namespace
 {
@@ -29,11 +23,7 @@ protected:
     access = std::make_shared<Access>();
     return broker->createModule<Tokens>("Tokens", root / "tokens", access);
   }
-  std::string file() const
-  {
-    std::ifstream stream(root / "tokens");
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
+  std::string file() const { return readFile(root / "tokens"); }
 
   const std::shared_ptr<ZB::ZBBroker> broker = ZB::ZBBroker::create();
   std::shared_ptr<Access> access;
@@ -73,25 +63,28 @@ TEST_F(TokensService, RefusalNamesTheFaultAndChangesNothing)
     std::string role;
     const char* text;
   } cases[] = {
-      {"", "admin", "1 to 32"},           {std::string(33, 'x'), "admin", "1 to 32"},
-      {token, "admin", "1 to 32"},        {"a b", "admin", "1 to 32"},
-      {"-a", "admin", "1 to 32"},         {"a\n", "admin", "1 to 32"},
-      {"\xc3\xa4", "admin", "1 to 32"},   {"local", "admin", "reserved"},
-      {"system", "observer", "reserved"}, {"bob", "root", "there is no role \"root\""},
-      {"alice", "admin", "already"},      {"Tokens", "admin", "reserved"},
+      {"", "admin", "1 to 32"},
+      {std::string(33, 'x'), "admin", "1 to 32"},
+      {"a b", "admin", "1 to 32"},
+      {"-a", "admin", "1 to 32"},
+      {"\xc3\xa4", "admin", "1 to 32"},
+      {"local", "admin", "\"local\" is reserved"},
+      {"host", "admin", "\"host\" is reserved"},
+      {"system", "observer", "\"system\" is reserved"},
+      {"Tokens", "admin", "\"Tokens\" is reserved"},
+      {"bob", "root", "there is no role \"root\": give observer, operator or admin"},
+      {"alice", "admin", "already"},
   };
   const auto before = file();
   for (const auto& [name, role, text] : cases)
-  {
-    const auto add = [&tokens, &name = name, &role = role] { tokens.add(name, role); };
-    EXPECT_THAT(add, ThrowsMessage<ZB::ZBError>(HasSubstr(text))) << name;
-  }
-  EXPECT_THAT([&] { tokens.remove(token); }, ThrowsMessage<ZB::ZBError>(testing::Not(HasSubstr(token)))) << "taken for its name";
+    EXPECT_THAT(errorOf([&tokens, &name = name, &role = role] { tokens.add(name, role); }), HasSubstr(text)) << name;
+  EXPECT_THAT(errorOf([&] { tokens.add(token, "admin"); }), testing::Not(HasSubstr(token)));
+  EXPECT_THAT(errorOf([&] { tokens.remove(token); }), testing::Not(HasSubstr(token))) << "taken for its name";
   EXPECT_EQ(file(), before);
   std::filesystem::remove(root / "tokens");
   std::filesystem::create_directory(root / "tokens"); // which no file can replace
-  EXPECT_THAT([&] { tokens.add("bob", "admin"); }, ThrowsMessage<ZB::ZBError>(HasSubstr("was not made")));
-  EXPECT_THAT([&] { tokens.remove("alice"); }, ThrowsMessage<ZB::ZBError>(HasSubstr("still good")));
+  EXPECT_THAT(errorOf([&] { tokens.add("bob", "admin"); }), HasSubstr("was not made"));
+  EXPECT_THAT(errorOf([&] { tokens.remove("alice"); }), HasSubstr("still good"));
   EXPECT_TRUE(access->identify(token));
   EXPECT_EQ(tokens.list().size(), 1U);
 }
@@ -109,40 +102,34 @@ TEST_F(TokensService, FileThatIsDamagedIsNamedAtTheStart)
         "{\"tokens\":[" + entry("alice", "admin", digest + "0") + "]}",
         "{\"tokens\":[" + entry("alice", "admin", std::string(64, 'g')) + "]}"})
   {
-    std::ofstream(root / "tokens") << text;
-    EXPECT_THAT([&] { load(); }, ThrowsMessage<ZB::ZBError>(HasSubstr("the tokens in " + (root / "tokens").string()))) << text;
+    writeFile(root / "tokens", text);
+    EXPECT_THAT(TestSupport::serviceErrorOf([&] { load(); }).description(), HasSubstr("the tokens in " + (root / "tokens").string()))
+        << text;
     EXPECT_EQ(file(), text);
   }
-  std::ofstream(root / "tokens") << "{\"tokens\":[" + good + "]}";
+  writeFile(root / "tokens", "{\"tokens\":[" + good + "]}");
   EXPECT_EQ(load().list().size(), 1U);
 }
 
 TEST_F(RootFixture, TokensOfARunningHostLetInAndOutAgain)
 {
-  Host::Options options;
-  options.root = root;
-  options.listen = "127.0.0.1:0";
-  options.moduleDirectory = TARVIK_MODULES;
   Host host(options);
   host.start();
-  const auto connect = [&](const std::string& token) {
-    return std::make_unique<vu::RemoteSession>(vu::RemoteSession::Options{host.url(), token, std::chrono::milliseconds(10000), {}});
-  };
-  const auto token = connect(read("run/token"))->call("Tokens.add", {"alice", "operator"}).value().get<std::string>();
+  const auto token = connect()->call("Tokens.add", {"alice", "operator"}).value().get<std::string>();
   host.stop();
   host.start();
   const auto alice = connect(token);
-  EXPECT_THROW(alice->call("Tokens.list", vu::Value::array()).value(), vu::ServiceError);
-  std::promise<std::string> reason;
-  alice->setClosedCallback([&reason](const std::string& text) { reason.set_value(text); });
-  connect(read("run/token"))->call("Tokens.remove", {"alice"}).value();
-  auto closed = reason.get_future();
-  ASSERT_EQ(closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  EXPECT_EQ(closed.get(), "the token was removed");
+  EXPECT_EQ(TestSupport::serviceErrorOf([&] { alice->call("Tokens.list", vu::Value::array()).value(); }).kind(),
+            vu::ServiceError::Kind::NotAllowed);
+  const vu::Promise<std::string> reason;
+  alice->setClosedCallback([reason](const std::string& text) { reason.setValue(text); });
+  connect()->call("Tokens.remove", {"alice"}).value();
+  ASSERT_TRUE(reason.future().wait(TestSupport::patience));
+  EXPECT_EQ(reason.future().value(), "the token was removed");
   EXPECT_THROW(connect(token), vu::ServiceError);
   host.stop();
-  std::ofstream(root / "tokens") << "nonsense";
-  EXPECT_THAT([&] { host.start(); }, ThrowsMessage<std::exception>(HasSubstr((root / "tokens").string())));
+  writeFile(root / "tokens", "nonsense");
+  EXPECT_THAT(errorOf([&] { host.start(); }), HasSubstr((root / "tokens").string()));
 }
 
 } // namespace

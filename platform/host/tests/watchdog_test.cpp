@@ -1,19 +1,18 @@
+#include "fixture.hpp"
+
 #include <array>
+#include <csignal>
 #include <latch>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <host/watchdog.hpp>
 
-#include "daemon.hpp"
-#include "fixture.hpp"
-
 using namespace std::chrono_literals;
-using testing::HasSubstr;
+using namespace HostTest;
 
 TEST(Watchdog, FallsSilentWhileThePoolIsStuckAndComesBack)
 {
@@ -23,9 +22,12 @@ TEST(Watchdog, FallsSilentWhileThePoolIsStuckAndComesBack)
   Tarvik::Watchdog watchdog(io, pool, 4ms, [&signs] { ++signs; });
   const auto more = [&](int wanted)
   {
-    for (const auto end = std::chrono::steady_clock::now() + 10s; signs < wanted && std::chrono::steady_clock::now() < end;)
-      io.run_one_for(100ms);
-    return signs >= wanted;
+    return eventually(
+        [&]
+        {
+          io.run_one();
+          return signs >= wanted;
+        });
   };
   EXPECT_TRUE(more(5));
 
@@ -38,18 +40,17 @@ TEST(Watchdog, FallsSilentWhileThePoolIsStuckAndComesBack)
         goOn.wait();
       });
   stuck.wait();
-  io.run_for(20ms); // a sign of the progress before may still come
+  io.run_one(); // a sign of the progress before may still come
   const int before = signs;
-  io.run_for(50ms);
+  for (int i = 0; i < 10; ++i)
+    io.run_one();
   EXPECT_EQ(signs, before);
   goOn.count_down();
   EXPECT_TRUE(more(before + 3));
   pool->close();
 }
 
-class Notify : public HostTest::RootFixture
-{
-};
+using Notify = RootFixture;
 
 TEST_F(Notify, TheServiceManagerHearsOfTheStartOfLifeAndOfTheEnd)
 {
@@ -58,16 +59,13 @@ TEST_F(Notify, TheServiceManagerHearsOfTheStartOfLifeAndOfTheEnd)
   const auto path = (root / "notify").string();
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-  ::setenv("WATCHDOG_USEC", "100000", 1);
-  HostTest::Daemon daemon({"--root", (root / "root").string(), "--listen", "127.0.0.1:0"});
-  ::unsetenv("NOTIFY_SOCKET");
-  ::unsetenv("WATCHDOG_USEC");
+  Process daemon(arguments(), {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", "100000"}});
   const auto hear = [listener]
   {
     std::array<char, 256> text{};
     pollfd poll{listener, POLLIN, 0};
-    const auto size = ::poll(&poll, 1, HostTest::patienceMs) == 1 ? ::recv(listener, text.data(), text.size(), 0) : 0;
+    const auto size =
+        ::poll(&poll, 1, static_cast<int>(TestSupport::patience / 1ms)) == 1 ? ::recv(listener, text.data(), text.size(), 0) : 0;
     return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
   };
   EXPECT_EQ(hear(), "READY=1");
@@ -78,6 +76,6 @@ TEST_F(Notify, TheServiceManagerHearsOfTheStartOfLifeAndOfTheEnd)
   while (last == "WATCHDOG=1")
     last = hear();
   EXPECT_EQ(last, "STOPPING=1");
-  EXPECT_EQ(daemon.wait(), 0) << daemon.errorText;
+  EXPECT_EQ(daemon.waitForEnd(), 0) << daemon.error();
   ::close(listener);
 }
