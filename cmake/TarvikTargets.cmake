@@ -83,6 +83,19 @@ function(tarvik_module name entry library)
   set_property(GLOBAL APPEND PROPERTY TARVIK_MODULES ${name})
 endfunction()
 
+# tarvik_platform_module(NAME SOURCES ... LIBRARIES ... TESTS ... TEST_LIBRARIES ...):
+# a module of the platform, which src/entry.cpp registers; NAME_objects is what
+# it is made of, for tests.
+function(tarvik_platform_module name)
+  cmake_parse_arguments(PARSE_ARGV 1 module "" "" "SOURCES;LIBRARIES;TESTS;TEST_LIBRARIES")
+  add_library(${name}_objects STATIC ${module_SOURCES})
+  target_include_directories(${name}_objects PUBLIC src)
+  target_link_libraries(${name}_objects PUBLIC tarvik::zb ${module_LIBRARIES} PRIVATE tarvik_options)
+  set_target_properties(${name}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  tarvik_module(${name} src/entry.cpp ${name}_objects)
+  tarvik_test(${name}_tests modules SOURCES ${module_TESTS} LIBRARIES ${name}_objects ${module_TEST_LIBRARIES})
+endfunction()
+
 # tarvik_test(NAME LABEL SOURCES... LIBRARIES ...): a test program whose tests
 # ctest runs one by one.
 function(tarvik_test name label)

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 #include <type_traits>
 
@@ -27,6 +28,30 @@ std::atomic<int> operations = 0;
 std::atomic<int> target = 0;
 std::atomic<Fault> fault = Fault::Error;
 
+std::vector<std::string> recorded;
+bool recording = false; ///< cleared while a call is being noted, which may make others
+
+std::string pathOf(const char* path) { return path; }
+
+template <typename T> std::string pathOf(T) { return {}; }
+
+/// Of a descriptor, which is what the first argument is unless it is a path.
+std::string pathOf(int file)
+{
+  std::error_code ignored;
+  return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), ignored);
+}
+
+template <typename First, typename... Others> void record(const char* name, First first, Others... others)
+{
+  recording = false;
+  std::string line = std::string(name) + " " + pathOf(first);
+  if constexpr (std::is_same_v<First, const char*>)
+    ((line += std::is_same_v<Others, const char*> ? " " + pathOf(others) : ""), ...);
+  recorded.push_back(line);
+  recording = true;
+}
+
 enum class Space
 {
   Needed,
@@ -45,6 +70,8 @@ template <typename F, typename... Arguments> auto operate(F*, const char* name, 
 {
   const auto next = reinterpret_cast<F*>(::dlsym(RTLD_NEXT, name));
   using Result = decltype(next(arguments...));
+  if (recording)
+    record(name, arguments...);
   if (!armed)
     return next(arguments...);
   const int number = ++operations;
@@ -81,6 +108,21 @@ Injection::~Injection() { armed = false; }
 
 bool Injection::happened() const { return operations >= target; }
 
+std::vector<std::string> operationsOf(const std::function<void()>& action)
+{
+  recorded.clear();
+  struct Recording
+  {
+    Recording() { recording = true; }
+    ~Recording() { recording = false; }
+  };
+  {
+    const Recording until;
+    action();
+  }
+  return recorded;
+}
+
 bool isKilledAt(Fault injected, int operation, const std::function<void()>& action)
 {
   const auto child = ::fork();
@@ -105,6 +147,23 @@ bool isKilledAt(Fault injected, int operation, const std::function<void()>& acti
   if (::waitpid(child, &status, 0) != child || (WIFEXITED(status) && WEXITSTATUS(status) != 0))
     throw std::runtime_error("the process to be killed failed by itself");
   return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+Attempt tryWith(Fault injected, int operation, const std::function<void()>& action)
+{
+  if (injected == Fault::KillBefore || injected == Fault::KillAfter)
+    return {isKilledAt(injected, operation, action), {}};
+  const Injection injection(injected, operation);
+  std::string failure;
+  try
+  {
+    action();
+  }
+  catch (const std::exception& error)
+  {
+    failure = error.what();
+  }
+  return {injection.happened(), failure};
 }
 
 } // namespace TestSupport

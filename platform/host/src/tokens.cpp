@@ -4,8 +4,8 @@
 #include <charconv>
 #include <ctime>
 
-#include <common/durablefile.hpp>
-#include <common/text.hpp>
+#include <storage/durablefile.hpp>
+#include <vu/text.hpp>
 #include <vu/conversion.hpp>
 #include <vu/session.hpp>
 #include <zb/zbbroker.hpp>
@@ -72,13 +72,13 @@ Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs
 {
   try
   {
-    common::removeTemporaryFiles(_file.parent_path());
+    storage::removeTemporaryFiles(_file.parent_path());
     _records = read();
   }
   catch (const std::exception& error)
   {
     throw ZBError(name, "Tokens",
-                  "the tokens in " + _file.string() + " cannot be read: " + common::validUtf8(error.what()) +
+                  "the tokens in " + _file.string() + " cannot be read: " + vu::validUtf8(error.what()) +
                       "; mend the file, or remove it to start without tokens");
   }
   for (auto& record : _records)
@@ -112,7 +112,7 @@ std::vector<Tokens::Record> Tokens::read() const
 {
   if (!fs::exists(_file))
     return {};
-  const auto content = vu::Value::parse(common::readFile(_file));
+  const auto content = vu::Value::parse(storage::readFile(_file));
   std::vector<Record> records;
   for (const auto& entry : content.at("tokens"))
   {
@@ -121,9 +121,9 @@ std::vector<Tokens::Record> Tokens::read() const
     const auto role = entry.at("role").get<std::string>();
     const auto twice = std::any_of(records.begin(), records.end(), [&record](const Record& other) { return other.name == record.name; });
     if (!isName(record.name) || isReserved(record.name) || twice)
-      throw std::runtime_error(common::inQuotes(record.name) + (twice ? " stands there twice" : " is no name of a token"));
+      throw std::runtime_error(vu::inQuotes(record.name) + (twice ? " stands there twice" : " is no name of a token"));
     if (!vu::roleFromName(role))
-      throw std::runtime_error(common::inQuotes(role) + " is no role");
+      throw std::runtime_error(vu::inQuotes(role) + " is no role");
     record.role = *vu::roleFromName(role);
     record.created = entry.at("created").get<std::string>();
     record.digest = digestFromHexadecimal(entry.at("sha256").get<std::string>());
@@ -138,7 +138,7 @@ void Tokens::write(const std::vector<Record>& records) const
   for (const auto& record : records)
     tokens.push_back(
         {{"name", record.name}, {"role", roleName(record.role)}, {"created", record.created}, {"sha256", toHexadecimal(record.digest)}});
-  common::writeFileDurably(_file, vu::Value{{"tokens", tokens}}.dump(2) + "\n");
+  storage::writeFileDurably(_file, vu::Value{{"tokens", tokens}}.dump(2) + "\n");
 }
 
 std::string Tokens::add(const std::string& name, const std::string& role)
@@ -147,14 +147,14 @@ std::string Tokens::add(const std::string& name, const std::string& role)
     throw ZBError(getName(), "add", "a token's name is 1 to 32 letters, digits, '.', '_' or '-', a letter or digit first");
   // The history tells a module's stops by the module's name.
   if (isReserved(name) || getParentBroker()->session()->find(name))
-    throw ZBError(getName(), "add", "the name " + common::inQuotes(name) + " is reserved: take another one");
+    throw ZBError(getName(), "add", "the name " + vu::inQuotes(name) + " is reserved: take another one");
   const auto wanted = vu::roleFromName(role);
   if (!wanted)
-    throw ZBError(getName(), "add", "there is no role " + common::inQuotes(role) + ": give " + roleNames(""));
+    throw ZBError(getName(), "add", "there is no role " + vu::inQuotes(role) + ": give " + roleNames(""));
   auto token = makeToken();
   const std::lock_guard lock(_mutex);
   if (std::any_of(_records.begin(), _records.end(), [&name](const Record& record) { return record.name == name; }))
-    throw ZBError(getName(), "add", "there is a token " + common::inQuotes(name) + " already: remove it first, or take another name");
+    throw ZBError(getName(), "add", "there is a token " + vu::inQuotes(name) + " already: remove it first, or take another name");
   auto records = _records;
   records.push_back({name, *wanted, now(), digestOf(token)});
   try
@@ -163,7 +163,7 @@ std::string Tokens::add(const std::string& name, const std::string& role)
   }
   catch (const fs::filesystem_error& error)
   {
-    throw ZBError(getName(), "add", "the token was not made: " + common::validUtf8(error.what()));
+    throw ZBError(getName(), "add", "the token was not made: " + vu::validUtf8(error.what()));
   }
   records.back().number = _access->add(records.back().digest, {name, *wanted});
   _records = std::move(records);
@@ -196,7 +196,7 @@ void Tokens::remove(const std::string& name)
     }
     catch (const fs::filesystem_error& error)
     {
-      throw ZBError(getName(), "remove", "the token was not removed and is still good: " + common::validUtf8(error.what()));
+      throw ZBError(getName(), "remove", "the token was not removed and is still good: " + vu::validUtf8(error.what()));
     }
     _records = std::move(records);
   }

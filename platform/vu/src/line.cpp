@@ -1,5 +1,7 @@
 #include <vu/line.hpp>
 
+#include <utility>
+
 #include <vu/caller.hpp>
 #include <vu/signal.hpp>
 
@@ -13,7 +15,9 @@ constexpr int deliveriesPerTurn = 64;
 
 std::shared_ptr<Line> Line::create(std::shared_ptr<ThreadPool> pool) { return std::shared_ptr<Line>(new Line(std::move(pool))); }
 
-void Line::push(ThreadPool::Task task)
+void Line::push(ThreadPool::Task task) { push(std::move(task), Wait()); }
+
+void Line::push(ThreadPool::Task task, Wait wait)
 {
   // The pool would note the caller of the task that stands before this one.
   auto withCaller = [caller = currentCaller(), task = std::move(task)]
@@ -23,7 +27,7 @@ void Line::push(ThreadPool::Task task)
   };
   {
     const std::lock_guard lock(_mutex);
-    _tasks.push_back(std::move(withCaller));
+    _entries.push_back({std::move(withCaller), std::move(wait)});
     if (_running)
       return;
     _running = true;
@@ -44,20 +48,31 @@ void Line::runNext()
   // deliveries; but not all, so that others have theirs.
   for (int i = 0; i < deliveriesPerTurn; ++i)
   {
-    ThreadPool::Task task;
+    Entry entry;
     {
       const std::lock_guard lock(_mutex);
-      if (_tasks.empty())
+      if (_entries.empty())
       {
         _running = false;
         return;
       }
-      task = std::move(_tasks.front());
-      _tasks.pop_front();
+      // One that has to be waited for keeps its place.
+      entry.wait = std::exchange(_entries.front().wait, nullptr);
+      if (!entry.wait)
+      {
+        entry = std::move(_entries.front());
+        _entries.pop_front();
+      }
+    }
+    if (entry.wait)
+    {
+      if (entry.wait([self = shared_from_this()] { self->runNext(); }))
+        return;
+      continue;
     }
     try
     {
-      task();
+      entry.task();
     }
     catch (...)
     {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <testing/waiting.hpp>
+
 namespace TestSupport
 {
 
@@ -48,6 +50,14 @@ public:
   {
     std::unique_lock lock(_mutex);
     return _changed.wait_for(lock, limit, [&] { return std::find(_lines.begin(), _lines.end(), line) != _lines.end(); });
+  }
+
+  /// All lines, as soon as there are so many; those there are when they do not come in time.
+  std::vector<std::string> waitForCount(std::size_t count) const
+  {
+    std::unique_lock lock(_mutex);
+    _changed.wait_for(lock, patience, [&] { return _lines.size() >= count; });
+    return _lines;
   }
 
   void clear()

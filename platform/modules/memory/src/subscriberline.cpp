@@ -2,86 +2,54 @@
 
 #include <utility>
 
-#include <common/text.hpp>
-#include <vu/caller.hpp>
 #include <vu/error.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 
 namespace ZB
 {
 
 SubscriberLine::SubscriberLine(std::string module, std::shared_ptr<vu::LocalSession> session, std::shared_ptr<vu::ThreadPool> pool)
-    : _module(std::move(module)), _session(std::move(session)), _pool(std::move(pool))
+    : _module(std::move(module)), _session(std::move(session)), _line(vu::Line::create(std::move(pool)))
 {
 }
 
 void SubscriberLine::push(std::shared_ptr<const Subscription> subscription, std::shared_ptr<const vu::Value> value)
 {
-  Delivery delivery{std::move(subscription), std::move(value), vu::currentCaller(), _session->find(_module), {}};
-  if (!delivery.subscriber)
-    delivery.construction = _session->whenConstructed(_module);
-  {
-    const std::lock_guard lock(_mutex);
-    _deliveries.push_back(std::move(delivery));
-    if (std::exchange(_running, true))
-      return;
-  }
-  postNext();
+  // Holds this object, and the memory's line for the module with it, until it is done.
+  if (std::shared_ptr<vu::ObjectBackend> subscriber = _session->find(_module))
+    return _line->push([self = shared_from_this(), subscriber, subscription, value] { self->deliver(*subscriber, subscription, *value); });
+  const auto construction = _session->whenConstructed(_module);
+  _line->push(
+      [self = shared_from_this(), construction, subscription, value]
+      {
+        if (!construction.hasError())
+          self->deliver(*construction.value().backend(), subscription, *value);
+      },
+      construction);
 }
 
-void SubscriberLine::postNext()
+void SubscriberLine::deliver(vu::ObjectBackend& subscriber, const std::shared_ptr<const Subscription>& subscription,
+                             const vu::Value& value) const
 {
-  _pool->post([self = shared_from_this()] { self->runNext(); });
-}
-
-void SubscriberLine::runNext()
-{
-  Delivery delivery;
-  {
-    const std::lock_guard lock(_mutex);
-    delivery = _deliveries.front();
-  }
-  if (delivery.construction.valid() && !delivery.construction.isFinished())
-  {
-    delivery.construction.then([self = shared_from_this()](const auto&) { self->runNext(); });
+  if (subscription->ended)
     return;
-  }
-  deliver(delivery);
-  {
-    const std::lock_guard lock(_mutex);
-    _deliveries.pop_front();
-    _running = !_deliveries.empty();
-    if (!_running)
-      return;
-  }
-  postNext();
-}
-
-void SubscriberLine::deliver(const Delivery& delivery) const
-{
-  const auto& subscription = *delivery.subscription;
-  std::shared_ptr<vu::ObjectBackend> subscriber = delivery.subscriber;
-  if (!subscriber && !delivery.construction.hasError())
-    subscriber = delivery.construction.value().backend();
-  if (!subscriber || subscription.ended)
-    return;
-  const vu::CallerScope caller(delivery.caller);
   try
   {
-    const auto result = subscriber->call(subscription.method, vu::Value::array({subscription.key, *delivery.value, subscription.message}));
+    const auto result = subscriber.call(subscription->method, vu::Value::array({subscription->key, value, subscription->message}));
     if (!result.isFinished())
       result.then(
-          [self = shared_from_this(), subscription = delivery.subscription](const auto& future)
+          [self = shared_from_this(), subscription](const auto& future)
           {
             if (future.hasError())
               self->reportFailure(*subscription, future.exception());
           });
     else if (result.hasError())
-      reportFailure(subscription, result.exception());
+      reportFailure(*subscription, result.exception());
   }
   catch (...)
   {
-    reportFailure(subscription, std::current_exception());
+    reportFailure(*subscription, std::current_exception());
   }
 }
 
@@ -100,7 +68,7 @@ void SubscriberLine::reportFailure(const Subscription& subscription, const std::
   {
   }
   vu::log::warning("memory", "SubscriberLine::deliver",
-                   _module + "." + subscription.method + " failed on the event " + common::inQuotes(subscription.key) + ": " +
+                   _module + "." + subscription.method + " failed on the event " + vu::inQuotes(subscription.key) + ": " +
                        vu::errorText(error));
 }
 

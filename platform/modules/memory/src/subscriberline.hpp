@@ -1,12 +1,10 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include <vu/future.hpp>
+#include <vu/line.hpp>
 #include <vu/object.hpp>
 #include <vu/objectbuilder.hpp>
 #include <vu/session.hpp>
@@ -43,26 +41,12 @@ public:
   void push(std::shared_ptr<const Subscription> subscription, std::shared_ptr<const vu::Value> value);
 
 private:
-  struct Delivery
-  {
-    std::shared_ptr<const Subscription> subscription;
-    std::shared_ptr<const vu::Value> value;
-    std::string caller;
-    std::shared_ptr<vu::LocalObject> subscriber; ///< null while it is being constructed, or when there was none
-    vu::Future<vu::Object> construction;         ///< valid without subscriber
-  };
-
-  void postNext();
-  void runNext();
-  void deliver(const Delivery& delivery) const;
+  void deliver(vu::ObjectBackend& subscriber, const std::shared_ptr<const Subscription>& subscription, const vu::Value& value) const;
   void reportFailure(const Subscription& subscription, const std::exception_ptr& error) const;
 
   const std::string _module;
   const std::shared_ptr<vu::LocalSession> _session;
-  const std::shared_ptr<vu::ThreadPool> _pool;
-  std::mutex _mutex; // guards both members below
-  std::deque<Delivery> _deliveries;
-  bool _running = false; ///< somebody is on the way to the front of the line
+  const std::shared_ptr<vu::Line> _line;
 };
 
 } // namespace ZB

@@ -2,14 +2,14 @@
 
 #include <utility>
 
-#include <common/text.hpp>
+#include <vu/text.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
 namespace ZB
 {
 
-using common::inQuotes;
+using vu::inQuotes;
 
 ZBMemory::ZBMemory(std::shared_ptr<ZBBroker> broker, const std::string& name) : ZBModule(std::move(broker), name) { bindMethods(); }
 
@@ -107,7 +107,7 @@ void ZBMemory::raiseMicroEvent(const std::string& key, const vu::Value& value) {
 void ZBMemory::raise(const char* method, const std::string& key, const vu::Value& value, bool keep)
 {
   const auto shared = std::make_shared<const vu::Value>(value);
-  common::OrderedEmitter::Ticket ticket;
+  vu::OrderedEmitter::Ticket ticket;
   {
     const std::lock_guard lock(_mutex);
     if (!_events.contains(key))

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <common/orderedemitter.hpp>
 #include <subscriberline.hpp>
+#include <vu/orderedemitter.hpp>
 #include <vu/signal.hpp>
 #include <vu/value.hpp>
 #include <zb/zbmodule.hpp>
@@ -85,7 +85,7 @@ private:
   /// A line lives as long as a subscription or a delivery needs it, so that a
   /// module never has two.
   std::map<std::string, std::weak_ptr<SubscriberLine>> _lines;
-  common::OrderedEmitter _emitter; ///< for eventRaised
+  vu::OrderedEmitter _emitter; ///< for eventRaised
 };
 
 } // namespace ZB

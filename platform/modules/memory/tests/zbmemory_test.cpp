@@ -1,11 +1,15 @@
 #include <zbmemory.hpp>
 
 #include <atomic>
-#include <future>
 #include <latch>
+#include <thread>
 
 #include <gmock/gmock.h>
 
+#include <testing/errors.hpp>
+#include <testing/journal.hpp>
+#include <testing/waiting.hpp>
+#include <vu/caller.hpp>
 #include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zbmemoryproxy.hpp>
@@ -16,31 +20,6 @@ using testing::UnorderedElementsAre;
 
 namespace
 {
-
-/// What happened, in order, on whatever thread.
-class Journal
-{
-public:
-  void add(std::string entry)
-  {
-    const std::lock_guard lock(_mutex);
-    _entries.push_back(std::move(entry));
-    _added.notify_all();
-  }
-
-  /// The entries, as soon as there are `count`; those there are after ten seconds.
-  std::vector<std::string> wait(std::size_t count)
-  {
-    std::unique_lock lock(_mutex);
-    _added.wait_for(lock, std::chrono::seconds(10), [&] { return _entries.size() >= count; });
-    return _entries;
-  }
-
-private:
-  std::mutex _mutex; // guards _entries
-  std::condition_variable _added;
-  std::vector<std::string> _entries;
-};
 
 using Callback = std::function<void(const std::string& key, const ZB::ZBValue& value, const std::string& message)>;
 
@@ -90,7 +69,7 @@ protected:
   std::shared_ptr<ZB::ZBBroker> broker;
   ZB::ZBMemoryProxy memory;
   ZB::ZBMemory* service = nullptr;
-  Journal journal;
+  TestSupport::Journal journal;
   const Callback note = [this](const std::string& key, const ZB::ZBValue& value, const std::string& message)
   { journal.add(key + value.value().dump() + message); };
   vu::log::Capture log;
@@ -128,7 +107,7 @@ TEST_F(Memory, wrongKeysAndNamesAreRefusedByName)
       {[this] { memory.subscribeToEvent("key", "", "", "method"); }, "the key \"key\""},
       {[this] { memory.subscribeToMicroEvent("key", "Module", "", ""); }, "the key \"key\""}};
   for (const auto& [call, text] : cases)
-    EXPECT_THAT(call, testing::Throws<ZB::ZBError>(testing::Property(&ZB::ZBError::description, HasSubstr(text))));
+    EXPECT_THAT(TestSupport::serviceErrorOf(call).description(), HasSubstr(text));
   EXPECT_EQ(memory.getData("known").to<int>(), 1);
 }
 
@@ -145,29 +124,7 @@ TEST_F(Memory, eitherKindOfSubscriptionGetsEitherKindOfLaterRaiseAndReplacesTheO
   EXPECT_THROW(memory.raiseEvent("Later", 5), ZB::ZBError);
   memory.declareEvent("Later");
   memory.raiseEvent("Later", 6);
-  EXPECT_THAT(journal.wait(5), ElementsAre("A1micro", "A2micro", "A3event", "A4event", "Later6"));
-}
-
-TEST_F(Memory, eventsOfAllKeysArriveInOrderOneAtATimeAndNeverOnTheRaisersThread)
-{
-  std::atomic<int> inside = 0;
-  std::vector<std::string> expected;
-  const auto check = [&, raiser = std::this_thread::get_id()](auto&&... event)
-  {
-    EXPECT_EQ(++inside, 1);
-    EXPECT_NE(std::this_thread::get_id(), raiser);
-    note(event...);
-    --inside;
-  };
-  listen("Listener", {"A", "B"}, check);
-  for (int i = 0; i < 300; ++i)
-  {
-    const std::string key = i % 3 == 0 ? "A" : "B";
-    i % 2 == 0 ? memory.raiseEvent(key, i) : memory.raiseMicroEvent(key, i);
-    expected.push_back(key + std::to_string(i));
-  }
-  EXPECT_EQ(journal.wait(300), expected);
-  broker->pool()->waitUntilIdle(); // the last call still counts itself out
+  EXPECT_THAT(journal.waitForCount(5), ElementsAre("A1micro", "A2micro", "A3event", "A4event", "Later6"));
 }
 
 TEST_F(Memory, subscribersMethodMayRaiseSubscribeAndUnsubscribe)
@@ -184,32 +141,32 @@ TEST_F(Memory, subscribersMethodMayRaiseSubscribeAndUnsubscribe)
   };
   listen("Listener", {"A"}, change);
   memory.raiseEvent("A", 1);
-  EXPECT_THAT(journal.wait(2), ElementsAre("A1", "B3"));
+  EXPECT_THAT(journal.waitForCount(2), ElementsAre("A1", "B3"));
 }
 
 TEST_F(Memory, subscriberThatBlocksHoldsUpNobodyAndAfterUnsubscribingNothingThatStoodInItsLineIsDelivered)
 {
-  std::promise<void> entered, release;
+  TestSupport::Event entered, release;
   const auto block = [&](const std::string& key, const ZB::ZBValue& value, const std::string&)
   {
     note("blocked ", value, key);
     if (key == "B")
       return;
-    entered.set_value();
-    release.get_future().wait();
+    entered.set();
+    release.wait();
   };
   listen("Blocked", {"A", "B"}, block);
   listen("Free", {"A"});
   memory.raiseEvent("A", 1);
-  entered.get_future().wait();
+  entered.wait();
   memory.raiseEvent("A", 2);
-  EXPECT_THAT(journal.wait(3), UnorderedElementsAre("blocked 1A", "A1", "A2"));
+  EXPECT_THAT(journal.waitForCount(3), UnorderedElementsAre("blocked 1A", "A1", "A2"));
   memory.unsubscribeToMicroEvent("A", "Blocked");
   memory.unsubscribeToMicroEvent("A", "Blocked");
   memory.raiseEvent("A", 3);
   memory.raiseEvent("B", 4);
-  release.set_value();
-  EXPECT_THAT(journal.wait(5), UnorderedElementsAre("blocked 1A", "A1", "A2", "A3", "blocked 4B"));
+  release.set();
+  EXPECT_THAT(journal.waitForCount(5), UnorderedElementsAre("blocked 1A", "A1", "A2", "A3", "blocked 4B"));
 }
 
 TEST_F(Memory, methodThatFailsIsLoggedAndHurtsNobody)
@@ -229,7 +186,7 @@ TEST_F(Memory, methodThatFailsIsLoggedAndHurtsNobody)
     memory.subscribeToEvent("A", "Failing", "", method);
     memory.raiseEvent("A", 1);
     memory.raiseEvent("B", 2);
-    EXPECT_THAT(journal.wait(delivered += 2), testing::IsSupersetOf({"A1", "B2 of Failing"}));
+    EXPECT_THAT(journal.waitForCount(delivered += 2), testing::IsSupersetOf({"A1", "B2 of Failing"}));
     EXPECT_EQ(log.count(vu::log::Level::Warning, text), 1U);
     EXPECT_EQ(log.count(vu::log::Level::Warning, std::string("Failing.") + method + " failed on the event \"A\""), 1U);
   }
@@ -241,7 +198,7 @@ TEST_F(Memory, futureThatFailsLaterIsLoggedAndDoesNotHoldTheLine)
   listen("Listener", {"A"}).result = later.future();
   memory.raiseEvent("A", 1);
   memory.raiseEvent("A", 2);
-  EXPECT_THAT(journal.wait(2), ElementsAre("A1", "A2"));
+  EXPECT_THAT(journal.waitForCount(2), ElementsAre("A1", "A2"));
   later.setError("failed in the end");
   broker->shutdown(); // runs what is queued on the pool
   EXPECT_EQ(log.count(vu::log::Level::Warning, "failed in the end"), 2U);
@@ -253,38 +210,50 @@ TEST_F(Memory, subscriberThatHasGoneIsSkippedAndItsSuccessorServed)
   listen("Sound", {"A"});
   broker->removeModule("Gone");
   memory.raiseEvent("A", 1);
-  EXPECT_THAT(journal.wait(1), ElementsAre("A1"));
+  EXPECT_THAT(journal.waitForCount(1), ElementsAre("A1"));
   broker->createModule<Listener>("Gone", note);
   memory.raiseEvent("A", 2);
-  EXPECT_THAT(journal.wait(3), ElementsAre("A1", "A2", "A2"));
+  EXPECT_THAT(journal.waitForCount(3), ElementsAre("A1", "A2", "A2"));
   EXPECT_EQ(log.count(vu::log::Level::Warning, ""), 0U);
 }
 
-TEST_F(Memory, concurrentRaisesReachAllSubscribersAndTheSignalInOneOrder)
+TEST_F(Memory, concurrentRaisesReachSubscribersAndTheSignalInOneOrderOneAtATimeOnBehalfOfTheRaisers)
 {
   constexpr int raisers = 4;
   constexpr int raises = 100;
-  Journal journals[3];
-  service->eventRaised.connect([&](const std::string&, const vu::Value& value) { journals[0].add(value.dump()); });
-  for (int i = 1; i < 3; ++i)
-    listen("Listener" + std::to_string(i), {"A"},
-           [&, i](auto&&, const ZB::ZBValue& value, auto&&) { journals[i].add(value.value().dump()); });
+  TestSupport::Journal signal;
+  TestSupport::Journal journals[2];
+  std::atomic<int> inside[2] = {0, 0};
+  thread_local bool raising = false;
+  service->eventRaised.connect([&](const std::string& key, const vu::Value& value) { signal.add(key + value.dump()); });
+  for (const int i : {0, 1})
+    listen("Listener" + std::to_string(i), {"A", "B"},
+           [&, i](const std::string& key, const ZB::ZBValue& value, auto&&)
+           {
+             EXPECT_EQ(++inside[i], 1);
+             EXPECT_FALSE(raising) << "a raiser's own thread";
+             EXPECT_EQ(vu::currentCaller(), "raiser" + std::to_string(value.to<int>() / raises));
+             --inside[i];
+             journals[i].add(key + value.value().dump());
+           });
   std::latch start(raisers);
   const auto raise = [&](int raiser)
   {
+    const vu::CallerScope caller("raiser" + std::to_string(raiser));
+    raising = true;
     start.arrive_and_wait();
-    for (int i = 0; i < raises; ++i)
-      memory.raiseEvent("A", raiser * raises + i);
+    for (int number = raiser * raises; number < (raiser + 1) * raises; ++number)
+      number % 2 == 0 ? memory.raiseEvent("A", number) : memory.raiseMicroEvent("B", number);
   };
   std::vector<std::jthread> threads;
   for (int raiser = 0; raiser < raisers; ++raiser)
     threads.emplace_back(raise, raiser);
   threads.clear();
-  const auto order = journals[0].wait(0);
+  const auto order = signal.lines();
   ASSERT_EQ(order.size(), static_cast<std::size_t>(raisers * raises)) << "a raise returned before its signal";
-  EXPECT_EQ(journals[1].wait(order.size()), order);
-  EXPECT_EQ(journals[2].wait(order.size()), order);
-  EXPECT_EQ(memory.getData("A").value().dump(), order.back());
+  for (const auto& journal : journals)
+    EXPECT_EQ(journal.waitForCount(order.size()), order);
+  EXPECT_EQ(memory.getData("A").value().dump(), signal.lines("A").back());
 }
 
 /// Subscribes in its constructor, where the pool's only thread must not be held.
@@ -301,10 +270,10 @@ protected:
       test.memory.subscribeToEvent("A", name, "", "onEvent");
       test.memory.raiseEvent("A", 1);
       // The pool's only thread has passed the line when this has run.
-      std::promise<void> passed;
-      broker->pool()->post([&] { passed.set_value(); });
-      EXPECT_EQ(passed.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
-      EXPECT_THAT(test.journal.wait(0), testing::IsEmpty());
+      TestSupport::Event passed;
+      broker->pool()->post([&] { passed.set(); });
+      EXPECT_TRUE(passed.wait());
+      EXPECT_THAT(test.journal.lines(), testing::IsEmpty());
       test.memory.raiseMicroEvent("A", 2);
       if (fails)
         throw std::runtime_error("no sensor");
@@ -312,19 +281,13 @@ protected:
   };
 };
 
-TEST_F(MemoryDuringConstruction, deliveriesWaitForTheConstructorWithoutHoldingAThread)
-{
-  broker->createModule<Constructing>("Listener", *this, false);
-  memory.raiseEvent("A", 3);
-  EXPECT_THAT(journal.wait(3), ElementsAre("A1", "A2", "A3"));
-}
-
-TEST_F(MemoryDuringConstruction, deliveriesAreDroppedWhenTheConstructorThrows)
+TEST_F(MemoryDuringConstruction, deliveriesWaitForTheConstructorWithoutHoldingAThreadAndAreDroppedWhenItThrows)
 {
   EXPECT_THROW(broker->createModule<Constructing>("Listener", *this, true), std::runtime_error);
-  listen("Listener", {});
+  memory.raiseEvent("A", 0);
+  broker->createModule<Constructing>("Listener", *this, false);
   memory.raiseEvent("A", 3);
-  EXPECT_THAT(journal.wait(1), ElementsAre("A3"));
+  EXPECT_THAT(journal.waitForCount(3), ElementsAre("A1", "A2", "A3"));
   EXPECT_EQ(log.count(vu::log::Level::Warning, ""), 0U);
 }
 

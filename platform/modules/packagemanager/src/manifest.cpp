@@ -10,8 +10,8 @@
 
 #include <pugixml.hpp>
 
-#include <common/durablefile.hpp>
 #include <packageerror.hpp>
+#include <storage/durablefile.hpp>
 
 namespace ZB
 {
@@ -230,7 +230,7 @@ vu::PackageInfo::Data readManifest(const fs::path& directory)
   std::string text;
   try
   {
-    text = common::readFile(directory / manifestFile, largestManifest);
+    text = storage::readFile(directory / manifestFile, largestManifest);
   }
   catch (const fs::filesystem_error& error)
   {

@@ -1,19 +1,21 @@
 #pragma once
 
-#include <common/text.hpp>
-#include <stdexcept>
+#include <string>
+
+#include <vu/error.hpp>
+#include <vu/text.hpp>
 
 namespace ZB
 {
 
 /// Something is wrong with a package. The text says where in it and what, for
 /// the person who made it; the package itself is named by whoever opened it.
-class PackageError : public std::runtime_error
+class PackageError : public vu::ServiceError
 {
 public:
-  using std::runtime_error::runtime_error;
+  explicit PackageError(const std::string& text) : ServiceError("PackageManager", "", text) {}
 };
 
-using common::inQuotes;
+using vu::inQuotes;
 
 } // namespace ZB

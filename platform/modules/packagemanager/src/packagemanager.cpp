@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include <common/text.hpp>
 #include <manifest.hpp>
 #include <packageerror.hpp>
 #include <vu/caller.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -46,11 +46,11 @@ auto PackageManager::guarded(const char* method, const std::string& subject, con
   }
   catch (const PackageError& error)
   {
-    throw ZBError(getName(), method, subject + ": " + common::validUtf8(error.what()));
+    throw ZBError(getName(), method, subject + ": " + vu::validUtf8(error.what()));
   }
   catch (const fs::filesystem_error& error)
   {
-    throw ZBError(getName(), method, subject + ": " + common::validUtf8(error.what()));
+    throw ZBError(getName(), method, subject + ": " + vu::validUtf8(error.what()));
   }
 }
 
@@ -150,7 +150,7 @@ void PackageManager::loadSystemPackages()
     catch (const std::exception& error)
     {
       vu::log::error("packagemanager", "PackageManager::loadSystemPackages",
-                     "no system packages from " + entry.dump() + ": " + common::validUtf8(error.what()));
+                     "no system packages from " + entry.dump() + ": " + vu::validUtf8(error.what()));
     }
 }
 
@@ -169,7 +169,7 @@ void PackageManager::loadSystemPackage(const fs::path& directory)
   catch (const std::exception& error)
   {
     vu::log::error("packagemanager", "PackageManager::loadSystemPackage",
-                   "the system package in " + inQuotes(directory.string()) + " is left out: " + common::validUtf8(error.what()));
+                   "the system package in " + inQuotes(directory.string()) + " is left out: " + vu::validUtf8(error.what()));
   }
 }
 
@@ -219,7 +219,7 @@ std::string PackageManager::install(const std::string& path, const std::string& 
   auto staged = guarded("install", inQuotes(path), [&] { return _store->stage(path, installer, _limits); });
   const auto uuid = staged.info.uuid();
   HiddenFolder replaced; // deleted in the end, when the lock has long been given back
-  common::OrderedEmitter::Ticket ticket;
+  vu::OrderedEmitter::Ticket ticket;
   {
     const std::lock_guard changes(_changes);
     refuseSystemPackage("install", uuid);
@@ -237,7 +237,7 @@ std::string PackageManager::install(const std::string& path, const std::string& 
 void PackageManager::remove(const std::string& uuid)
 {
   HiddenFolder removed;
-  common::OrderedEmitter::Ticket ticket;
+  vu::OrderedEmitter::Ticket ticket;
   {
     const std::lock_guard changes(_changes);
     if (!hasPackage(uuid))
@@ -269,7 +269,7 @@ void PackageManager::refuseSystemPackage(const char* method, const std::string& 
                       " belongs to the system and can be neither replaced nor removed: " + inQuotes(found->second.path()));
 }
 
-common::OrderedEmitter::Ticket PackageManager::queue(const char* event, const vu::PackageInfo& package)
+vu::OrderedEmitter::Ticket PackageManager::queue(const char* event, const vu::PackageInfo& package)
 {
   return _emitter.queue(
       [this, event, package]

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <common/orderedemitter.hpp>
 #include <packagestore.hpp>
+#include <vu/orderedemitter.hpp>
 #include <vu/packageinfo.hpp>
 #include <zb/zbmemoryproxy.hpp>
 #include <zb/zbmodule.hpp>
@@ -67,7 +67,7 @@ private:
   void loadUserPackages();
   void refuseSystemPackage(const char* method, const std::string& uuid);
   /// To be called with _changes and _mutex held.
-  common::OrderedEmitter::Ticket queue(const char* event, const vu::PackageInfo& package);
+  vu::OrderedEmitter::Ticket queue(const char* event, const vu::PackageInfo& package);
 
   template <typename F> auto guarded(const char* method, const std::string& subject, const F& function) const -> decltype(function());
 
@@ -79,7 +79,7 @@ private:
   std::mutex _changes;
   std::mutex _mutex; // guards _packages
   std::map<std::string, vu::PackageInfo> _packages;
-  common::OrderedEmitter _emitter;
+  vu::OrderedEmitter _emitter;
 };
 
 } // namespace ZB

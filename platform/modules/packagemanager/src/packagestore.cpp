@@ -7,10 +7,10 @@
 #include <system_error>
 #include <utility>
 
-#include <common/durablefile.hpp>
 #include <manifest.hpp>
 #include <packageerror.hpp>
 #include <packagetree.hpp>
+#include <storage/durablefile.hpp>
 #include <vu/log.hpp>
 
 namespace ZB
@@ -30,7 +30,7 @@ bool isThere(const fs::path& path) { return fs::symlink_status(path).type() != f
 
 std::string readInstaller(const fs::path& folder)
 {
-  auto text = common::readFile(folder / installerFile, 4096);
+  auto text = storage::readFile(folder / installerFile, 4096);
   if (text.ends_with('\n'))
     text.pop_back();
   if (text.empty() || text == systemInstaller)
@@ -68,7 +68,7 @@ void PackageStore::recover()
     if (name.starts_with(replacedPrefix) && !isThere(_directory / name.substr(replacedPrefix.size())))
     {
       fs::rename(entry, _directory / name.substr(replacedPrefix.size()));
-      common::syncDirectory(_directory);
+      storage::syncDirectory(_directory);
       vu::log::info("packagemanager", "PackageStore::recover",
                     "put back the package " + inQuotes(name.substr(replacedPrefix.size())) + ", whose replacement was interrupted");
     }
@@ -121,8 +121,8 @@ StagedPackage PackageStore::stage(const fs::path& source, const std::string& ins
   StagedPackage staged{unpackedOrCopied(source, limits), {}};
   const auto& folder = staged.folder.path();
   staged.info = recordOf(folder, installer);
-  common::writeFileDurably(folder / installerFile, installer + '\n');
-  common::syncTree(folder);
+  storage::writeFileDurably(folder / installerFile, installer + '\n');
+  storage::syncTree(folder);
   return staged;
 }
 
@@ -188,7 +188,7 @@ HiddenFolder PackageStore::install(StagedPackage& staged)
   {
     fs::rename(staged.folder.path(), place);
     arrived = true;
-    common::syncDirectory(_directory);
+    storage::syncDirectory(_directory);
   }
   catch (...)
   {
@@ -223,7 +223,7 @@ HiddenFolder PackageStore::remove(const std::string& uuid)
   fs::rename(place, removed.path());
   try
   {
-    common::syncDirectory(_directory);
+    storage::syncDirectory(_directory);
   }
   catch (...)
   {

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <utility>
 
-#include <common/durablefile.hpp>
-#include <common/text.hpp>
+#include <storage/durablefile.hpp>
+#include <vu/text.hpp>
 #include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
@@ -52,7 +52,7 @@ ZBPreferences::ZBPreferences(std::shared_ptr<ZBBroker> broker, const std::string
   {
     _directory = fs::path(configuration["root"].get<std::string>()) / "preferences";
     fs::create_directories(_directory);
-    if (const auto removed = common::removeTemporaryFiles(_directory); removed != 0)
+    if (const auto removed = storage::removeTemporaryFiles(_directory); removed != 0)
       vu::log::info("preferences", "ZBPreferences", "cleared " + std::to_string(removed) + " unfinished writes in " + _directory.string());
   }
   catch (const fs::filesystem_error& error)
@@ -89,7 +89,7 @@ fs::path ZBPreferences::pathOf(const char* method, const std::string& fileName) 
   if (fileName.empty() || fileName.size() > longestName || fileName.front() == '.' ||
       !std::all_of(fileName.begin(), fileName.end(), isNameCharacter))
     throw ZBError(getName(), method,
-                  common::inQuotes(fileName) + " cannot name a preference file: a name is 1 to " + std::to_string(longestName) +
+                  vu::inQuotes(fileName) + " cannot name a preference file: a name is 1 to " + std::to_string(longestName) +
                       " of letters, digits, \".\", \"_\" and \"-\" and does not begin with a dot");
   return _directory / (fileName + ".json");
 }
@@ -99,7 +99,7 @@ vu::Value ZBPreferences::readPrefFile(const std::string& fileName, const bool&)
   const auto path = pathOf("readPrefFile", fileName);
   try
   {
-    return vu::Value::parse(common::readFile(path),
+    return vu::Value::parse(storage::readFile(path),
                             [&](int depth, vu::Value::parse_event_t, const vu::Value&)
                             {
                               if (depth > deepest)
@@ -120,7 +120,7 @@ vu::Value ZBPreferences::readPrefFile(const std::string& fileName, const bool&)
   {
     throw ZBError(getName(), "readPrefFile",
                   "the preference file " + path.string() + " is damaged at byte " + std::to_string(error.byte) +
-                      "; repair or remove it: " + common::validUtf8(error.what()));
+                      "; repair or remove it: " + vu::validUtf8(error.what()));
   }
   catch (const vu::Value::exception& error)
   {
@@ -135,12 +135,12 @@ void ZBPreferences::writePrefFile(const std::string& fileName, const vu::Value& 
   {
     if (const auto fault = faultOf(settings); !fault.empty())
       throw ZBError(getName(), "writePrefFile", "the preference file \"" + fileName + "\" was not written: " + fault);
-    common::writeFileDurably(path, settings.dump(2) + "\n");
+    storage::writeFileDurably(path, settings.dump(2) + "\n");
   }
   catch (const vu::Value::exception& error)
   {
     throw ZBError(getName(), "writePrefFile",
-                  "the preference file \"" + fileName + "\" was not written: the settings are no JSON: " + common::validUtf8(error.what()));
+                  "the preference file \"" + fileName + "\" was not written: the settings are no JSON: " + vu::validUtf8(error.what()));
   }
   catch (const fs::filesystem_error& error)
   {
@@ -153,7 +153,7 @@ void ZBPreferences::removePrefFile(const std::string& fileName)
   const auto path = pathOf("removePrefFile", fileName);
   try
   {
-    if (!common::removeFileDurably(path))
+    if (!storage::removeFileDurably(path))
       throw ZBError(getName(), "removePrefFile", "there is no preference file \"" + fileName + "\" (" + path.string() + ")");
   }
   catch (const fs::filesystem_error& error)

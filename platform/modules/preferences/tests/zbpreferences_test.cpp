@@ -1,18 +1,21 @@
 #include <zbpreferences.hpp>
 
-#include <fstream>
 #include <limits>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <testing/errors.hpp>
+#include <testing/files.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 #include <zb/zbpreferencesproxy.hpp>
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
+using TestSupport::errorOf;
+using TestSupport::writeFile;
 
 namespace
 {
@@ -20,20 +23,14 @@ namespace
 class Preferences : public testing::Test
 {
 protected:
-  Preferences() : root(mkdtemp((testing::TempDir() + "preferences-XXXXXX").data())) { start(); }
-  ~Preferences() override
-  {
-    broker->shutdown();
-    fs::remove_all(root);
-  }
+  Preferences() { start(); }
+  ~Preferences() override { broker->shutdown(); }
 
   void start()
   {
     if (broker)
       broker->shutdown();
-    ZB::ZBBroker::Options options;
-    options.configuration["root"] = root.string();
-    broker = ZB::ZBBroker::create(options);
+    broker = ZB::ZBBroker::create({{}, {{"root", root.string()}}});
     broker->createModule<ZB::ZBPreferences>("ZBPreferences");
     proxy = std::make_unique<ZB::ZBPreferencesProxy>(broker);
   }
@@ -42,29 +39,9 @@ protected:
   void write(const std::string& name, const vu::Value& settings) const { proxy->writePrefFile(name, ZB::ZBValue(settings), true); }
   fs::path file(const std::string& name) const { return root / "preferences" / name; }
 
-  std::vector<std::string> files() const
-  {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(root / "preferences"))
-      names.push_back(entry.path().filename().string());
-    return names;
-  }
+  std::vector<std::string> files() const { return TestSupport::namesIn(root / "preferences"); }
 
-  template <typename F> static std::string errorOf(const F& function)
-  {
-    try
-    {
-      function();
-    }
-    catch (const ZB::ZBError& error)
-    {
-      return error.description();
-    }
-    ADD_FAILURE() << "no error";
-    return {};
-  }
-
-  const fs::path root;
+  const TestSupport::TemporaryDirectory root;
   std::shared_ptr<ZB::ZBBroker> broker;
   std::unique_ptr<ZB::ZBPreferencesProxy> proxy;
 };
@@ -74,11 +51,11 @@ TEST_F(Preferences, whatIsWrittenIsReadAgainAfterARestartWhichClearsHalfWrittenF
   const vu::Value settings = {{"list", {"a", 1, 2.5, nullptr}}, {"text", "Grüße"}, {"nested", {{"on", true}}}};
   write("Settings", settings);
   EXPECT_EQ(read("Settings"), settings);
-  std::ofstream(file(".Settings.json.abcdef.writing")) << "half";
+  writeFile(file(".Settings.json.abcdef.writing"), "half");
   start();
   EXPECT_EQ(read("Settings"), settings);
   EXPECT_THAT(files(), testing::ElementsAre("Settings.json"));
-  std::ofstream(file("Settings.json")) << "[1]";
+  writeFile(file("Settings.json"), "[1]");
   EXPECT_EQ(read("Settings"), vu::Value({1})) << "an edit by another party is not seen";
 }
 
@@ -96,11 +73,18 @@ TEST_F(Preferences, missingOrDamagedFileIsAnErrorThatNamesIt)
   for (const auto& [content, fault] : cases)
   {
     SCOPED_TRACE(content);
-    std::ofstream(file("Damaged.json")) << content;
+    writeFile(file("Damaged.json"), content);
     const auto error = errorOf([&] { read("Damaged"); });
     EXPECT_THAT(error, testing::AllOf(HasSubstr(fault), HasSubstr(file("Damaged.json").string())));
     EXPECT_NO_THROW((void)vu::Value(error).dump()) << "the message cannot travel";
   }
+}
+
+TEST_F(Preferences, brokerWithoutRootIsRefused)
+{
+  broker->shutdown();
+  broker = ZB::ZBBroker::create();
+  EXPECT_THAT(errorOf([this] { broker->createModule<ZB::ZBPreferences>("ZBPreferences"); }), HasSubstr("\"root\""));
 }
 
 TEST_F(Preferences, namesStayInsideTheFolder)
@@ -136,7 +120,7 @@ TEST_F(Preferences, writeThatFailsNamesTheCauseAndLeavesTheOldSettings)
   EXPECT_EQ(read("Settings"), vu::Value("old"));
   fs::create_directory(file("Folder.json"));
   EXPECT_THAT(errorOf([&] { write("Folder", 1); }), HasSubstr("\"Folder\" could not be written"));
-  EXPECT_THAT(files(), testing::UnorderedElementsAre("Settings.json", "Folder.json"));
+  EXPECT_THAT(files(), testing::ElementsAre("Folder.json", "Settings.json"));
 }
 
 TEST_F(Preferences, readersAmongConcurrentWritersSeeWholeContents)
@@ -155,13 +139,6 @@ TEST_F(Preferences, readersAmongConcurrentWritersSeeWholeContents)
     threads.emplace_back(work, writer);
   threads.clear();
   EXPECT_THAT(files(), testing::ElementsAre("Shared.json"));
-}
-
-TEST(PreferencesStart, brokerWithoutRootIsRefused)
-{
-  const auto broker = ZB::ZBBroker::create();
-  EXPECT_THROW(broker->createModule<ZB::ZBPreferences>("ZBPreferences"), ZB::ZBError);
-  broker->shutdown();
 }
 
 } // namespace

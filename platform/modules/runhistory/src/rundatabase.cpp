@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include <common/text.hpp>
+#include <vu/text.hpp>
 #include <vu/log.hpp>
 
 namespace ZB
@@ -202,11 +202,9 @@ void RunDatabase::setAside(const std::string& reason)
   std::filesystem::rename(file, file + ".damaged", error);
   if (error)
     fail(SQLITE_CANTOPEN, "it is damaged (" + reason + ") and cannot be renamed: " + error.message());
-  // The log of changes belongs to it, and would harm the new one.
-  std::filesystem::rename(file + "-wal", file + ".damaged-wal", error);
-  std::filesystem::remove(file + "-shm", error);
+  // SQLite drops a log of changes that stands beside an empty file.
   vu::log::error("runhistory", "setAside",
-                 "a new history is begun, since the old one cannot be used and has been renamed to " + common::inQuotes(file + ".damaged") +
+                 "a new history is begun, since the old one cannot be used and has been renamed to " + vu::inQuotes(file + ".damaged") +
                      ": " + reason);
 }
 
@@ -245,7 +243,7 @@ void RunDatabase::check(int code)
 
 void RunDatabase::fail(int code, const std::string& reason)
 {
-  throw DatabaseError("the history " + common::inQuotes(_file.string()) + ": " + reason, code & 0xFF);
+  throw DatabaseError("the history " + vu::inQuotes(_file.string()) + ": " + reason, code & 0xFF);
 }
 
 } // namespace ZB

@@ -5,22 +5,22 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <sqlite3.h>
 
 #include <run.hpp>
+#include <vu/error.hpp>
 
 namespace ZB
 {
 
 /// The database could not do what was asked; the text names the file.
-class DatabaseError : public std::runtime_error
+class DatabaseError : public vu::ServiceError
 {
 public:
-  DatabaseError(const std::string& text, int code) : std::runtime_error(text), _code(code) {}
+  DatabaseError(const std::string& text, int code) : ServiceError("RunHistory", "RunDatabase", text), _code(code) {}
   /// Whether the file itself is at fault, and not what surrounds it.
   bool isDamage() const;
 

@@ -4,7 +4,7 @@
 #include <functional>
 #include <utility>
 
-#include <common/text.hpp>
+#include <vu/text.hpp>
 #include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
@@ -50,7 +50,7 @@ std::int64_t now()
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-std::string bounded(const std::string& text) { return common::validUtf8(std::string_view(text).substr(0, textLimit)); }
+std::string bounded(const std::string& text) { return vu::validUtf8(std::string_view(text).substr(0, textLimit)); }
 
 Run::Outcome outcomeFor(const std::string& told, const std::string& by)
 {

@@ -19,17 +19,39 @@ public:
   static std::shared_ptr<Line> create(std::shared_ptr<ThreadPool> pool);
 
   void push(ThreadPool::Task task);
+  /// Runs when `ready` has completed as well; until then the line stands still
+  /// and holds no thread.
+  template <typename T> void push(ThreadPool::Task task, const Future<T>& ready)
+  {
+    push(std::move(task),
+         [ready](const ThreadPool::Task& goOn)
+         {
+           if (ready.isFinished())
+             return false;
+           ready.then([goOn](const Future<T>&) { goOn(); });
+           return true;
+         });
+  }
 
   /// Completes when all that stands in the line now has run.
   Future<void> passed();
 
 private:
+  /// Whether the line must stand still; then it is told when to go on.
+  using Wait = std::function<bool(const ThreadPool::Task& goOn)>;
+  struct Entry
+  {
+    ThreadPool::Task task;
+    Wait wait; ///< may be empty
+  };
+
   explicit Line(std::shared_ptr<ThreadPool> pool) : _pool(std::move(pool)) {}
+  void push(ThreadPool::Task task, Wait wait);
   void runNext();
 
   const std::shared_ptr<ThreadPool> _pool;
   std::mutex _mutex; // guards both members below
-  std::deque<ThreadPool::Task> _tasks;
+  std::deque<Entry> _entries;
   bool _running = false;
 };
 

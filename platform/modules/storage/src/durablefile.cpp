@@ -1,4 +1,4 @@
-#include <common/durablefile.hpp>
+#include <storage/durablefile.hpp>
 
 #include <cerrno>
 #include <cstdlib>
@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace common
+namespace storage
 {
 
 namespace fs = std::filesystem;
@@ -154,4 +154,4 @@ void syncTree(const fs::path& directory)
   syncDirectory(directory);
 }
 
-} // namespace common
+} // namespace storage

@@ -1,4 +1,4 @@
-#include <common/orderedemitter.hpp>
+#include <vu/orderedemitter.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -6,7 +6,7 @@
 #include <vu/future.hpp>
 #include <vu/log.hpp>
 
-namespace common
+namespace vu
 {
 
 namespace
@@ -49,7 +49,7 @@ void OrderedEmitter::emit(Ticket ticket)
     }
     catch (...)
     {
-      vu::log::error("modules", "OrderedEmitter::emit", "an announcement failed: " + vu::errorText(std::current_exception()));
+      vu::log::error("vu", "OrderedEmitter::emit", "an announcement failed: " + vu::errorText(std::current_exception()));
     }
     insideAnnouncement = nested;
     lock.lock();
@@ -60,4 +60,4 @@ void OrderedEmitter::emit(Ticket ticket)
   }
 }
 
-} // namespace common
+} // namespace vu

@@ -6,7 +6,7 @@
 #include <functional>
 #include <mutex>
 
-namespace common
+namespace vu
 {
 
 /// Announces changes in the order in which they were made, outside the lock
@@ -39,4 +39,4 @@ private:
   bool _emitting = false;
 };
 
-} // namespace common
+} // namespace vu

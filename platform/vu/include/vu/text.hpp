@@ -6,7 +6,7 @@
 #include <vu/value.hpp>
 
 /// Foreign bytes made fit for messages, which travel as JSON.
-namespace common
+namespace vu
 {
 
 /// In quotation marks, with what cannot be printed escaped or replaced.
@@ -18,4 +18,4 @@ inline std::string inQuotes(std::string_view text)
 /// The same text with what is not UTF-8 replaced.
 inline std::string validUtf8(std::string_view text) { return vu::Value::parse(inQuotes(text)).get<std::string>(); }
 
-} // namespace common
+} // namespace vu

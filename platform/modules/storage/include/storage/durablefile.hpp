@@ -7,7 +7,7 @@
 
 /// Files that survive a crash and a power cut. Every failure is a
 /// std::filesystem::filesystem_error that names the path. Thread-safe.
-namespace common
+namespace storage
 {
 
 /// Replaces the content of `file`, or makes it: temporary file beside it,
@@ -33,4 +33,4 @@ void syncDirectory(const std::filesystem::path& directory);
 /// Makes a directory with all its files and folders durable. Links are not followed.
 void syncTree(const std::filesystem::path& directory);
 
-} // namespace common
+} // namespace storage
