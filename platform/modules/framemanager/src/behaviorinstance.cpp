@@ -41,7 +41,7 @@ void BehaviorInstance::begin(const std::string& caller)
   if (_stop)
     return;
   const auto play = std::make_shared<const Play>(Play{_settings, _project, _name, caller, _strand});
-  _root = makeRunningStep(_project->root, play);
+  _root = makePlayedStep(_project->root, play);
   // The root holds this instance, and this instance the root, until it ends.
   _root->start(
       [self = shared_from_this()](const Outcome& outcome)

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 #include <vu/future.hpp>
 
 namespace ZB::FrameManager
@@ -63,7 +63,7 @@ private:
   const vu::Promise<Ending> _ended;
   std::atomic<bool> _turnTaken = false;
   // Used on the strand only.
-  std::shared_ptr<RunningStep> _root;
+  std::shared_ptr<PlayedStep> _root;
   std::optional<Ending> _stop;
 };
 

@@ -7,24 +7,24 @@
 namespace ZB::FrameManager
 {
 
-RunningCalls::RunningCalls(std::shared_ptr<const Play> play, const std::string& title, std::vector<CallStep> calls)
-    : RunningStep(std::move(play), title), _calls(std::move(calls))
+PlayedCalls::PlayedCalls(std::shared_ptr<const Play> play, const std::string& title, std::vector<CallStep> calls)
+    : PlayedStep(std::move(play), title), _calls(std::move(calls))
 {
 }
 
-std::vector<CallStep> RunningCalls::ofEvent(const EventStep& step)
+std::vector<CallStep> PlayedCalls::ofEvent(const EventStep& step)
 {
   return {{"ZBMemory", "declareEvent", vu::Value::array({step.key})}, {"ZBMemory", "raiseEvent", vu::Value::array({step.key, step.value})}};
 }
 
-void RunningCalls::letGo()
+void PlayedCalls::letGo()
 {
   if (_decided)
     _decided->exchange(true);
   end();
 }
 
-void RunningCalls::next()
+void PlayedCalls::next()
 {
   if (_position == _calls.size())
     return end();
@@ -48,12 +48,12 @@ void RunningCalls::next()
         const auto pass = gate->enter();
         if (!pass)
           return;
-        if (auto self = std::static_pointer_cast<RunningCalls>(weak.lock()))
+        if (auto self = std::static_pointer_cast<PlayedCalls>(weak.lock()))
           boost::asio::post(self->play().strand, [self, answered] { self->answered(answered); });
       });
 }
 
-void RunningCalls::answered(const vu::Future<vu::Value>& answer)
+void PlayedCalls::answered(const vu::Future<vu::Value>& answer)
 {
   if (hasEnded())
     return;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 #include <vu/future.hpp>
 
 namespace ZB::FrameManager
@@ -14,10 +14,10 @@ namespace ZB::FrameManager
 /// Service calls, one after another: `call` makes one, `event` declares and
 /// raises. A call that is open holds no thread. After a stop none begins, not
 /// even one that waits for a thread already; what has begun is left to itself.
-class RunningCalls final : public RunningStep
+class PlayedCalls final : public PlayedStep
 {
 public:
-  RunningCalls(std::shared_ptr<const Play> play, const std::string& title, std::vector<CallStep> calls);
+  PlayedCalls(std::shared_ptr<const Play> play, const std::string& title, std::vector<CallStep> calls);
 
   static std::vector<CallStep> ofEvent(const EventStep& step);
 

@@ -1,7 +1,7 @@
 #include <compositesteps.hpp>
 
 #include <callstep.hpp>
-#include <runstep.hpp>
+#include <programstep.hpp>
 #include <simplesteps.hpp>
 
 namespace ZB::FrameManager
@@ -10,24 +10,24 @@ namespace ZB::FrameManager
 namespace
 {
 
-class MakeRunning
+class MakePlayed
 {
 public:
-  MakeRunning(const std::shared_ptr<const Play>& play, const std::string& title) : _play(play), _title(title) {}
+  MakePlayed(const std::shared_ptr<const Play>& play, const std::string& title) : _play(play), _title(title) {}
 
-  std::shared_ptr<RunningStep> operator()(const EventStep& action) const { return make<RunningCalls>(RunningCalls::ofEvent(action)); }
-  std::shared_ptr<RunningStep> operator()(const CallStep& action) const { return make<RunningCalls>(std::vector{action}); }
-  std::shared_ptr<RunningStep> operator()(const WaitStep& action) const { return make<RunningWait>(action); }
-  std::shared_ptr<RunningStep> operator()(const RunStep& action) const { return make<RunningProcess>(action); }
-  std::shared_ptr<RunningStep> operator()(const SequenceStep& action) const { return make<RunningSequence>(action); }
-  std::shared_ptr<RunningStep> operator()(const ParallelStep& action) const { return make<RunningParallel>(action); }
-  std::shared_ptr<RunningStep> operator()(const LogStep& action) const { return make<RunningLog>(action); }
-  std::shared_ptr<RunningStep> operator()(const FailStep& action) const { return make<RunningFail>(action); }
+  std::shared_ptr<PlayedStep> operator()(const EventStep& action) const { return make<PlayedCalls>(PlayedCalls::ofEvent(action)); }
+  std::shared_ptr<PlayedStep> operator()(const CallStep& action) const { return make<PlayedCalls>(std::vector{action}); }
+  std::shared_ptr<PlayedStep> operator()(const WaitStep& action) const { return make<PlayedWait>(action); }
+  std::shared_ptr<PlayedStep> operator()(const ProgramStep& action) const { return make<PlayedProgram>(action); }
+  std::shared_ptr<PlayedStep> operator()(const SequenceStep& action) const { return make<PlayedSequence>(action); }
+  std::shared_ptr<PlayedStep> operator()(const ParallelStep& action) const { return make<PlayedParallel>(action); }
+  std::shared_ptr<PlayedStep> operator()(const LogStep& action) const { return make<PlayedLog>(action); }
+  std::shared_ptr<PlayedStep> operator()(const FailStep& action) const { return make<PlayedFail>(action); }
 
 private:
-  template <typename Running, typename Action> std::shared_ptr<RunningStep> make(const Action& action) const
+  template <typename Played, typename Action> std::shared_ptr<PlayedStep> make(const Action& action) const
   {
-    return std::make_shared<Running>(_play, _title, action);
+    return std::make_shared<Played>(_play, _title, action);
   }
 
   const std::shared_ptr<const Play>& _play;
@@ -36,12 +36,12 @@ private:
 
 } // namespace
 
-RunningSequence::RunningSequence(std::shared_ptr<const Play> play, const std::string& title, const SequenceStep& sequence)
-    : RunningStep(std::move(play), title), _sequence(sequence)
+PlayedSequence::PlayedSequence(std::shared_ptr<const Play> play, const std::string& title, const SequenceStep& sequence)
+    : PlayedStep(std::move(play), title), _sequence(sequence)
 {
 }
 
-void RunningSequence::next()
+void PlayedSequence::next()
 {
   if (_position == _sequence.steps.size())
   {
@@ -50,26 +50,26 @@ void RunningSequence::next()
   }
   if (_sequence.steps.empty() || (_sequence.count && _round >= *_sequence.count))
     return end();
-  _current = makeRunningStep(_sequence.steps[_position++], sharedPlay());
+  _current = makePlayedStep(_sequence.steps[_position++], sharedPlay());
   _current->start([this](const Outcome& outcome) { currentEnded(outcome); });
 }
 
-void RunningSequence::currentEnded(const Outcome& outcome)
+void PlayedSequence::currentEnded(const Outcome& outcome)
 {
   if (outcome || isStopping())
     return end(outcome);
   next();
 }
 
-RunningParallel::RunningParallel(std::shared_ptr<const Play> play, const std::string& title, const ParallelStep& parallel)
-    : RunningStep(std::move(play), title), _parallel(parallel)
+PlayedParallel::PlayedParallel(std::shared_ptr<const Play> play, const std::string& title, const ParallelStep& parallel)
+    : PlayedStep(std::move(play), title), _parallel(parallel)
 {
 }
 
-void RunningParallel::begin()
+void PlayedParallel::begin()
 {
   for (const auto& step : _parallel.steps)
-    _branches.push_back(makeRunningStep(step, sharedPlay()));
+    _branches.push_back(makePlayedStep(step, sharedPlay()));
   _open = _branches.size();
   if (_open == 0)
     return end();
@@ -77,7 +77,7 @@ void RunningParallel::begin()
     branch->start([this](const Outcome& outcome) { branchEnded(outcome); });
 }
 
-void RunningParallel::branchEnded(const Outcome& outcome)
+void PlayedParallel::branchEnded(const Outcome& outcome)
 {
   if (outcome && !_failure)
   {
@@ -88,15 +88,15 @@ void RunningParallel::branchEnded(const Outcome& outcome)
     end(_failure);
 }
 
-void RunningParallel::stopBranches()
+void PlayedParallel::stopBranches()
 {
   for (const auto& branch : _branches)
     branch->stop();
 }
 
-std::shared_ptr<RunningStep> makeRunningStep(const Step& step, const std::shared_ptr<const Play>& play)
+std::shared_ptr<PlayedStep> makePlayedStep(const ProjectStep& step, const std::shared_ptr<const Play>& play)
 {
-  return std::visit(MakeRunning(play, step.title), step.action);
+  return std::visit(MakePlayed(play, step.title), step.action);
 }
 
 } // namespace ZB::FrameManager

@@ -4,16 +4,16 @@
 #include <memory>
 #include <vector>
 
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 
 namespace ZB::FrameManager
 {
 
 /// One step after another, as often as the sequence says.
-class RunningSequence final : public RunningStep
+class PlayedSequence final : public PlayedStep
 {
 public:
-  RunningSequence(std::shared_ptr<const Play> play, const std::string& title, const SequenceStep& sequence);
+  PlayedSequence(std::shared_ptr<const Play> play, const std::string& title, const SequenceStep& sequence);
 
 private:
   void begin() override { next(); }
@@ -24,15 +24,15 @@ private:
   const SequenceStep& _sequence;
   std::uint64_t _round = 0;
   std::size_t _position = 0;
-  std::shared_ptr<RunningStep> _current;
+  std::shared_ptr<PlayedStep> _current;
 };
 
 /// All steps at once. The first failure stops the others, and is the whole's
 /// when all have ended.
-class RunningParallel final : public RunningStep
+class PlayedParallel final : public PlayedStep
 {
 public:
-  RunningParallel(std::shared_ptr<const Play> play, const std::string& title, const ParallelStep& parallel);
+  PlayedParallel(std::shared_ptr<const Play> play, const std::string& title, const ParallelStep& parallel);
 
 private:
   void begin() override;
@@ -41,7 +41,7 @@ private:
   void stopBranches();
 
   const ParallelStep& _parallel;
-  std::vector<std::shared_ptr<RunningStep>> _branches;
+  std::vector<std::shared_ptr<PlayedStep>> _branches;
   std::size_t _open = 0;
   Outcome _failure;
 };

@@ -8,7 +8,7 @@
 #include <boost/asio/posix/stream_descriptor.hpp>
 
 #include <filedescriptor.hpp>
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 
 namespace ZB::FrameManager
 {

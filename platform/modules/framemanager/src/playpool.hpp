@@ -6,7 +6,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 
 namespace ZB::FrameManager
 {

@@ -15,8 +15,8 @@
 namespace ZB::FrameManager
 {
 
-struct Step;
-using Steps = std::vector<Step>;
+struct ProjectStep;
+using Steps = std::vector<ProjectStep>;
 
 struct EventStep
 {
@@ -36,7 +36,7 @@ struct CallStep
   vu::Value arguments; ///< an array
 };
 
-struct RunStep
+struct ProgramStep
 {
   std::vector<std::string> words; ///< the program, then its arguments
   std::optional<std::chrono::nanoseconds> timeout;
@@ -64,9 +64,9 @@ struct FailStep
   std::string reason; ///< not empty
 };
 
-struct Step
+struct ProjectStep
 {
-  std::variant<EventStep, WaitStep, CallStep, RunStep, SequenceStep, ParallelStep, LogStep, FailStep> action;
+  std::variant<EventStep, WaitStep, CallStep, ProgramStep, SequenceStep, ParallelStep, LogStep, FailStep> action;
   /// What it is and where it stands: "call ZBMemory.getData (hello/behavior.xar:12)".
   std::string title;
 };
@@ -74,7 +74,7 @@ struct Step
 struct Project
 {
   std::string name;
-  Step root;                       ///< a sequence
+  ProjectStep root;                ///< a sequence
   std::filesystem::path directory; ///< of the project file; where its programs run
 };
 

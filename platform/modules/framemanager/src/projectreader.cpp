@@ -48,15 +48,15 @@ public:
       fault(0, "there is no <project>");
     if (std::strcmp(root.name(), "project") != 0)
       fault(root, "the root must be <project>, not " + (root.type() == pugi::node_element ? tag(root) : std::string("text")));
-    if (const auto second = root.next_sibling())
-      fault(second, "there must be nothing after </project>");
+    if (const auto more = root.next_sibling())
+      fault(more, "there must be nothing after </project>");
     checkAttributes(root, {"format", "name"});
     if (const auto format = required(root, "format"); format != "1")
       fault(root, "the format " + quote(format) + " is not known; write format=\"1\"");
 
     Project project;
     project.name = root.attribute("name").value();
-    project.root = Step{SequenceStep{children(root, 1), 1}, title(root, "project")};
+    project.root = ProjectStep{SequenceStep{children(root, 1), 1}, title(root, "project")};
     return project;
   }
 
@@ -200,7 +200,7 @@ private:
     return steps;
   }
 
-  Step step(pugi::xml_node element, int depth) const
+  ProjectStep step(pugi::xml_node element, int depth) const
   {
     const std::string_view name = element.name();
     if (name == "sequence")
@@ -241,7 +241,7 @@ private:
     fault(element, tag(element) + " is not known; the steps are event, wait, call, run, repeat, parallel, sequence, log and fail");
   }
 
-  Step repeat(pugi::xml_node element, int depth) const
+  ProjectStep repeat(pugi::xml_node element, int depth) const
   {
     checkAttributes(element, {"count"});
     SequenceStep action;
@@ -252,7 +252,7 @@ private:
     return {std::move(action), title(element, "repeat")};
   }
 
-  Step event(pugi::xml_node element) const
+  ProjectStep event(pugi::xml_node element) const
   {
     checkAttributes(element, {"key", "value"});
     EventStep action;
@@ -270,7 +270,7 @@ private:
     return {std::move(action), title(element, what)};
   }
 
-  Step call(pugi::xml_node element) const
+  ProjectStep call(pugi::xml_node element) const
   {
     checkAttributes(element, {"service", "method", "arguments"});
     CallStep action{requiredText(element, "service"), requiredText(element, "method"), vu::Value::array()};
@@ -290,10 +290,10 @@ private:
     return {std::move(action), title(element, what)};
   }
 
-  Step run(pugi::xml_node element) const
+  ProjectStep run(pugi::xml_node element) const
   {
     checkAttributes(element, {"command", "timeout"});
-    RunStep action;
+    ProgramStep action;
     try
     {
       action.words = shellWords(requiredText(element, "command"));

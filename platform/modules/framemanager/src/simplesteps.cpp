@@ -5,26 +5,26 @@
 namespace ZB::FrameManager
 {
 
-RunningWait::RunningWait(std::shared_ptr<const Play> play, const std::string& title, const WaitStep& step)
-    : RunningStep(std::move(play), title), _step(step), _timer(this->play().strand)
+PlayedWait::PlayedWait(std::shared_ptr<const Play> play, const std::string& title, const WaitStep& step)
+    : PlayedStep(std::move(play), title), _step(step), _timer(this->play().strand)
 {
 }
 
-void RunningWait::begin()
+void PlayedWait::begin()
 {
   _timer.expires_after(_step.duration);
-  _timer.async_wait(handler(&RunningWait::elapsed));
+  _timer.async_wait(handler(&PlayedWait::elapsed));
 }
 
-void RunningWait::letGo()
+void PlayedWait::letGo()
 {
   _timer.cancel();
   end();
 }
 
-void RunningWait::elapsed(const boost::system::error_code&) { end(); }
+void PlayedWait::elapsed(const boost::system::error_code&) { end(); }
 
-void RunningLog::begin()
+void PlayedLog::begin()
 {
   vu::log::info("framemanager", "log", play().name + ": " + _step.message);
   end();

@@ -2,15 +2,15 @@
 
 #include <boost/asio/steady_timer.hpp>
 
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 
 namespace ZB::FrameManager
 {
 
-class RunningWait final : public RunningStep
+class PlayedWait final : public PlayedStep
 {
 public:
-  RunningWait(std::shared_ptr<const Play> play, const std::string& title, const WaitStep& step);
+  PlayedWait(std::shared_ptr<const Play> play, const std::string& title, const WaitStep& step);
 
 private:
   void begin() override;
@@ -21,11 +21,11 @@ private:
   boost::asio::steady_timer _timer;
 };
 
-class RunningLog final : public RunningStep
+class PlayedLog final : public PlayedStep
 {
 public:
-  RunningLog(std::shared_ptr<const Play> play, const std::string& title, const LogStep& step)
-      : RunningStep(std::move(play), title), _step(step)
+  PlayedLog(std::shared_ptr<const Play> play, const std::string& title, const LogStep& step)
+      : PlayedStep(std::move(play), title), _step(step)
   {
   }
 
@@ -36,11 +36,11 @@ private:
   const LogStep& _step;
 };
 
-class RunningFail final : public RunningStep
+class PlayedFail final : public PlayedStep
 {
 public:
-  RunningFail(std::shared_ptr<const Play> play, const std::string& title, const FailStep& step)
-      : RunningStep(std::move(play), title), _step(step)
+  PlayedFail(std::shared_ptr<const Play> play, const std::string& title, const FailStep& step)
+      : PlayedStep(std::move(play), title), _step(step)
   {
   }
 

@@ -1,6 +1,4 @@
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <map>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -10,8 +8,11 @@
 #include <projectfile.hpp>
 #include <projectreader.hpp>
 #include <shellwords.hpp>
+#include <testing/errors.hpp>
+#include <testing/files.hpp>
 
 using namespace ZB::FrameManager;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -20,25 +21,15 @@ namespace
 
 std::string faultOf(const std::string& text)
 {
-  try
-  {
-    parseProject(text, "/p/behavior.xar", "behavior.xar");
-    return "no fault";
-  }
-  catch (const std::runtime_error& error)
-  {
-    return error.what();
-  }
+  return TestSupport::errorOf([&] { parseProject(text, "/p/behavior.xar", "behavior.xar"); });
 }
 
 std::string nested(int depth)
 {
-  std::string text = "<project format=\"1\">";
-  for (int i = 0; i < depth; ++i)
-    text += "<sequence>";
-  for (int i = 0; i < depth; ++i)
-    text += "</sequence>";
-  return text + "</project>";
+  std::string text = "<sequence/>";
+  for (int i = 1; i < depth; ++i)
+    text = "<sequence>" + text + "</sequence>";
+  return "<project format=\"1\">" + text + "</project>";
 }
 
 std::string withStep(const std::string& step) { return "<project format=\"1\" name=\"t\">\n " + step + "\n</project>"; }
@@ -80,7 +71,7 @@ TEST(ProjectReader, ReadsEveryStepWithItsTitle)
   EXPECT_EQ(std::get<CallStep>(repeat.steps.at(0).action).arguments, vu::Value::parse(R"(["Demo/Count", 1])"));
   EXPECT_FALSE(std::get<SequenceStep>(steps[3].action).count);
   const auto& parallel = std::get<ParallelStep>(steps[4].action);
-  const auto& run = std::get<RunStep>(parallel.steps.at(0).action);
+  const auto& run = std::get<ProgramStep>(parallel.steps.at(0).action);
   EXPECT_THAT(run.words, ElementsAre("python3", "a b.py", "--slow"));
   EXPECT_EQ(run.timeout, std::chrono::seconds(10));
   EXPECT_EQ(parallel.steps.at(0).title, "run python3 (all/behavior.xar:11)");
@@ -106,14 +97,8 @@ TEST(ProjectReader, TakesAnEventValueThatIsNoJsonForAText)
 
 TEST(ProjectReader, NamesFileLineOffsetAndReasonOfEveryFault)
 {
-  struct Case
-  {
-    std::string text;
-    std::string place;
-    std::string reason;
-  };
-  const std::string in = ":2 (offset 31): ";
-  const Case cases[] = {
+  const char* const in = ":2 (offset 31): ";
+  const std::tuple<std::string, const char*, const char*> cases[] = {
       {"", ":1 (offset 0): ", "there is no <project>"},
       {"<package/>", ":1 (offset 0): ", "the root must be <project>, not <package>"},
       {"text<project format=\"1\"/>", ":1 ", "the root must be <project>, not text"},
@@ -153,14 +138,9 @@ TEST(ProjectReader, NamesFileLineOffsetAndReasonOfEveryFault)
       {withStep("<fail reason=\"\"/>"), in, "\"reason\" of <fail> is empty"},
       {nested(projectDepthLimit + 1), ":1 ", "deep in each other"},
   };
-  for (const auto& each : cases)
-  {
-    SCOPED_TRACE(each.text.substr(0, 200));
-    const auto fault = faultOf(each.text);
-    EXPECT_THAT(fault, HasSubstr("/p/behavior.xar" + each.place));
-    EXPECT_THAT(fault, HasSubstr(each.reason));
-  }
-  EXPECT_EQ(faultOf(nested(projectDepthLimit)), "no fault");
+  for (const auto& [text, place, reason] : cases)
+    EXPECT_THAT(faultOf(text), AllOf(HasSubstr(std::string("/p/behavior.xar") + place), HasSubstr(reason))) << text.substr(0, 200);
+  EXPECT_EQ(faultOf(nested(projectDepthLimit)), "no error");
 }
 
 TEST(ProjectReader, RefusesNumbersThatMakeNoSense)
@@ -175,7 +155,7 @@ TEST(ProjectReader, RefusesNumbersThatMakeNoSense)
   EXPECT_THAT(faultOf(withStep("<repeat count=\"1.5\"/>")), HasSubstr("must be a whole number"));
   EXPECT_THAT(faultOf(withStep("<repeat count=\"99999999999999999999999\"/>")), HasSubstr("must be a whole number"));
   for (const std::string number : {"0", "0.0", "2.5", "1e-3", "1e9"})
-    EXPECT_EQ(faultOf(withStep("<wait seconds=\"" + number + "\"/>")), "no fault") << number;
+    EXPECT_EQ(faultOf(withStep("<wait seconds=\"" + number + "\"/>")), "no error") << number;
 }
 
 TEST(ShellWords, SplitsAsAShellDoesWithoutExpanding)
@@ -191,63 +171,32 @@ TEST(ShellWords, SplitsAsAShellDoesWithoutExpanding)
     EXPECT_THROW(shellWords(text), std::invalid_argument) << text;
 }
 
-class ProjectFileTest : public testing::Test
+TEST(ProjectFileTest, OnlyARegularFileInsideAnAbsoluteDirectoryIsRead)
 {
-protected:
-  ProjectFileTest()
-  {
-    std::string pattern = (std::filesystem::temp_directory_path() / "projectfile-XXXXXX").string();
-    root = ::mkdtemp(pattern.data());
-    package = root / "package";
-    std::filesystem::create_directories(package / "hello");
-    std::ofstream(package / "hello" / "behavior.xar") << "<project format=\"1\"/>";
-    std::ofstream(root / "behavior.xar") << "<project format=\"1\"/>";
-  }
-  ~ProjectFileTest() override { std::filesystem::remove_all(root); }
-
-  std::string refusal(const std::string& directory, const std::string& file) const
-  {
-    try
-    {
-      loadProjectFile(directory, file);
-      return "none";
-    }
-    catch (const std::runtime_error& error)
-    {
-      return error.what();
-    }
-  }
-
-  std::filesystem::path root;
-  std::filesystem::path package;
-};
-
-TEST_F(ProjectFileTest, RefusesWhatIsNotARegularFileInsideAnAbsoluteDirectory)
-{
-  std::filesystem::create_symlink(root, package / "out");
+  const TestSupport::TemporaryDirectory root;
+  const auto package = root / "package";
+  for (const auto& file : {package / "hello/behavior.xar", root / "behavior.xar"})
+    TestSupport::writeFile(file, TestSupport::project(""));
+  std::filesystem::create_symlink(root.path(), package / "out");
   std::filesystem::create_symlink("hello", package / "alias");
   ASSERT_EQ(::mkfifo((package / "pipe").c_str(), 0600), 0);
-  std::ofstream(package / "huge") << std::string(projectFileLimit + 1, ' ');
+  TestSupport::writeFile(package / "huge", std::string(projectFileLimit + 1, ' '));
 
   const std::string directory = package.string();
-  EXPECT_EQ(refusal(directory, "hello/behavior.xar"), "none");
-  EXPECT_EQ(refusal(directory, "alias/behavior.xar"), "none");
-  EXPECT_EQ(refusal(directory + "/", "./hello/../hello/behavior.xar"), "none");
-  EXPECT_THAT(refusal("", "behavior.xar"), HasSubstr("must be an absolute path, not \"\""));
-  EXPECT_THAT(refusal("package", "behavior.xar"), HasSubstr("must be an absolute path"));
-  EXPECT_THAT(refusal((root / "none").string(), "behavior.xar"), HasSubstr((root / "none").string()));
-  EXPECT_THAT(refusal(directory, ""), HasSubstr("relative to"));
-  EXPECT_THAT(refusal(directory, (package / "hello/behavior.xar").string()), HasSubstr("relative to"));
-  EXPECT_THAT(refusal(directory, "../behavior.xar"), HasSubstr("lies outside"));
-  EXPECT_THAT(refusal(directory, "hello/../../behavior.xar"), HasSubstr("lies outside"));
-  EXPECT_THAT(refusal(directory, "out/behavior.xar"), HasSubstr("a link that leads out"));
-  EXPECT_THAT(refusal(directory, "none/behavior.xar"), HasSubstr("No such file"));
-  EXPECT_THAT(refusal(directory, "hello"), HasSubstr("not a regular file"));
-  EXPECT_THAT(refusal(directory, "pipe"), HasSubstr("not a regular file"));
-  EXPECT_THAT(refusal(directory, "huge"), HasSubstr("longer than"));
-}
-
-TEST_F(ProjectFileTest, GivesTheDirectoryOfTheProjectFile)
-{
-  EXPECT_EQ(readProject(package.string(), "hello/behavior.xar").directory, std::filesystem::canonical(package / "hello"));
+  for (const auto& [base, file] : {std::pair(directory, "alias/behavior.xar"), {directory + "/", "./hello/../hello/behavior.xar"}})
+    EXPECT_EQ(readProject(base, file).directory, std::filesystem::canonical(package / "hello"));
+  const std::tuple<std::string, std::string, const char*> cases[] = {{"", "behavior.xar", "must be an absolute path, not \"\""},
+                                                                     {"package", "behavior.xar", "must be an absolute path"},
+                                                                     {(root / "none").string(), "behavior.xar", "/none: No such file"},
+                                                                     {directory, "", "relative to"},
+                                                                     {directory, (package / "hello/behavior.xar").string(), "relative to"},
+                                                                     {directory, "../behavior.xar", "lies outside"},
+                                                                     {directory, "hello/../../behavior.xar", "lies outside"},
+                                                                     {directory, "out/behavior.xar", "a link that leads out"},
+                                                                     {directory, "none/behavior.xar", "No such file"},
+                                                                     {directory, "hello", "not a regular file"},
+                                                                     {directory, "pipe", "not a regular file"},
+                                                                     {directory, "huge", "longer than"}};
+  for (const auto& [base, file, reason] : cases)
+    EXPECT_THAT(TestSupport::errorOf([&, &base = base, &file = file] { loadProjectFile(base, file); }), HasSubstr(reason)) << file;
 }

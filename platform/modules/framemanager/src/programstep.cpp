@@ -1,4 +1,4 @@
-#include <runstep.hpp>
+#include <programstep.hpp>
 
 #include <cerrno>
 #include <csignal>
@@ -25,13 +25,13 @@ constexpr std::chrono::seconds closingKillLimit(1);
 
 } // namespace
 
-RunningProcess::RunningProcess(std::shared_ptr<const Play> play, const std::string& title, const RunStep& step)
-    : RunningStep(std::move(play), title), _step(step), _ended(this->play().strand), _control(this->play().strand),
+PlayedProgram::PlayedProgram(std::shared_ptr<const Play> play, const std::string& title, const ProgramStep& step)
+    : PlayedStep(std::move(play), title), _step(step), _ended(this->play().strand), _control(this->play().strand),
       _limit(this->play().strand), _giveUp(this->play().strand)
 {
 }
 
-void RunningProcess::begin()
+void PlayedProgram::begin()
 {
   const auto& settings = *play().settings;
   auto child = startProcess(settings.guard, settings.terminateGrace, _step.words, play().project->directory, settings.environment);
@@ -58,11 +58,11 @@ void RunningProcess::begin()
   if (_step.timeout)
   {
     _limit.expires_after(*_step.timeout);
-    _limit.async_wait(handler(&RunningProcess::timedOut));
+    _limit.async_wait(handler(&PlayedProgram::timedOut));
   }
 }
 
-std::shared_ptr<OutputReader> RunningProcess::makeReader(FileDescriptor pipe, bool isError)
+std::shared_ptr<OutputReader> PlayedProgram::makeReader(FileDescriptor pipe, bool isError)
 {
   const auto level = isError ? vu::log::Level::Warning : vu::log::Level::Info;
   return std::make_shared<OutputReader>(play().strand, std::move(pipe),
@@ -70,18 +70,18 @@ std::shared_ptr<OutputReader> RunningProcess::makeReader(FileDescriptor pipe, bo
                                         { vu::log::write(level, "framemanager", "run", name + ": " + line); });
 }
 
-void RunningProcess::waitForReport()
+void PlayedProgram::waitForReport()
 {
-  _control.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::reported));
+  _control.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&PlayedProgram::reported));
 }
 
-void RunningProcess::reported(Error error)
+void PlayedProgram::reported(Error error)
 {
   if (!error && !hasEnded() && takeReports())
     waitForReport();
 }
 
-bool RunningProcess::takeReports()
+bool PlayedProgram::takeReports()
 {
   for (GuardReport report;;)
   {
@@ -98,12 +98,12 @@ bool RunningProcess::takeReports()
   }
 }
 
-void RunningProcess::waitForGuard()
+void PlayedProgram::waitForGuard()
 {
-  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&RunningProcess::guardEnded));
+  _ended.async_wait(boost::asio::posix::stream_descriptor::wait_read, handler(&PlayedProgram::guardEnded));
 }
 
-void RunningProcess::guardEnded(Error error)
+void PlayedProgram::guardEnded(Error error)
 {
   if (error || hasEnded())
     return;
@@ -117,7 +117,7 @@ void RunningProcess::guardEnded(Error error)
   conclude();
 }
 
-void RunningProcess::timedOut(Error error)
+void PlayedProgram::timedOut(Error error)
 {
   if (error || _status || _startError || _terminating)
     return;
@@ -125,7 +125,7 @@ void RunningProcess::timedOut(Error error)
   terminate();
 }
 
-void RunningProcess::terminate()
+void PlayedProgram::terminate()
 {
   _terminating = true;
   const auto& settings = *play().settings;
@@ -133,10 +133,10 @@ void RunningProcess::terminate()
   const auto message = static_cast<std::int32_t>(grace.count());
   ::send(_control.native_handle(), &message, sizeof message, MSG_NOSIGNAL | MSG_DONTWAIT);
   _giveUp.expires_after(grace + (settings.closing->isSet() ? closingKillLimit : killLimit));
-  _giveUp.async_wait(handler(&RunningProcess::killOver));
+  _giveUp.async_wait(handler(&PlayedProgram::killOver));
 }
 
-void RunningProcess::killOver(Error error)
+void PlayedProgram::killOver(Error error)
 {
   if (error || hasEnded())
     return;
@@ -146,7 +146,7 @@ void RunningProcess::killOver(Error error)
   conclude();
 }
 
-void RunningProcess::conclude()
+void PlayedProgram::conclude()
 {
   _limit.cancel();
   _giveUp.cancel();
@@ -161,7 +161,7 @@ void RunningProcess::conclude()
     fail(text);
 }
 
-std::string RunningProcess::message() const
+std::string PlayedProgram::message() const
 {
   const auto& program = _step.words.front();
   if (_startError)

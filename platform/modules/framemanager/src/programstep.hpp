@@ -9,7 +9,7 @@
 #include <sys/types.h>
 
 #include <outputreader.hpp>
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 
 namespace ZB::FrameManager
 {
@@ -18,10 +18,10 @@ namespace ZB::FrameManager
 /// stop, on a time-out, and when the program ends by itself.
 ///
 /// The step ends with the guard, and so when nothing of the program is left.
-class RunningProcess final : public RunningStep
+class PlayedProgram final : public PlayedStep
 {
 public:
-  RunningProcess(std::shared_ptr<const Play> play, const std::string& title, const RunStep& step);
+  PlayedProgram(std::shared_ptr<const Play> play, const std::string& title, const ProgramStep& step);
 
 private:
   using Error = const boost::system::error_code&;
@@ -43,7 +43,7 @@ private:
   /// Why it failed; empty where it did not.
   std::string message() const;
 
-  const RunStep& _step;
+  const ProgramStep& _step;
   boost::asio::posix::stream_descriptor _ended; ///< of the guard
   boost::asio::posix::stream_descriptor _control;
   boost::asio::steady_timer _limit;

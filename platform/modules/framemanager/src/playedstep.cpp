@@ -1,4 +1,4 @@
-#include <runningstep.hpp>
+#include <playedstep.hpp>
 
 #include <exception>
 #include <utility>
@@ -10,7 +10,7 @@
 namespace ZB::FrameManager
 {
 
-void RunningStep::start(Ended ended)
+void PlayedStep::start(Ended ended)
 {
   _ended = std::move(ended);
   try
@@ -23,7 +23,7 @@ void RunningStep::start(Ended ended)
   }
 }
 
-void RunningStep::stop()
+void PlayedStep::stop()
 {
   if (_stopping || _hasEnded)
     return;
@@ -31,7 +31,7 @@ void RunningStep::stop()
   letGo();
 }
 
-void RunningStep::end(const Outcome& outcome)
+void PlayedStep::end(const Outcome& outcome)
 {
   if (std::exchange(_hasEnded, true))
     return;
@@ -43,6 +43,6 @@ void RunningStep::end(const Outcome& outcome)
                     });
 }
 
-void RunningStep::fail(const std::string& message) { end(Failure{_title, message.empty() ? _title + " failed" : message}); }
+void PlayedStep::fail(const std::string& message) { end(Failure{_title, message.empty() ? _title + " failed" : message}); }
 
 } // namespace ZB::FrameManager

@@ -36,20 +36,20 @@ struct Play
   Strand strand;
 };
 
-/// A step that is being carried out.
+/// A step of a project while it is played.
 ///
 /// Everything runs on the behavior's strand, and nothing blocks there: a step
 /// that waits has asked to be continued. It ends exactly once, by itself, with
 /// a failure, or because it was stopped; its end is posted, so that steps
 /// without any duration neither nest calls nor keep a stop from its turn.
-class RunningStep : public std::enable_shared_from_this<RunningStep>
+class PlayedStep : public std::enable_shared_from_this<PlayedStep>
 {
 public:
   using Ended = std::function<void(const Outcome&)>;
 
-  virtual ~RunningStep() = default;
-  RunningStep(const RunningStep&) = delete;
-  RunningStep& operator=(const RunningStep&) = delete;
+  virtual ~PlayedStep() = default;
+  PlayedStep(const PlayedStep&) = delete;
+  PlayedStep& operator=(const PlayedStep&) = delete;
 
   /// Once. Whoever starts it outlives it.
   void start(Ended ended);
@@ -60,7 +60,7 @@ public:
 
 protected:
   /// `title` belongs to the project.
-  RunningStep(std::shared_ptr<const Play> play, const std::string& title) : _play(std::move(play)), _title(title) {}
+  PlayedStep(std::shared_ptr<const Play> play, const std::string& title) : _play(std::move(play)), _title(title) {}
 
   virtual void begin() = 0;
   /// Asked for once, and only before the end.
@@ -89,6 +89,6 @@ private:
   bool _hasEnded = false;
 };
 
-std::shared_ptr<RunningStep> makeRunningStep(const Step& step, const std::shared_ptr<const Play>& play);
+std::shared_ptr<PlayedStep> makePlayedStep(const ProjectStep& step, const std::shared_ptr<const Play>& play);
 
 } // namespace ZB::FrameManager

@@ -1,0 +1,100 @@
+#include "framemanagerfixture.hpp"
+
+#include <csignal>
+
+#include <outputreader.hpp>
+
+using testing::ElementsAre;
+
+namespace ZB::FrameManager
+{
+
+class ProgramTest : public FrameManagerTest
+{
+protected:
+  /// Lines that programs have written since the capture began.
+  static std::vector<std::string> output(const vu::log::Capture& capture, vu::log::Level level = vu::log::Level::Info)
+  {
+    std::vector<std::string> lines;
+    for (const auto& line : capture.lines())
+      if (line.function == "run" && line.level == level)
+        lines.push_back(line.message);
+    return lines;
+  }
+};
+
+TEST_F(ProgramTest, RunsInTheProjectsDirectoryWithCleanSurroundings)
+{
+  write("deep/inside/report.py", R"(import os, signal, sys
+print("directory", os.getcwd())
+print("arguments", sys.argv[1:])
+print("url", os.environ["TARVIK_URL"], os.environ["TARVIK_TOKEN_FILE"], "PATH" in os.environ)
+print("input", repr(sys.stdin.read()))
+print("open", sorted(fd for fd in map(int, os.listdir("/proc/self/fd")) if fd > 2)[1:])
+print("leads", os.getpid() == os.getpgid(0))
+print("blocked", signal.pthread_sigmask(signal.SIG_BLOCK, []))
+print("hangup", signal.getsignal(signal.SIGHUP) == signal.SIG_DFL)
+print("careful", file=sys.stderr)
+sys.stdout.write("no newline at the end")
+)");
+  const int inherited = ::dup(0); // without close-on-exec
+  ::signal(SIGHUP, SIG_IGN);
+  const vu::log::Capture capture;
+  const auto id = play("<run command=\"python3 report.py 'a b' $HOME\" timeout=\"60\"/>", "deep/inside/behavior.xar");
+  EXPECT_EQ(outcome(manager->waitForStopped(id)), "");
+  ::signal(SIGHUP, SIG_DFL);
+  ::close(inherited);
+  const std::string name = "demo/t: ";
+  EXPECT_THAT(output(capture),
+              ElementsAre(name + "directory " + (std::filesystem::canonical(directory.path()) / "deep/inside").string(),
+                          name + "arguments ['a b', '$HOME']", name + "url http://" + directory.string() + " /nowhere/token True",
+                          name + "input ''", name + "open []", name + "leads True", name + "blocked set()", name + "hangup True",
+                          name + "no newline at the end"));
+  EXPECT_THAT(output(capture, vu::log::Level::Warning), ElementsAre(name + "careful"));
+}
+
+TEST_F(ProgramTest, TheWayItEndsDecidesTheOutcome)
+{
+  write("plain.sh", "exit 0");
+  std::filesystem::create_directory(directory / "folder");
+  std::filesystem::permissions(directory / write("bare.sh", "exit 0"), std::filesystem::perms::owner_all);
+  std::filesystem::permissions(directory / write("whole.sh", "#!/bin/sh\nexit 0"), std::filesystem::perms::owner_all);
+  const std::pair<const char*, const char*> cases[] = {{"sh plain.sh", ""},
+                                                       {"./whole.sh", ""},
+                                                       {"sh -c 'exit 3'", "sh ended with exit status 3; its output stands in the log"},
+                                                       {"sh -c 'kill -9 $$'", "sh was ended by signal 9 (Killed)"},
+                                                       {"./plain.sh", "cannot start ./plain.sh: Permission denied"},
+                                                       {"./bare.sh", "cannot start ./bare.sh: Exec format error"},
+                                                       {"./folder", "cannot start ./folder: Permission denied"},
+                                                       {"./none.sh", "cannot start ./none.sh: No such file or directory"}};
+  for (const auto& [command, message] : cases)
+    EXPECT_EQ(run(std::string("<run command=\"") + command + "\"/>"), message) << command;
+
+  const auto id = create("<run command=\"true\"/>", "gone/behavior.xar");
+  std::filesystem::remove_all(directory / "gone");
+  manager->playBehavior(id);
+  EXPECT_THAT(outcome(manager->waitForStopped(id)), testing::HasSubstr("(the directory " + (directory / "gone").string() + " has gone)"));
+}
+
+TEST_F(ProgramTest, MuchOutputComesWholeAndLongLinesInParts)
+{
+  const vu::log::Capture capture;
+  EXPECT_EQ(run("<run command=\"python3 -c 'print(&quot;x&quot; * 20000); [print(i) for i in range(5000)]'\"/>"), "");
+  const auto lines = output(capture);
+  ASSERT_EQ(lines.size(), 5003u);
+  EXPECT_EQ(lines.at(2).size(), std::string("demo/t: ").size() + 20000 - 2 * OutputReader::lineLimit);
+  EXPECT_EQ(lines.back(), "demo/t: 4999");
+}
+
+TEST_F(ProgramTest, DeletionGivesItsGraceToCleanUp)
+{
+  start({{"framemanager", {{"terminateGraceMs", 30000}}}});
+  write("script.sh", "trap 'echo resting > rested; exit 1' TERM\ntouch begun\nwhile :; do sleep 0.01; done");
+  const auto id = play("<run command=\"sh script.sh\"/>");
+  ASSERT_TRUE(eventually([this] { return std::filesystem::exists(directory / "begun"); }));
+  manager->deleteBehavior(id);
+  EXPECT_TRUE(std::filesystem::exists(directory / "rested"));
+  EXPECT_EQ(signalsOf(id), "stopped");
+}
+
+} // namespace ZB::FrameManager
