@@ -1,6 +1,6 @@
 #include <archive.hpp>
-#include <packageerror.hpp>
-#include <packagetree.hpp>
+#include <packages/packageerror.hpp>
+#include <packages/packagetree.hpp>
 
 #include "input.hpp"
 
@@ -18,9 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try
   {
     ZB::unpackArchive(archive, target, limits);
-    ZB::checkTree(target);
+    packages::checkTree(target);
   }
-  catch (const ZB::PackageError&)
+  catch (const packages::PackageError&)
   {
   }
   catch (const fs::filesystem_error&)

@@ -1,5 +1,5 @@
-#include <manifest.hpp>
-#include <packageerror.hpp>
+#include <packages/manifest.hpp>
+#include <packages/packageerror.hpp>
 
 #include "input.hpp"
 
@@ -13,7 +13,7 @@ struct Package : ScratchFolder
     for (const auto* directory : {"", "hello", "a", "a/b"})
     {
       std::filesystem::create_directories(path() / directory);
-      std::ofstream(path() / directory / ZB::projectFile) << "<project/>";
+      std::ofstream(path() / directory / packages::projectFile) << "<project/>";
     }
   }
 };
@@ -23,16 +23,16 @@ struct Package : ScratchFolder
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
   static const Package package;
-  writeInput(package.path() / ZB::manifestFile, data, size);
+  writeInput(package.path() / packages::manifestFile, data, size);
   try
   {
-    const vu::PackageInfo info(ZB::readManifest(package.path()));
+    const vu::PackageInfo info(packages::readManifest(package.path()));
     // Names that a page may show as they are.
     for (const auto& behavior : info.behaviors())
       require((info.uuid() + behavior.path()).find_first_of("<>&\"'\\\n\r") == std::string::npos);
     require(!vu::Value(info).dump().empty());
   }
-  catch (const ZB::PackageError& error)
+  catch (const packages::PackageError& error)
   {
     require(*error.what() != '\0');
   }

@@ -1,6 +1,6 @@
 #include <stdexcept>
 
-#include <projectreader.hpp>
+#include <packages/projectreader.hpp>
 
 #include "input.hpp"
 
@@ -8,7 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
   try
   {
-    ZB::FrameManager::parseProject(asText(data, size), "/package/behavior.xar", "behavior.xar");
+    packages::parseProject(asText(data, size), "/package/behavior.xar", "behavior.xar");
   }
   catch (const std::runtime_error& error)
   {

@@ -9,11 +9,22 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <packages/project.hpp>
 #include <playsettings.hpp>
-#include <project.hpp>
 
 namespace ZB::FrameManager
 {
+
+using packages::CallStep;
+using packages::EventStep;
+using packages::FailStep;
+using packages::LogStep;
+using packages::ParallelStep;
+using packages::ProgramStep;
+using packages::Project;
+using packages::ProjectStep;
+using packages::SequenceStep;
+using packages::WaitStep;
 
 struct Failure
 {

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include <projectreader.hpp>
+#include <packages/projectreader.hpp>
 #include <vu/threadpool.hpp>
 
 namespace ZB::FrameManager
@@ -26,18 +26,18 @@ namespace
 
 struct Job
 {
-  std::shared_ptr<const Project> project;
+  std::shared_ptr<const packages::Project> project;
   std::exception_ptr error;
 };
 
 } // namespace
 
 ProjectLoader::ProjectLoader(std::chrono::milliseconds limit, Read read)
-    : _limit(limit), _read(read ? std::move(read) : readProject), _state(std::make_shared<State>())
+    : _limit(limit), _read(read ? std::move(read) : packages::readProject), _state(std::make_shared<State>())
 {
 }
 
-std::shared_ptr<const Project> ProjectLoader::load(const std::string& packageDirectory, const std::string& projectFile)
+std::shared_ptr<const packages::Project> ProjectLoader::load(const std::string& packageDirectory, const std::string& projectFile)
 {
   const auto deadline = std::chrono::steady_clock::now() + _limit;
   std::unique_lock lock(_state->mutex);
@@ -65,7 +65,7 @@ std::shared_ptr<const Project> ProjectLoader::load(const std::string& packageDir
         Job done;
         try
         {
-          done.project = std::make_shared<const Project>(read(packageDirectory, projectFile));
+          done.project = std::make_shared<const packages::Project>(read(packageDirectory, projectFile));
         }
         catch (...)
         {

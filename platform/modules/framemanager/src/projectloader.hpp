@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include <project.hpp>
+#include <packages/project.hpp>
 
 namespace ZB::FrameManager
 {
@@ -17,7 +17,7 @@ namespace ZB::FrameManager
 class ProjectLoader
 {
 public:
-  using Read = std::function<Project(const std::string& packageDirectory, const std::string& projectFile)>;
+  using Read = std::function<packages::Project(const std::string& packageDirectory, const std::string& projectFile)>;
   /// How many files are read at the same time; others wait for their turn.
   static constexpr std::size_t readers = 16;
 
@@ -25,7 +25,7 @@ public:
 
   /// See readProject(), whose errors come out. A std::runtime_error, too, when
   /// the limit has passed, and at once when the loader has been closed.
-  std::shared_ptr<const Project> load(const std::string& packageDirectory, const std::string& projectFile);
+  std::shared_ptr<const packages::Project> load(const std::string& packageDirectory, const std::string& projectFile);
 
   void close();
 

@@ -145,7 +145,7 @@ void ZBFrameManager::refuseWhenClosing(const std::string& method) const
 
 std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, const std::string& projectFile, const std::string& name)
 {
-  std::shared_ptr<const FrameManager::Project> project;
+  std::shared_ptr<const packages::Project> project;
   try
   {
     project = _loader.load(packageDirectory, projectFile);

@@ -1,6 +1,6 @@
 #include "framemanagerfixture.hpp"
 
-#include <projectreader.hpp>
+#include <packages/projectreader.hpp>
 
 namespace ZB::FrameManager
 {
@@ -22,7 +22,7 @@ TEST_F(ExamplesTest, EveryProjectIsRead)
   for (const auto& entry : std::filesystem::recursive_directory_iterator(EXAMPLE_PACKAGES))
     if (entry.path().filename() == "behavior.xar")
     {
-      EXPECT_NO_THROW(readProject(entry.path().parent_path().string(), "behavior.xar")) << entry.path();
+      EXPECT_NO_THROW(packages::readProject(entry.path().parent_path().string(), "behavior.xar")) << entry.path();
       ++projects;
     }
   EXPECT_GE(projects, 9);

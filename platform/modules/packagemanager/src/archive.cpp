@@ -15,12 +15,15 @@
 #include <archive.h>
 #include <archive_entry.h>
 
-#include <packageerror.hpp>
+#include <packages/packageerror.hpp>
+#include <vu/text.hpp>
 
 namespace ZB
 {
 
 namespace fs = std::filesystem;
+using packages::PackageError;
+using vu::inQuotes;
 
 namespace
 {

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include <manifest.hpp>
-#include <packageerror.hpp>
+#include <packages/manifest.hpp>
+#include <packages/packageerror.hpp>
 #include <vu/caller.hpp>
 #include <vu/log.hpp>
 #include <vu/text.hpp>
@@ -14,6 +14,9 @@ namespace ZB
 {
 
 namespace fs = std::filesystem;
+using packages::manifestFile;
+using packages::PackageError;
+using vu::inQuotes;
 
 namespace
 {
@@ -158,7 +161,7 @@ void PackageManager::loadSystemPackage(const fs::path& directory)
 {
   try
   {
-    auto package = readManifest(directory);
+    auto package = packages::readManifest(directory);
     package.installer = systemInstaller;
     package.path = fs::canonical(directory).string();
     if (const auto other = _packages.find(package.uuid); other != _packages.end())

@@ -7,16 +7,19 @@
 #include <system_error>
 #include <utility>
 
-#include <manifest.hpp>
-#include <packageerror.hpp>
-#include <packagetree.hpp>
+#include <packages/manifest.hpp>
+#include <packages/packageerror.hpp>
+#include <packages/packagetree.hpp>
 #include <storage/durablefile.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 
 namespace ZB
 {
 
 namespace fs = std::filesystem;
+using packages::PackageError;
+using vu::inQuotes;
 
 namespace
 {
@@ -30,11 +33,11 @@ bool isThere(const fs::path& path) { return fs::symlink_status(path).type() != f
 
 std::string readInstaller(const fs::path& folder)
 {
-  auto text = storage::readFile(folder / installerFile, 4096);
+  auto text = storage::readFile(folder / packages::installerFile, 4096);
   if (text.ends_with('\n'))
     text.pop_back();
   if (text.empty() || text == systemInstaller)
-    throw PackageError(std::string("the file ") + installerFile + " names no installer");
+    throw PackageError(std::string("the file ") + packages::installerFile + " names no installer");
   return text;
 }
 
@@ -92,7 +95,7 @@ std::vector<vu::PackageInfo> PackageStore::load() const
     {
       if (entry.symlink_status().type() != fs::file_type::directory)
         throw PackageError("this is no folder");
-      auto package = readManifest(entry.path());
+      auto package = packages::readManifest(entry.path());
       if (package.uuid != name)
         throw PackageError("the folder does not bear the name of its package, " + inQuotes(package.uuid));
       package.installer = readInstaller(entry.path());
@@ -121,7 +124,7 @@ StagedPackage PackageStore::stage(const fs::path& source, const std::string& ins
   StagedPackage staged{unpackedOrCopied(source, limits), {}};
   const auto& folder = staged.folder.path();
   staged.info = recordOf(folder, installer);
-  storage::writeFileDurably(folder / installerFile, installer + '\n');
+  storage::writeFileDurably(folder / packages::installerFile, installer + '\n');
   storage::syncTree(folder);
   return staged;
 }
@@ -145,12 +148,12 @@ HiddenFolder PackageStore::unpackedOrCopied(const fs::path& source, const Unpack
     throw PackageError("this is neither a directory nor a zip archive");
   if (type == fs::file_type::directory)
   {
-    readManifest(source); // before the contents of a wrong directory are copied
+    packages::readManifest(source); // before the contents of a wrong directory are copied
     refuseOwnSurroundings(source);
   }
   HiddenFolder folder(makeHiddenFolder(stagingPrefix));
   if (type == fs::file_type::directory)
-    copyTree(source, folder.path());
+    packages::copyTree(source, folder.path());
   else
     unpackArchive(source, folder.path(), limits);
   fs::permissions(folder.path(), fs::perms(0755));
@@ -168,8 +171,8 @@ void PackageStore::refuseOwnSurroundings(const fs::path& source) const
 
 vu::PackageInfo PackageStore::recordOf(const fs::path& folder, const std::string& installer) const
 {
-  checkTree(folder);
-  auto package = readManifest(folder);
+  packages::checkTree(folder);
+  auto package = packages::readManifest(folder);
   package.installer = installer;
   package.path = (_directory / package.uuid).string();
   return vu::PackageInfo(std::move(package));

@@ -1,53 +1,31 @@
 #pragma once
 
-#include <filesystem>
-#include <fstream>
-
 #include <archive.h>
 #include <archive_entry.h>
 #include <gmock/gmock.h>
 
+#include <testing/errors.hpp>
+#include <testing/files.hpp>
 #include <vu/packageinfo.hpp>
+
+using TestSupport::errorOf;
+using TestSupport::namesIn;
+using TestSupport::readFile;
+using TestSupport::writeFile;
 
 /// A folder of the test's own, with what packages are made of.
 class PackageFixture : public testing::Test
 {
 protected:
-  PackageFixture() : directory(mkdtemp((testing::TempDir() + "packages-XXXXXX").data())) {}
-  ~PackageFixture() override { std::filesystem::remove_all(directory); }
-
-  static void write(const std::filesystem::path& file, const std::string& content)
+  /// A package with the behavior "hello", in a folder called `name`.
+  std::filesystem::path makePackage(const std::filesystem::path& name, const std::string& uuid, const std::string& version = "1") const
   {
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << content;
-  }
-
-  static std::string read(const std::filesystem::path& file)
-  {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
+    return TestSupport::writePackage(directory / name, uuid, {{"hello", ""}}, version);
   }
 
   static std::string manifest(const std::string& uuid, const std::string& version = "1")
   {
-    return "<package uuid='" + uuid + "' version='" + version + "'>\n  <behavior path='hello'/>\n</package>\n";
-  }
-
-  /// A package with the behavior "hello", in a folder called `name`.
-  std::filesystem::path makePackage(const std::filesystem::path& name, const std::string& uuid, const std::string& version = "1") const
-  {
-    write(directory / name / "manifest.xml", manifest(uuid, version));
-    write(directory / name / "hello" / "behavior.xar", "<project format='1' name='hello'/>");
-    return directory / name;
-  }
-
-  /// Names of all that stands in a folder, hidden or not.
-  static std::vector<std::string> names(const std::filesystem::path& folder)
-  {
-    std::vector<std::string> result;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-      result.push_back(entry.path().filename().string());
-    return result;
+    return "<package uuid='" + uuid + "' version='" + version + "'><behavior path='hello'/></package>";
   }
 
   /// Each package as "uuid version installer".
@@ -59,7 +37,7 @@ protected:
     return result;
   }
 
-  const std::filesystem::path directory;
+  const TestSupport::TemporaryDirectory directory;
 };
 
 /// Writes zip archives, hostile ones too.

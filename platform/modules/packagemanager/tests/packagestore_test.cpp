@@ -4,16 +4,14 @@
 
 #include "packagefixture.hpp"
 #include <testing/filefaults.hpp>
-#include <packageerror.hpp>
 #include <vu/log.hpp>
 
 namespace fs = std::filesystem;
-using TestSupport::Fault;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::ThrowsMessage;
 using testing::UnorderedElementsAre;
+using TestSupport::Fault;
 
 namespace
 {
@@ -38,48 +36,29 @@ protected:
 
 TEST_F(Store, packageIsThereOnceInstalledWithLinksAndExecutableBits)
 {
-  write(directory / "old" / "run", "#!/bin/sh\n");
+  writeFile(directory / "old" / "run", "#!/bin/sh\n");
   fs::permissions(directory / "old" / "run", fs::perms(0510));
   fs::create_symlink("hello/behavior.xar", directory / "old" / "link");
   ZB::PackageStore store(root);
   EXPECT_EQ(store.stage(directory / "old", "alice", {}).info.path(), (root / "p").string());
-  EXPECT_THAT(names(root), IsEmpty()) << "what was not installed has not gone";
+  EXPECT_THAT(namesIn(root), IsEmpty()) << "what was not installed has not gone";
   install("old");
   EXPECT_THAT(versions(), UnorderedElementsAre("p 1 alice"));
   EXPECT_EQ(fs::status(root / "p" / "run").permissions(), fs::perms(0754));
   EXPECT_EQ(fs::read_symlink(root / "p" / "link"), "hello/behavior.xar");
 }
 
-TEST_F(Store, directoriesWithForeignThingsAreRefused)
+TEST_F(Store, everythingIsOnTheDiskBeforeThePackageMovesInAndItsNameAfterwards)
 {
-  const std::pair<std::function<void(const fs::path&)>, const char*> cases[] = {
-      {[](const auto& p) { ASSERT_EQ(mkfifo((p / "pipe").c_str(), 0600), 0); }, "\"pipe\" is neither a file"},
-      {[](const auto& p) { fs::create_symlink("../../old", p / "hello" / "link"); }, "the link \"hello/link\" leads out of the package"},
-      {[](const auto& p) { fs::create_symlink(p / "hello", p / "link"); }, "the link \"link\" leads out of the package"},
-      {[](const auto& p) { write(p / ".installer", "system"); }, ".installer"},
-      {[this](const auto& p) { fs::rename(root, p / "store"), fs::create_directory_symlink(p / "store", root); },
-       "holds the folder of the"},
-  };
-  ZB::PackageStore store(root);
-  for (const auto& [add, fault] : cases)
-  {
-    const auto source = makePackage(std::to_string(&fault - &cases[0].second), "p");
-    add(source);
-    EXPECT_THAT([&] { store.stage(source, "alice", {}); }, ThrowsMessage<ZB::PackageError>(HasSubstr(fault)));
-    EXPECT_THAT(names(root), IsEmpty());
-  }
-}
-
-TEST_F(Store, startClearsAndRepairsWhatACrashHasLeft)
-{
-  install("old");
-  fs::copy(root / "p", root / ".replaced-p", fs::copy_options::recursive); // the new one had arrived
-  fs::copy(root / "p", root / ".replaced-q", fs::copy_options::recursive); // it had not
-  write(root / ".replaced-q" / "manifest.xml", manifest("q", "7"));
-  write(root / ".staging-AbCdEf" / "half", "x");
-  write(root / ".removed-AbCdEf" / "half", "x");
-  EXPECT_THAT(versions(), UnorderedElementsAre("p 1 alice", "q 7 alice"));
-  EXPECT_THAT(names(root), UnorderedElementsAre("p", "q"));
+  const auto operations = TestSupport::operationsOf([this] { install("new"); });
+  const auto moved = std::find_if(operations.begin(), operations.end(),
+                                  [this](const auto& operation) { return operation.ends_with(" " + (root / "p").string()); });
+  ASSERT_NE(moved, operations.end());
+  const auto staging = moved->substr(moved->find('/'), moved->rfind(' ') - moved->find('/'));
+  const std::vector<std::string> before(operations.begin(), moved);
+  for (const auto* name : {"", "/.installer", "/manifest.xml", "/hello", "/hello/behavior.xar"})
+    EXPECT_THAT(before, testing::Contains("fsync " + staging + name));
+  EXPECT_NE(std::find(moved, operations.end(), "fsync " + root.string()), operations.end());
 }
 
 /// Each change of the store, with the versions of the package before and after
@@ -98,7 +77,7 @@ protected:
   ChangedStore()
   {
     fs::create_symlink("hello/behavior.xar", directory / "old" / "link");
-    write(directory / "new" / "more" / "file", std::string(100000, 'x'));
+    writeFile(directory / "new" / "more" / "file", std::string(100000, 'x'));
     ZipWriter(directory / "new.zip")
         .package(manifest("p", "2"))
         .file("more/file", std::string(100000, 'x'), 0755)
@@ -127,74 +106,52 @@ protected:
     std::vector<std::string> tree;
     if (fs::exists(folder))
       for (const auto& entry : fs::recursive_directory_iterator(folder))
-        tree.push_back(entry.path().lexically_relative(folder).string() + (entry.is_regular_file() ? ": " + read(entry) : ""));
+        tree.push_back(entry.path().lexically_relative(folder).string() + (entry.is_regular_file() ? ": " + readFile(entry) : ""));
     std::sort(tree.begin(), tree.end());
     return tree;
+  }
+
+  /// At each operation of the change in turn.
+  void playWith(std::initializer_list<Fault> faults) const
+  {
+    const auto before = treeOf(root / "p");
+    play();
+    const auto after = treeOf(root / "p");
+    ASSERT_NE(before, after);
+    for (const auto fault : faults)
+      for (int operation = 1;; ++operation)
+      {
+        SCOPED_TRACE("fault " + std::to_string(static_cast<int>(fault)) + " at operation " + std::to_string(operation));
+        setUp();
+        const auto [happened, failure] = TestSupport::tryWith(fault, operation, [this] { play(); });
+        if (!happened)
+        {
+          EXPECT_GT(operation, 3);
+          break;
+        }
+        const bool killed = fault == Fault::KillBefore || fault == Fault::KillAfter;
+        EXPECT_TRUE(killed || treeOf(root / "p") == (failure.empty() ? after : before)) << failure;
+        EXPECT_THAT(failure, testing::AnyOf(IsEmpty(), HasSubstr("No space left on device"), HasSubstr("Input/output error")));
+        (void)versions();
+        EXPECT_THAT(treeOf(root / "p"), testing::AnyOf(before, after));
+        EXPECT_THAT(namesIn(root), testing::AnyOf(IsEmpty(), ElementsAre("p"))) << "the start has not cleared up";
+      }
+    setUp();
+    play();
+    EXPECT_EQ(treeOf(root / "p"), after) << "the next change does not succeed";
   }
 
   const Change change = GetParam();
   std::string source = change.after;
 };
 
-TEST_P(ChangedStore, killAtAnyFileOperationLeavesTheOldOrTheNewWhole)
-{
-  const auto before = treeOf(root / "p");
-  play();
-  const auto after = treeOf(root / "p");
-  ASSERT_NE(before, after);
-  for (const auto fault : {Fault::KillBefore, Fault::KillAfter})
-    for (int operation = 1;; ++operation)
-    {
-      setUp();
-      if (!TestSupport::isKilledAt(fault, operation, [this] { play(); }))
-      {
-        EXPECT_GT(operation, 3);
-        break;
-      }
-      SCOPED_TRACE("killed " + std::string(fault == Fault::KillBefore ? "before" : "after") + " operation " + std::to_string(operation));
-      (void)versions();
-      EXPECT_THAT(treeOf(root / "p"), testing::AnyOf(before, after));
-      EXPECT_THAT(names(root), testing::AnyOf(IsEmpty(), ElementsAre("p"))) << "the start has not cleared up";
-    }
-}
+TEST_P(ChangedStore, killAtAnyFileOperationLeavesTheOldOrTheNewWhole) { playWith({Fault::KillBefore, Fault::KillAfter}); }
 
 TEST_P(ChangedStore, fileOperationThatFailsFailsTheChangeOrIsOfNoMatter)
 {
   if (source == "new")
     source = "new.zip";
-  const auto before = treeOf(root / "p");
-  play();
-  const auto after = treeOf(root / "p");
-  for (const auto fault : {Fault::Error, Fault::DiskFull})
-    for (int operation = 1;; ++operation)
-    {
-      SCOPED_TRACE("operation " + std::to_string(operation) + (fault == Fault::DiskFull ? " finds the disk full" : " fails"));
-      setUp();
-      std::string failure;
-      {
-        const TestSupport::Injection injection(fault, operation);
-        try
-        {
-          play();
-        }
-        catch (const std::exception& error)
-        {
-          failure = error.what();
-        }
-        if (!injection.happened())
-        {
-          EXPECT_GT(operation, 3);
-          break;
-        }
-      }
-      EXPECT_EQ(treeOf(root / "p"), failure.empty() ? after : before) << failure;
-      EXPECT_THAT(failure, testing::AnyOf(IsEmpty(), HasSubstr("No space left on device"), HasSubstr("Input/output error")));
-      (void)versions();
-      EXPECT_THAT(names(root), testing::AnyOf(IsEmpty(), ElementsAre("p"))) << "the start has not cleared up";
-      setUp();
-      play();
-      EXPECT_EQ(treeOf(root / "p"), after) << "the next change does not succeed";
-    }
+  playWith({Fault::Error, Fault::DiskFull});
 }
 
 INSTANTIATE_TEST_SUITE_P(Store, ChangedStore, testing::ValuesIn(changes), [](const auto& info) { return std::string(info.param.name); });
@@ -205,18 +162,18 @@ TEST_F(Store, damagedPackagesAreLoggedByPlaceAndTheRestIsLoaded)
   for (const std::string name : {"noproject", "noinstaller", "impostor", "othername"})
   {
     fs::copy(root / "p", root / name, fs::copy_options::recursive);
-    write(root / name / "manifest.xml", manifest(name == "othername" ? "else" : name));
+    writeFile(root / name / "manifest.xml", manifest(name == "othername" ? "else" : name));
   }
   fs::remove(root / "noproject" / "hello" / "behavior.xar");
   fs::remove(root / "noinstaller" / ".installer");
-  write(root / "impostor" / ".installer", "system\n");
-  write(root / "stray", "x");
+  writeFile(root / "impostor" / ".installer", "system\n");
+  writeFile(root / "stray", "x");
   fs::create_directory_symlink(directory / "new", root / "link");
   const vu::log::Capture log;
   EXPECT_THAT(versions(), UnorderedElementsAre("p 1 alice"));
   for (const auto* name : {"noproject", "noinstaller", "impostor", "othername", "stray", "link"})
     EXPECT_EQ(log.count(vu::log::Level::Error, (root / name).string() + "\" is damaged"), 1U) << name;
-  EXPECT_EQ(names(root).size(), 7U) << "something was deleted";
+  EXPECT_EQ(namesIn(root).size(), 7U) << "something was deleted";
 }
 
 } // namespace

@@ -1,9 +1,9 @@
-#include <fstream>
 #include <functional>
 
 #include <gmock/gmock.h>
 
 #include <rundatabase.hpp>
+#include <testing/files.hpp>
 #include <vu/log.hpp>
 
 namespace ZB
@@ -14,8 +14,6 @@ namespace fs = std::filesystem;
 class RunDatabaseTest : public testing::Test
 {
 protected:
-  ~RunDatabaseTest() override { fs::remove_all(file.parent_path()); }
-
   static vu::Value write(RunDatabase& database, std::int64_t id, bool ended = true)
   {
     ZB::Run run{id, "demo/t", "fm-1", "alice", 1000, std::nullopt, ZB::Run::Outcome::Running, "", "", ""};
@@ -37,7 +35,19 @@ protected:
     return ids;
   }
 
-  fs::path file = fs::path(mkdtemp((fs::temp_directory_path() / "rundatabase-XXXXXX").string().data())) / "history.db";
+  /// The bytes of a history of 200 runs.
+  std::string filled() const
+  {
+    {
+      RunDatabase whole(file, 1000);
+      for (int id = 1; id <= 200; ++id)
+        write(whole, id);
+    }
+    return TestSupport::readFile(file);
+  }
+
+  const TestSupport::TemporaryDirectory directory;
+  const fs::path file = directory / "history.db";
 };
 
 TEST_F(RunDatabaseTest, RunsComeBackWholeAndThoseLeftOpenAreLost)
@@ -73,11 +83,6 @@ TEST_F(RunDatabaseTest, OldRunsGoButForThoseThatStillPlay)
 
 TEST_F(RunDatabaseTest, AFileThatIsNoHistoryIsSetAsideAndANewOneBegun)
 {
-  const auto contents = [](const fs::path& path)
-  {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-  };
   const auto sql = [this](const char* statement)
   {
     sqlite3* connection = nullptr;
@@ -85,31 +90,49 @@ TEST_F(RunDatabaseTest, AFileThatIsNoHistoryIsSetAsideAndANewOneBegun)
     EXPECT_EQ(sqlite3_exec(connection, statement, nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(connection);
   };
-  const auto fill = [this]
-  {
-    RunDatabase whole(file, 1000);
-    for (int id = 1; id <= 200; ++id)
-      write(whole, id);
-  };
   const std::vector<std::pair<const char*, std::function<void()>>> faults{
-      {"no database", [&] { std::ofstream(file) << std::string(5000, 'x'); }},
+      {"no database", [&] { TestSupport::writeFile(file, std::string(5000, 'x')); }},
       {"of a later version", [&] { sql("PRAGMA user_version = 7"); }},
       {"with other tables", [&] { sql("CREATE TABLE runs (id INTEGER, what TEXT)"); }},
-      {"cut off", [&] { fill(), fs::resize_file(file, 6000); }},
-      {"damaged inside", [&] { fill(), std::fstream(file, std::ios::in | std::ios::out).seekp(4096) << std::string(8192, '\xFF'); }}};
+      {"cut off", [&] { TestSupport::writeFile(file, filled().substr(0, 6000)); }},
+      {"damaged inside", [&] { TestSupport::writeFile(file, filled().replace(4096, 8192, 8192, '\xFF')); }}};
   for (const auto& [what, prepare] : faults)
   {
     SCOPED_TRACE(what);
-    for (const auto* suffix : {"", "-wal", "-shm"})
-      fs::remove(file.string() + suffix);
+    for (const auto& name : TestSupport::namesIn(directory))
+      fs::remove(directory / name);
     prepare();
-    const auto before = contents(file);
+    const auto before = TestSupport::readFile(file);
     const vu::log::Capture log;
     RunDatabase database(file, 10);
     EXPECT_EQ(database.begin(), 0);
     write(database, 1);
     EXPECT_THAT(ids(database), testing::ElementsAre(1));
-    EXPECT_TRUE(contents(file.string() + ".damaged") == before);
+    EXPECT_TRUE(TestSupport::readFile(file.string() + ".damaged") == before);
+  }
+}
+
+TEST_F(RunDatabaseTest, TheLogOfAHistoryThatHasGoneOrWasReplacedBringsNothingBack)
+{
+  const auto log = file.string() + "-wal";
+  const auto size = filled().size();
+  std::string old;
+  {
+    RunDatabase running(file, 1000);
+    write(running, 201);
+    old = TestSupport::readFile(log);
+    ASSERT_FALSE(old.empty());
+  }
+  for (const auto& replacement : {std::string(), std::string(size, 'x')})
+  {
+    fs::remove(file);
+    if (!replacement.empty())
+      TestSupport::writeFile(file, replacement);
+    TestSupport::writeFile(log, old);
+    RunDatabase database(file, 10);
+    EXPECT_EQ(database.begin(), 0);
+    write(database, 1);
+    EXPECT_THAT(ids(database), testing::ElementsAre(1));
   }
 }
 

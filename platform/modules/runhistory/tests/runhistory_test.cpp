@@ -1,4 +1,3 @@
-#include <fstream>
 #include <random>
 #include <thread>
 
@@ -7,6 +6,10 @@
 #include <behaviormanager/behaviormanager.hpp>
 #include <packagemanager.hpp>
 #include <runhistory.hpp>
+#include <testing/errors.hpp>
+#include <testing/files.hpp>
+#include <testing/journal.hpp>
+#include <testing/waiting.hpp>
 #include <vu/log.hpp>
 #include <zb/zbproxy.hpp>
 #include <zbframemanager.hpp>
@@ -22,16 +25,10 @@ namespace fs = std::filesystem;
 class RunHistoryTest : public testing::Test
 {
 protected:
-  ~RunHistoryTest() override
-  {
-    broker->shutdown();
-    fs::remove_all(root);
-  }
+  ~RunHistoryTest() override { broker->shutdown(); }
 
   void startFrames(const vu::Value& settings = vu::Value::object())
   {
-    for (const char* directory : {"packages", "preferences", "sources"})
-      fs::create_directories(root / directory);
     broker = ZBBroker::create({{}, {{"root", root.string()}, {"history", settings}}});
     broker->createModule<ZBMemory>("ZBMemory");
     broker->createModule<ZBPreferences>("ZBPreferences");
@@ -45,19 +42,9 @@ protected:
     broker->createModule<BehaviorManager::ZBBehaviorManager>("ZBBehaviorManager");
   }
 
-  /// A package, from its behaviors' paths and steps.
   fs::path source(const std::string& uuid, const std::map<std::string, std::string>& behaviors) const
   {
-    const auto directory = root / "sources" / uuid;
-    std::string manifest;
-    for (const auto& [path, steps] : behaviors)
-    {
-      manifest += "<behavior path=\"" + path + "\"/>";
-      fs::create_directories(directory / path);
-      std::ofstream(directory / path / "behavior.xar") << "<project format=\"1\" name=\"t\">\n" + steps + "\n</project>";
-    }
-    std::ofstream(directory / "manifest.xml") << "<package uuid=\"" + uuid + "\">" + manifest + "</package>";
-    return directory;
+    return TestSupport::writePackage(root / "sources" / uuid, uuid, behaviors);
   }
   void install(const fs::path& directory)
   {
@@ -72,13 +59,16 @@ protected:
   /// The last run, once it has ended; null when it does not in time.
   vu::Value lastEnded() const
   {
-    for (const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20); std::chrono::steady_clock::now() < limit;)
-    {
-      broker->pool()->waitUntilIdle();
-      if (const auto runs = history->getRuns(1); !runs.empty() && runs[0]["outcome"] != "running")
-        return runs[0];
-    }
-    return {};
+    vu::Value run;
+    TestSupport::eventually(
+        [&]
+        {
+          broker->pool()->waitUntilIdle();
+          const auto runs = history->getRuns(1);
+          run = runs.empty() || runs[0]["outcome"] == "running" ? vu::Value() : runs[0];
+          return !run.is_null();
+        });
+    return run;
   }
   /// What is on disk, by instance, when the broker has gone.
   std::map<std::string, vu::Value> written()
@@ -90,7 +80,7 @@ protected:
     return runs;
   }
 
-  const fs::path root = mkdtemp((fs::temp_directory_path() / "runhistory-XXXXXX").string().data());
+  const TestSupport::TemporaryDirectory root;
   std::shared_ptr<ZBBroker> broker;
   ZBFrameManager* frames = nullptr;
   RunHistory* history = nullptr;
@@ -105,14 +95,22 @@ TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
     service.connect<vu::Value>(signal, [&told](const vu::Value& run) { told.push_back(run); }).value();
   const std::string endless = "<wait seconds=\"1000\"/>";
   const std::string stopSelf = "<call service=\"ZBBehaviorManager\" method=\"stopBehavior\" arguments='[\"demo/self\"]'/>";
-  install(source("demo", {{"short", ""}, {"broken", "<fail reason=\"no arm\"/>"}, {"long", endless}, {"self", stopSelf + endless}}));
+  std::string wordy = "x";
+  for (int i = 0; i < 3000; ++i)
+    wordy += "ä"; // two bytes, so that a cut at an even place falls between them
+  install(source("demo", {{"short", ""},
+                          {"broken", "<fail reason=\"no arm\"/>"},
+                          {"wordy", "<fail reason=\"" + wordy + "\"/>"},
+                          {"long", endless},
+                          {"self", stopSelf + endless}}));
   install(source("guests", {{"removed", endless}}));
   const auto tools = source("tools", {{"replaced", endless}});
   install(tools);
 
-  const std::vector<std::tuple<const char*, const char*, const char*, const char*, std::function<void()>>> cases{
+  const std::vector<std::tuple<const char*, const char*, std::string, const char*, std::function<void()>>> cases{
       {"demo/short", "finished", "ended by itself", "", [] {}},
       {"demo/broken", "failed", "failed at fail (broken/behavior.xar:2): no arm", "", [] {}},
+      {"demo/wordy", "failed", "failed at fail (wordy/behavior.xar:2): " + wordy.substr(0, 4095) + "\uFFFD", "", [] {}},
       {"demo/long", "stopped", "stopped by bob", "bob", [&] { as("bob", "stopBehavior", "demo/long"); }},
       {"demo/self", "stopped", "stopped by alice", "alice", [] {}},
       {"guests/removed", "removed", "package removed", "", [&] { as("bob", "remove", "guests", "PackageManager"); }},
@@ -141,15 +139,15 @@ TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
   as("alice", "preloadBehavior", "demo/long"); // not played: no run
   as("alice", "stopBehavior", "demo/long");
   const auto statistics = history->getStatistics();
-  EXPECT_EQ(statistics["starts"], 6);
-  EXPECT_EQ(statistics["outcomes"], (vu::Value{{"finished", 1}, {"failed", 1}, {"stopped", 2}, {"removed", 2}, {"shutdown", 0}}));
-  EXPECT_EQ(statistics["durations"]["count"], 6);
+  EXPECT_EQ(statistics["starts"], 7);
+  EXPECT_EQ(statistics["outcomes"], (vu::Value{{"finished", 1}, {"failed", 2}, {"stopped", 2}, {"removed", 2}, {"shutdown", 0}}));
+  EXPECT_EQ(statistics["durations"]["count"], 7);
 
   as("alice", "startBehavior", "demo/long");
   const auto direct = frames->createBehavior((root / "sources/demo").string(), "long/behavior.xar", "direct");
   frames->playBehavior(direct); // outlives the behavior manager and the history
   const auto runs = written();
-  EXPECT_EQ(runs.size(), 8U);
+  EXPECT_EQ(runs.size(), 9U);
   EXPECT_EQ(runs.at(direct)["reason"], "host shut down");
   EXPECT_EQ(std::count_if(runs.begin(), runs.end(), [](const auto& run) { return run.second["outcome"] == "shutdown"; }), 2);
 }
@@ -204,41 +202,32 @@ TEST_F(RunHistoryTest, AStormLeavesOneEndedRunForEveryPlay)
   const std::vector<std::string> names{"storm/long", "storm/empty", "storm/fail"};
   const auto package = source("storm", {{"long", "<wait seconds=\"1000\"/>"}, {"empty", ""}, {"fail", "<fail reason=\"no arm\"/>"}});
   install(package);
-  std::mutex mutex; // guards played
-  std::set<std::string> played;
-  frames->instanceStarted.connect(
-      [&](const std::string& id, const std::string&, const std::string&)
-      {
-        const std::lock_guard lock(mutex);
-        played.insert(id);
-      });
+  TestSupport::Journal played;
+  frames->instanceStarted.connect([&](const std::string& id, const std::string&, const std::string&) { played.add(id); });
+  const auto act = [&](unsigned client, int i, unsigned random)
+  {
+    if (client == 0 && i % 10 == 9)
+      ZBProxy(broker, "PackageManager").call("install", package.string(), "test");
+    else if (client == 1)
+      history->getRuns(50);
+    else
+      as("client", random % 3 == 0 ? "stopBehavior" : "startBehavior", names[random / 3 % names.size()]);
+  };
   std::vector<std::jthread> clients;
   for (unsigned client = 0; client < 6; ++client)
     clients.emplace_back(
         [&, client]
         {
           std::mt19937 random(client);
-          for (int i = 0; i < 60; ++i)
-            try
-            {
-              if (client == 0 && i % 10 == 9)
-                ZBProxy(broker, "PackageManager").call("install", package.string(), "test");
-              else if (client == 1)
-                history->getRuns(50);
-              else
-                as("client", random() % 3 == 0 ? "stopBehavior" : "startBehavior", names[random() % names.size()]);
-            }
-            catch (const ZBError&)
-            {
-              // Not installed for the moment, running already, or deleted before it was played.
-            }
+          for (int i = 0; i < 60; ++i) // not installed for the moment, running already, or deleted before it was played
+            TestSupport::errorOf([&] { act(client, i, random()); });
         });
   clients.clear();
-  std::set<std::string> ended;
+  std::vector<std::string> ended;
   for (const auto& [instance, run] : written())
     if (!run["end"].is_null())
-      ended.insert(instance);
-  EXPECT_EQ(ended, played);
+      ended.push_back(instance);
+  EXPECT_THAT(ended, testing::UnorderedElementsAreArray(played.lines()));
 }
 
 } // namespace ZB

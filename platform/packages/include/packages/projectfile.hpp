@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-namespace ZB::FrameManager
+namespace packages
 {
 
 /// The longest project file that is read, in bytes.
@@ -15,10 +15,10 @@ struct ProjectFile
   std::string text;
 };
 
-/// Reads a package's project file whole. Throws std::runtime_error that names
+/// Reads a package's project file whole. Throws a PackageError that names
 /// directory or file: for a directory that is empty, relative or missing, a
 /// file that is absolute, missing, no regular file or too long, and for one
 /// that lies outside the directory, through ".." or a link.
 ProjectFile loadProjectFile(const std::string& packageDirectory, const std::string& projectFile);
 
-} // namespace ZB::FrameManager
+} // namespace packages

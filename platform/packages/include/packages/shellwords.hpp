@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ZB::FrameManager
+namespace packages
 {
 
 /// Splits as a shell splits words, and does nothing else that a shell does:
@@ -14,4 +14,4 @@ namespace ZB::FrameManager
 /// at the end.
 std::vector<std::string> shellWords(std::string_view text);
 
-} // namespace ZB::FrameManager
+} // namespace packages

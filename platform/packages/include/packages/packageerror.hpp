@@ -3,9 +3,8 @@
 #include <string>
 
 #include <vu/error.hpp>
-#include <vu/text.hpp>
 
-namespace ZB
+namespace packages
 {
 
 /// Something is wrong with a package. The text says where in it and what, for
@@ -13,9 +12,7 @@ namespace ZB
 class PackageError : public vu::ServiceError
 {
 public:
-  explicit PackageError(const std::string& text) : ServiceError("PackageManager", "", text) {}
+  explicit PackageError(const std::string& text) : ServiceError("packages", "", text) {}
 };
 
-using vu::inQuotes;
-
-} // namespace ZB
+} // namespace packages

@@ -1,4 +1,4 @@
-#include <projectreader.hpp>
+#include <packages/projectreader.hpp>
 
 #include <algorithm>
 #include <charconv>
@@ -11,10 +11,11 @@
 #include <boost/locale/utf.hpp>
 #include <pugixml.hpp>
 
-#include <projectfile.hpp>
-#include <shellwords.hpp>
+#include <packages/packageerror.hpp>
+#include <packages/projectfile.hpp>
+#include <packages/shellwords.hpp>
 
-namespace ZB::FrameManager
+namespace packages
 {
 
 namespace
@@ -64,7 +65,7 @@ private:
   [[noreturn]] void fault(std::size_t offset, const std::string& what) const
   {
     offset = std::min(offset, _text.size());
-    throw std::runtime_error(_file + ":" + std::to_string(line(offset)) + " (offset " + std::to_string(offset) + "): " + what);
+    throw PackageError(_file + ":" + std::to_string(line(offset)) + " (offset " + std::to_string(offset) + "): " + what);
   }
 
   [[noreturn]] void fault(pugi::xml_node node, const std::string& what) const { fault(offset(node), what); }
@@ -337,4 +338,4 @@ Project readProject(const std::string& packageDirectory, const std::string& proj
   return project;
 }
 
-} // namespace ZB::FrameManager
+} // namespace packages

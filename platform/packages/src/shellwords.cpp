@@ -1,10 +1,10 @@
-#include <shellwords.hpp>
+#include <packages/shellwords.hpp>
 
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
-namespace ZB::FrameManager
+namespace packages
 {
 
 std::vector<std::string> shellWords(std::string_view text)
@@ -47,4 +47,4 @@ std::vector<std::string> shellWords(std::string_view text)
   return words;
 }
 
-} // namespace ZB::FrameManager
+} // namespace packages

@@ -1,4 +1,4 @@
-#include <manifest.hpp>
+#include <packages/manifest.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -10,11 +10,14 @@
 
 #include <pugixml.hpp>
 
-#include <packageerror.hpp>
+#include <packages/packageerror.hpp>
 #include <storage/durablefile.hpp>
+#include <vu/text.hpp>
 
-namespace ZB
+namespace packages
 {
+
+using vu::inQuotes;
 
 namespace fs = std::filesystem;
 
@@ -241,4 +244,4 @@ vu::PackageInfo::Data readManifest(const fs::path& directory)
   return ManifestReader(text).read(directory);
 }
 
-} // namespace ZB
+} // namespace packages

@@ -1,18 +1,12 @@
-#include <projectfile.hpp>
+#include <packages/projectfile.hpp>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <stdexcept>
 #include <system_error>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <packages/packageerror.hpp>
+#include <storage/durablefile.hpp>
 
-#include <filedescriptor.hpp>
-
-namespace ZB::FrameManager
+namespace packages
 {
 
 namespace
@@ -20,7 +14,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void refuse(const std::string& text) { throw std::runtime_error(text); }
+[[noreturn]] void refuse(const std::string& text) { throw PackageError(text); }
 
 fs::path existing(const fs::path& path, const char* what)
 {
@@ -38,28 +32,18 @@ bool isInside(const fs::path& path, const fs::path& directory)
 
 std::string readWhole(const fs::path& path)
 {
-  // Not blocking: a pipe of that name would be waited for.
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status = {};
-  if (!file || ::fstat(file.get(), &status) != 0)
-    refuse("the project file " + path.string() + " cannot be read: " + std::generic_category().message(errno));
-  if (!S_ISREG(status.st_mode))
-    refuse("the project file " + path.string() + " is not a regular file");
-  std::string text;
-  for (std::array<char, 16384> part;;)
+  try
   {
-    const auto count = ::read(file.get(), part.data(), part.size());
-    if (count < 0 && errno == EINTR)
-      continue;
-    if (count < 0)
-      refuse("the project file " + path.string() + " cannot be read: " + std::generic_category().message(errno));
-    if (count == 0)
-      break;
-    text.append(part.data(), static_cast<std::size_t>(count));
-    if (text.size() > projectFileLimit)
-      refuse("the project file " + path.string() + " is longer than " + std::to_string(projectFileLimit) + " bytes");
+    if (!fs::is_regular_file(path))
+      refuse("the project file " + path.string() + " is not a regular file");
+    return storage::readFile(path, projectFileLimit);
   }
-  return text;
+  catch (const fs::filesystem_error& error)
+  {
+    if (error.code() == std::errc::file_too_large)
+      refuse("the project file " + path.string() + " is longer than " + std::to_string(projectFileLimit) + " bytes");
+    refuse("the project file " + path.string() + " cannot be read: " + error.code().message());
+  }
 }
 
 } // namespace
@@ -81,4 +65,4 @@ ProjectFile loadProjectFile(const std::string& packageDirectory, const std::stri
   return {std::move(path), std::move(text)};
 }
 
-} // namespace ZB::FrameManager
+} // namespace packages

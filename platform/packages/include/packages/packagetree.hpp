@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-namespace ZB
+namespace packages
 {
 
 /// The hidden file of an installed package that names its installer.
@@ -18,4 +18,4 @@ void copyTree(const std::filesystem::path& source, const std::filesystem::path& 
 /// leads nowhere, or an installer's file.
 void checkTree(const std::filesystem::path& directory);
 
-} // namespace ZB
+} // namespace packages

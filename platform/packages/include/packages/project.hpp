@@ -12,7 +12,7 @@
 
 /// A project as it stands in its file (docs/packages.md describes the format).
 /// Nothing here changes once it has been read.
-namespace ZB::FrameManager
+namespace packages
 {
 
 struct ProjectStep;
@@ -78,4 +78,4 @@ struct Project
   std::filesystem::path directory; ///< of the project file; where its programs run
 };
 
-} // namespace ZB::FrameManager
+} // namespace packages

@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <projectfile.hpp>
-#include <projectreader.hpp>
-#include <shellwords.hpp>
+#include <packages/projectfile.hpp>
+#include <packages/projectreader.hpp>
+#include <packages/shellwords.hpp>
 #include <testing/errors.hpp>
 #include <testing/files.hpp>
 
-using namespace ZB::FrameManager;
+using namespace packages;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -4,7 +4,7 @@
 
 #include <vu/packageinfo.hpp>
 
-namespace ZB
+namespace packages
 {
 
 inline constexpr const char* manifestFile = "manifest.xml";
@@ -16,4 +16,4 @@ inline constexpr const char* projectFile = "behavior.xar";
 /// Throws a PackageError with line and offset of the fault.
 vu::PackageInfo::Data readManifest(const std::filesystem::path& directory);
 
-} // namespace ZB
+} // namespace packages

@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include <project.hpp>
+#include <packages/project.hpp>
 
-namespace ZB::FrameManager
+namespace packages
 {
 
 /// How deep steps may stand in each other, and values in event values and
@@ -16,7 +16,7 @@ inline constexpr double projectSecondsLimit = 1e9;
 inline constexpr std::uint64_t projectCountLimit = 1'000'000'000;
 
 /// Reads a project whole (see loadProjectFile()). A fault is a
-/// std::runtime_error whose text begins with the file, the line and the offset
+/// PackageError whose text begins with the file, the line and the offset
 /// in bytes: "/p/hello/behavior.xar:12 (offset 345): …".
 Project readProject(const std::string& packageDirectory, const std::string& projectFile);
 
@@ -24,4 +24,4 @@ Project readProject(const std::string& packageDirectory, const std::string& proj
 /// steps' titles.
 Project parseProject(const std::string& text, const std::string& file, const std::string& shortName);
 
-} // namespace ZB::FrameManager
+} // namespace packages

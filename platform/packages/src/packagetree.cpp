@@ -1,12 +1,15 @@
-#include <packagetree.hpp>
+#include <packages/packagetree.hpp>
 
 #include <deque>
 #include <string>
 
-#include <packageerror.hpp>
+#include <packages/packageerror.hpp>
+#include <vu/text.hpp>
 
-namespace ZB
+namespace packages
 {
+
+using vu::inQuotes;
 
 namespace fs = std::filesystem;
 
@@ -100,4 +103,4 @@ void checkTree(const fs::path& directory)
   }
 }
 
-} // namespace ZB
+} // namespace packages
