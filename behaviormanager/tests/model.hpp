@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -7,8 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include <boost/algorithm/string.hpp>
+
 #include <vu/packageinfo.hpp>
 #include <vu/value.hpp>
+#include <zb/zberror.hpp>
 
 #include "standins.hpp"
 
@@ -22,6 +27,8 @@ class Model
 {
 public:
   using Script = StandInFrameManager::Script;
+  using Names = std::vector<std::string>;
+  using Failure = std::optional<std::string>;
 
   struct Run
   {
@@ -31,71 +38,446 @@ public:
     std::optional<std::string> outcome; // of one that has ended: the error's text
   };
 
-  /// The result as JSON, or "module.method: description" of the error. A run's
-  /// result is its number in runs().
-  std::string call(const std::string& method, const std::string& argument);
-  void install(const vu::PackageInfo& package);
-  void remove(const vu::PackageInfo& package);
-  /// An instance ends by itself.
-  void end(const std::string& id, const std::optional<std::string>& failure);
-  /// The frame manager's reports of the ends since the last time, and what follows from them.
-  void report();
-
-  std::set<std::string> behaviorsToPlay() const;
-  /// Also one that its package's removal did not take along.
-  bool holdsInstance(const vu::PackageInfo& package) const;
-  std::size_t connections() const { return 2 * _connected.size(); }
-  const std::vector<Run>& runs() const { return _runs; }
-  const std::map<std::string, std::string>& instances() const { return _instances; }
-  const std::vector<vu::PackageInfo>& packages() const { return _packages; }
-
-  std::vector<std::string> announced;
+  Names announced;
   std::map<std::string, Script> scripts;
   std::set<std::string> refusedToLoad;
-  std::set<std::string> missingDirectories; // of installed behaviors
-  std::optional<std::string> defaults;      // the preference file's value
+  std::set<std::string> missingDirectories;     // of installed behaviors
+  std::string defaults;                         // the preference file's value
+  std::vector<vu::PackageInfo> packages;        // installed
+  std::map<std::string, std::string> instances; // held by the frame manager: id to path
+  std::vector<Run> runs;
+  std::set<std::string> connected; // ids of plays
+
+  /// The result as JSON, or "module.method: description" of the error. A run's
+  /// result is its number in `runs`.
+  std::string call(const std::string& method, const std::string& argument)
+  {
+    try
+    {
+      return answer(method, argument).dump();
+    }
+    catch (const ZBError& error)
+    {
+      return error.module() + "." + error.method() + ": " + error.description();
+    }
+  }
+
+  void install(const vu::PackageInfo& package)
+  {
+    for (const auto& known : packages)
+      if (known.uuid() == package.uuid())
+        return;
+    packages.push_back(package);
+    change(package, "Added", [this](const std::string& name) { unload(name); }); // also what an earlier removal left behind
+  }
+
+  void remove(const vu::PackageInfo& package)
+  {
+    const auto isSame = [&](const auto& each) { return each.uuid() == package.uuid(); };
+    if (std::erase_if(packages, isSame) == 0)
+      return;
+    change(package, "Removed",
+           [this](const std::string& name)
+           {
+             unload(name);
+             setState(name, Unknown);
+           });
+  }
+
+  /// An instance ends by itself.
+  void end(const std::string& id, const Failure& failure)
+  {
+    instances.erase(id);
+    _ended.emplace_back(id, failure);
+  }
+
+  /// The frame manager's reports of the ends since the last time, and what follows from them.
+  void report()
+  {
+    for (const auto& [id, failure] : std::exchange(_ended, {}))
+    {
+      const auto path = _index.count(id) != 0 ? _index[id] : std::string();
+      if (connected.erase(id) != 0 && !path.empty())
+      {
+        if (failure)
+        {
+          signal("behaviorFailed", {path, id, *failure});
+          event("ZBBehaviorManager/BehaviorFailed", {path, "the step", *failure});
+        }
+        if (isInstalled(path))
+        {
+          setId(path, "");
+          setState(path, Stopped);
+        }
+      }
+      for (auto& run : runs)
+        if (run.id == id)
+        {
+          if (_records[run.path].id == id)
+            unload(run.path);
+          if (run.name.starts_with("System/"))
+            call("preloadBehavior", run.path);
+          run.outcome = failure.value_or("");
+        }
+    }
+  }
+
+  std::set<std::string> behaviorsToPlay() const
+  {
+    auto names = readDefaults();
+    if (isInstalled(".default"))
+    {
+      names.erase(resolve(".default").path);
+      names.insert(".default");
+    }
+    std::erase_if(names, [this](const std::string& name) { return !isInstalled(name); });
+    return names;
+  }
+
+  /// Also one that its package's removal did not take along.
+  bool holdsInstance(const vu::PackageInfo& package)
+  {
+    const auto behaviors = package.behaviors();
+    return std::any_of(behaviors.begin(), behaviors.end(),
+                       [&](const auto& behavior) { return !_records[nameOf(package, behavior)].id.empty(); });
+  }
 
 private:
+  enum State
+  {
+    Unknown,
+    Stopped,
+    Loaded,
+    Running
+  };
   struct Record
   {
-    int state = 0;
+    int state = Unknown;
     std::string id;
   };
   struct Resolved
   {
-    std::string path;
-    std::string package;
-    std::string behavior = ".";
+    std::string path, package, behavior = ".";
   };
 
-  Resolved resolve(const std::string& name) const;
-  bool isInstalled(const std::string& name) const;
-  std::vector<std::string> listed(bool system, bool user, const std::string& prefix = {}) const;
-  std::vector<std::string> tags(const std::string& name) const;
-  std::vector<std::string> tagged(const std::string& tag) const;
-  std::string nature(const std::string& name) const;
-  std::vector<std::string> inState(bool running) const;
-  void setState(const std::string& path, int state);
-  void setId(const std::string& path, const std::string& id);
-  bool load(const std::string& name);
-  void start(const std::string& name);
-  std::size_t run(const std::string& name);
-  void stop(const std::string& name);
-  void unload(const std::string& path);
-  void finish(Run& run, const std::optional<std::string>& failure);
-  std::set<std::string> readDefaults() const;
-  void changeDefault(const std::string& name, bool add);
-  void playDefaults();
-  void signal(const std::string& name, const vu::Value& arguments);
-  void event(const std::string& key, const vu::Value& value);
+  [[noreturn]] static void fail(const std::string& method, const std::string& description)
+  {
+    throw ZBError("ZBBehaviorManager", method, description);
+  }
 
-  std::vector<vu::PackageInfo> _packages;
+  static std::string nameOf(const vu::PackageInfo& package, const vu::BehaviorInfo& behavior)
+  {
+    return package.uuid() + "/" + behavior.path();
+  }
+
+  void forEach(const std::function<void(const vu::PackageInfo&, const vu::BehaviorInfo&)>& action) const
+  {
+    for (const auto& package : packages)
+      for (const auto& behavior : package.behaviors())
+        action(package, behavior);
+  }
+
+  vu::Value answer(const std::string& method, const std::string& argument)
+  {
+    using Answer = std::function<vu::Value()>;
+    const auto done = [](const auto& action) -> Answer { return [action] { return action(), vu::Value(); }; };
+    const std::map<std::string, Answer> answers{
+        {"preloadBehavior", [&] { return load(argument); }},
+        {"startBehavior", done([&] { start(argument); })},
+        {"runBehavior", [&] { return run(argument); }},
+        {"stopBehavior", done([&] { stop(argument); })},
+        {"stopAllBehaviors", done([&] { std::ranges::for_each(inState(true), [&](const auto& path) { stop(path); }); })},
+        {"isBehaviorInstalled", [&] { return isInstalled(argument); }},
+        {"isBehaviorPresent", [&] { return isInstalled(argument); }},
+        {"getInstalledBehaviors",
+         [&] {
+           return listed({{true, ""}, {false, ""}}, true);
+         }},
+        {"getUserBehaviorNames",
+         [&] {
+           return listed({{false, "User/"}});
+         }},
+        {"getSystemBehaviorNames",
+         [&] {
+           return listed({{true, "System/"}});
+         }},
+        {"getBehaviorNames",
+         [&] {
+           return listed({{false, "User/"}, {true, "System/"}});
+         }},
+        {"getBehaviorsByTag", [&] { return tagged(argument); }},
+        {"isBehaviorRunning", [&] { return _records[resolve(argument).path].state == Running; }},
+        {"isBehaviorLoaded", [&] { return _records[resolve(argument).path].state >= Loaded; }},
+        {"getRunningBehaviors", [&] { return inState(true); }},
+        {"getLoadedBehaviors", [&] { return inState(false); }},
+        {"getTagList", [&] { return tags(""); }},
+        {"getBehaviorTags", [&] { return tags(argument); }},
+        {"getBehaviorNature", [&] { return nature(argument); }},
+        {"_getBehaviorRelativePath", [&] { return resolve(behaviorOf(argument, "getBehaviorRelativePath")).behavior; }},
+        {"_getPackageUid", [&] { return resolve(behaviorOf(argument, "getPackageUid")).package; }},
+        {"addDefaultBehavior", done([&] { changeDefault(argument, true); })},
+        {"removeDefaultBehavior", done([&] { changeDefault(argument, false); })},
+        {"getDefaultBehaviors", [&] { return readDefaults(); }},
+        {"playDefaultProject", done([&] { playDefaults(); })},
+        {"_onDataChanged", done([&] { playDefaults(); })},
+        {"_getBehaviorFrameManagerId", [&] { return _records[installed(argument, "getBehaviorFrameManagerId", ".")].id; }},
+        {"resolveBehaviorName", [&] { return resolve(argument).path; }}};
+    return answers.at(method)();
+  }
+
+  Resolved resolve(const std::string& name) const
+  {
+    const bool onlySystem = name.starts_with("System/");
+    const bool onlyUser = name.starts_with("User/");
+    const auto selected = [&](const vu::PackageInfo& package) { return package.installer() == "system" ? !onlyUser : !onlySystem; };
+    const auto rest = onlySystem ? name.substr(7) : onlyUser ? name.substr(5) : name;
+    const auto slash = rest.find('/');
+    const auto uuid = rest.substr(0, slash);
+    auto relative = slash == std::string::npos ? std::string() : rest.substr(slash + 1);
+    if (relative.empty())
+      relative = ".";
+
+    std::vector<Resolved> byPackage, byPath;
+    forEach(
+        [&](const auto& package, const auto& behavior)
+        {
+          if (selected(package) && package.uuid() == uuid && behavior.path() == relative)
+            byPackage.push_back({nameOf(package, behavior), uuid, relative});
+          if (selected(package) && behavior.path() == name)
+            byPath.push_back({nameOf(package, behavior), package.uuid(), name});
+        });
+    if (!byPackage.empty())
+      return byPackage.front();
+    if (byPath.size() > 1)
+      fail("xResolveBehaviorName",
+           "Found several behaviors with the name \"" + name + "\". Please specify the package uuid in which to find the behavior.");
+    return byPath.empty() ? Resolved() : byPath.front();
+  }
+
+  std::string installed(const std::string& name, const std::string& method, const std::string& stop) const
+  {
+    const auto path = resolve(name).path;
+    if (path.empty())
+      fail(method, "behavior " + name + " is not installed" + stop);
+    return path;
+  }
+
+  bool isInstalled(const std::string& name) const
+  {
+    const auto path = resolve(name).path;
+    return !path.empty() && missingDirectories.count(path) == 0;
+  }
+
+  /// `parts`: whether of the system, and the prefix; all packages in one go, or part by part.
+  Names listed(const std::vector<std::pair<bool, std::string>>& parts, bool together = false) const
+  {
+    Names names;
+    for (const auto& [system, prefix] : parts)
+    {
+      forEach(
+          [&, system = system, prefix = prefix](const auto& package, const auto& behavior)
+          {
+            if (together || (package.installer() == "system") == system)
+              names.push_back(prefix + (behavior.path() == "." ? package.uuid() : nameOf(package, behavior)));
+          });
+      if (together)
+        break;
+    }
+    return names;
+  }
+
+  std::set<std::string> tags(const std::string& name) const
+  {
+    const auto path = resolve(name).path;
+    std::set<std::string> found;
+    forEach(
+        [&](const auto& package, const auto& behavior)
+        {
+          if (name.empty() || nameOf(package, behavior) == path)
+            for (const auto* locale : {"en_US", "en"})
+              for (const auto& tag : behavior.tags(locale))
+                found.insert(tag);
+        });
+    return found;
+  }
+
+  std::set<std::string> tagged(const std::string& tag) const
+  {
+    std::set<std::string> found;
+    forEach(
+        [&](const auto& package, const auto& behavior)
+        {
+          const auto tags = behavior.tags("en_US");
+          if (std::find(tags.begin(), tags.end(), tag) != tags.end())
+            found.insert(nameOf(package, behavior));
+        });
+    return found;
+  }
+
+  std::string nature(const std::string& name) const
+  {
+    if (name.empty())
+      fail("getBehaviorNature", "getBehaviorNature was called with an empty parameter.");
+    std::optional<std::string> found;
+    forEach(
+        [&, path = resolve(name).path](const auto& package, const auto& behavior)
+        {
+          if (nameOf(package, behavior) == path)
+            found = behavior.nature();
+        });
+    return found ? *found : (fail("getBehaviorNature", name + " was not found"), "");
+  }
+
+  std::string behaviorOf(const std::string& id, const std::string& method)
+  {
+    return _index.count(id) != 0 ? _index[id] : (fail(method, "invalid parameter"), "");
+  }
+
+  Names inState(bool running) const
+  {
+    Names paths;
+    for (const auto& [path, record] : _records)
+      if (record.state == Running || (!running && record.state == Loaded))
+        paths.push_back(path);
+    return paths;
+  }
+
+  void setState(const std::string& path, int state)
+  {
+    const auto old = std::exchange(_records[path].state, state);
+    if (old == state)
+      return;
+    if (state != Unknown)
+      signal(state == Loaded ? "behaviorLoaded" : state == Running ? "behaviorStarted" : "behaviorStopped", {path});
+    if (state == Loaded || (state < Loaded && old >= Loaded))
+      event("ZBBehaviorManager/BehaviorsLoaded", inState(false));
+    if (state == Running || (state < Loaded && old == Running))
+      event("BehaviorsRun", inState(true));
+  }
+
+  void setId(const std::string& path, const std::string& id)
+  {
+    auto& record = _records[path];
+    _index.erase(record.id);
+    record.id = id;
+    if (!id.empty())
+      _index[id] = path;
+  }
+
+  bool load(const std::string& name)
+  {
+    const auto path = installed(name, "preloadBehavior", ".");
+    if (_records[path].state >= Loaded)
+      return true;
+    const auto [same, package, behavior] = resolve(name);
+    announced.push_back("frames createBehavior " + path + " " + package + ":" +
+                        (behavior == "."              ? "behavior.xar"
+                         : behavior.ends_with(".xar") ? behavior
+                                                      : behavior + "/behavior.xar"));
+    if (refusedToLoad.count(path) != 0)
+      throw ZBError("ZBFrameManager", "createBehavior", "refused");
+    const auto id = "fm-" + std::to_string(++_lastId);
+    instances[id] = path;
+    setId(path, id);
+    setState(path, Loaded);
+    return true;
+  }
+
+  void start(const std::string& name, const std::string& method = "startBehavior")
+  {
+    const auto path = installed(name, method, "");
+    auto& record = _records[path];
+    if (record.state == Running)
+      fail("startBehavior", "behavior " + path + " is already running.");
+    try
+    {
+      load(path);
+    }
+    catch (const ZBError& error)
+    {
+      fail("startBehavior", "behavior " + path + " failed to load: " + error.description());
+    }
+    connected.insert(record.id);
+    announced.push_back("frames playBehavior " + record.id);
+    const auto script = instances.count(record.id) != 0 ? scripts[path] : Script::RefuseToPlay;
+    if (script == Script::RefuseToPlay)
+      fail("startBehavior", "behavior " + path + " has been unexpectedly deleted");
+    if (script != Script::Play)
+      end(record.id, script == Script::FailInPlay ? Failure("no arm") : std::nullopt);
+    setState(path, Running);
+  }
+
+  std::size_t run(const std::string& name)
+  {
+    start(name, "runBehavior");
+    const auto path = resolve(name).path;
+    runs.push_back({name, path, _records[path].id, std::nullopt});
+    return runs.size() - 1;
+  }
+
+  void stop(const std::string& name) { unload(installed(name, "stopBehavior", ".")); }
+
+  void unload(const std::string& path)
+  {
+    const auto id = _records[path].id;
+    if (instances.count(id) != 0)
+    {
+      announced.push_back("frames deleteBehavior " + id);
+      end(id, std::nullopt);
+    }
+    else
+      connected.erase(id); // nothing more is reported
+    setId(path, "");
+    setState(path, Stopped);
+  }
+
+  void change(const vu::PackageInfo& package, const std::string& what, const std::function<void(const std::string&)>& act)
+  {
+    auto names = vu::Value::array();
+    for (const auto& behavior : package.behaviors())
+    {
+      names.push_back(nameOf(package, behavior));
+      act(names.back());
+      event("ZBBehaviorManager/Behavior" + what, names.back());
+    }
+    signal("behaviors" + what, vu::Value::array({names}));
+    event("ZBBehaviorManager/Behaviors" + what, names);
+  }
+
+  std::set<std::string> readDefaults() const
+  {
+    std::set<std::string> names;
+    Names tokens;
+    for (const auto& token : boost::split(tokens, defaults, boost::is_any_of("\n")))
+      if (const auto path = resolve(token).path; !path.empty())
+        names.insert(path);
+    return names;
+  }
+
+  void changeDefault(const std::string& name, bool add)
+  {
+    auto names = readDefaults();
+    if (add)
+      names.insert(installed(name, "preloadBehavior", ""));
+    else if (!names.empty() && names.erase(name) == 0)
+      names.erase(resolve(name).path);
+    defaults.clear();
+    for (const auto& each : names)
+      defaults += each + "\n";
+  }
+
+  void playDefaults()
+  {
+    for (const auto& name : behaviorsToPlay())
+      call("runBehavior", name);
+  }
+
+  void signal(const std::string& name, const vu::Value& arguments) { announced.push_back("signal " + name + " " + arguments.dump()); }
+  void event(const std::string& key, const vu::Value& value) { announced.push_back("event " + key + " " + value.dump()); }
+
   std::map<std::string, Record> _records;
-  std::map<std::string, std::string> _index;     // frame manager id to path
-  std::map<std::string, std::string> _instances; // held by the frame manager: id to path
-  std::set<std::string> _connected;              // ids of plays
-  std::vector<std::pair<std::string, std::optional<std::string>>> _ended;
-  std::vector<Run> _runs;
+  std::map<std::string, std::string> _index; // frame manager id to path
+  std::vector<std::pair<std::string, Failure>> _ended;
   int _lastId = 0;
 };
 
