@@ -1,7 +1,9 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -11,6 +13,7 @@
 
 #include <boost/algorithm/string.hpp>
 
+#include <behaviormanager/catalogue.hpp>
 #include <vu/packageinfo.hpp>
 #include <vu/value.hpp>
 #include <zb/zberror.hpp>
@@ -23,6 +26,7 @@ namespace ZB::BehaviorManager
 /// What the module and the frame manager between them are expected to do,
 /// written down as plainly as possible: one thread, no locks, no signals. What
 /// would be announced or asked of the frame manager stands in `announced`.
+/// Names are those of a catalogue, which has tests of its own.
 class Model
 {
 public:
@@ -41,7 +45,6 @@ public:
   Names announced;
   std::map<std::string, Script> scripts;
   std::set<std::string> refusedToLoad;
-  std::set<std::string> missingDirectories;     // of installed behaviors
   std::string defaults;                         // the preference file's value
   std::vector<vu::PackageInfo> packages;        // installed
   std::map<std::string, std::string> instances; // held by the frame manager: id to path
@@ -64,18 +67,17 @@ public:
 
   void install(const vu::PackageInfo& package)
   {
-    for (const auto& known : packages)
-      if (known.uuid() == package.uuid())
-        return;
+    if (_catalogue.add(package) == Catalogue::noInstallation)
+      return;
     packages.push_back(package);
     change(package, "Added", [this](const std::string& name) { unload(name); }); // also what an earlier removal left behind
   }
 
   void remove(const vu::PackageInfo& package)
   {
-    const auto isSame = [&](const auto& each) { return each.uuid() == package.uuid(); };
-    if (std::erase_if(packages, isSame) == 0)
+    if (!_catalogue.remove(package.uuid()))
       return;
+    std::erase_if(packages, [&](const auto& each) { return each.uuid() == package.uuid(); });
     change(package, "Removed",
            [this](const std::string& name)
            {
@@ -127,7 +129,7 @@ public:
     auto names = readDefaults();
     if (isInstalled(".default"))
     {
-      names.erase(resolve(".default").path);
+      names.erase(resolve(".default")[0]);
       names.insert(".default");
     }
     std::erase_if(names, [this](const std::string& name) { return !isInstalled(name); });
@@ -155,11 +157,6 @@ private:
     int state = Unknown;
     std::string id;
   };
-  struct Resolved
-  {
-    std::string path, package, behavior = ".";
-  };
-
   [[noreturn]] static void fail(const std::string& method, const std::string& description)
   {
     throw ZBError("ZBBehaviorManager", method, description);
@@ -168,13 +165,6 @@ private:
   static std::string nameOf(const vu::PackageInfo& package, const vu::BehaviorInfo& behavior)
   {
     return package.uuid() + "/" + behavior.path();
-  }
-
-  void forEach(const std::function<void(const vu::PackageInfo&, const vu::BehaviorInfo&)>& action) const
-  {
-    for (const auto& package : packages)
-      for (const auto& behavior : package.behaviors())
-        action(package, behavior);
   }
 
   vu::Value answer(const std::string& method, const std::string& argument)
@@ -189,143 +179,60 @@ private:
         {"stopAllBehaviors", done([&] { std::ranges::for_each(inState(true), [&](const auto& path) { stop(path); }); })},
         {"isBehaviorInstalled", [&] { return isInstalled(argument); }},
         {"isBehaviorPresent", [&] { return isInstalled(argument); }},
-        {"getInstalledBehaviors",
-         [&] {
-           return listed({{true, ""}, {false, ""}}, true);
-         }},
-        {"getUserBehaviorNames",
-         [&] {
-           return listed({{false, "User/"}});
-         }},
-        {"getSystemBehaviorNames",
-         [&] {
-           return listed({{true, "System/"}});
-         }},
+        {"getInstalledBehaviors", [&] { return _catalogue.xGetBehaviorsInPackages(Catalogue::InstallerAll); }},
+        {"getUserBehaviorNames", [&] { return listed(Catalogue::InstallerUser, "User/"); }},
+        {"getSystemBehaviorNames", [&] { return listed(Catalogue::InstallerSystem, "System/"); }},
         {"getBehaviorNames",
-         [&] {
-           return listed({{false, "User/"}, {true, "System/"}});
+         [&]
+         {
+           auto names = listed(Catalogue::InstallerUser, "User/");
+           std::ranges::copy(listed(Catalogue::InstallerSystem, "System/"), std::back_inserter(names));
+           return names;
          }},
-        {"getBehaviorsByTag", [&] { return tagged(argument); }},
-        {"isBehaviorRunning", [&] { return _records[resolve(argument).path].state == Running; }},
-        {"isBehaviorLoaded", [&] { return _records[resolve(argument).path].state >= Loaded; }},
+        {"getBehaviorsByTag", [&] { return _catalogue.getBehaviorsByTag(argument); }},
+        {"isBehaviorRunning", [&] { return _records[resolve(argument)[0]].state == Running; }},
+        {"isBehaviorLoaded", [&] { return _records[resolve(argument)[0]].state >= Loaded; }},
         {"getRunningBehaviors", [&] { return inState(true); }},
         {"getLoadedBehaviors", [&] { return inState(false); }},
-        {"getTagList", [&] { return tags(""); }},
-        {"getBehaviorTags", [&] { return tags(argument); }},
-        {"getBehaviorNature", [&] { return nature(argument); }},
-        {"_getBehaviorRelativePath", [&] { return resolve(behaviorOf(argument, "getBehaviorRelativePath")).behavior; }},
-        {"_getPackageUid", [&] { return resolve(behaviorOf(argument, "getPackageUid")).package; }},
+        {"getTagList", [&] { return _catalogue.getBehaviorTags(""); }},
+        {"getBehaviorTags", [&] { return _catalogue.getBehaviorTags(argument); }},
+        {"getBehaviorNature", [&] { return _catalogue.getBehaviorNature(argument); }},
+        {"_getBehaviorRelativePath", [&] { return resolve(behaviorOf(argument, "getBehaviorRelativePath"))[2]; }},
+        {"_getPackageUid", [&] { return resolve(behaviorOf(argument, "getPackageUid"))[1]; }},
         {"addDefaultBehavior", done([&] { changeDefault(argument, true); })},
         {"removeDefaultBehavior", done([&] { changeDefault(argument, false); })},
         {"getDefaultBehaviors", [&] { return readDefaults(); }},
         {"playDefaultProject", done([&] { playDefaults(); })},
         {"_onDataChanged", done([&] { playDefaults(); })},
         {"_getBehaviorFrameManagerId", [&] { return _records[installed(argument, "getBehaviorFrameManagerId", ".")].id; }},
-        {"resolveBehaviorName", [&] { return resolve(argument).path; }}};
+        {"resolveBehaviorName", [&] { return resolve(argument)[0]; }}};
     return answers.at(method)();
   }
 
-  Resolved resolve(const std::string& name) const
+  /// Path, package and behavior.
+  std::array<std::string, 3> resolve(const std::string& name) const
   {
-    const bool onlySystem = name.starts_with("System/");
-    const bool onlyUser = name.starts_with("User/");
-    const auto selected = [&](const vu::PackageInfo& package) { return package.installer() == "system" ? !onlyUser : !onlySystem; };
-    const auto rest = onlySystem ? name.substr(7) : onlyUser ? name.substr(5) : name;
-    const auto slash = rest.find('/');
-    const auto uuid = rest.substr(0, slash);
-    auto relative = slash == std::string::npos ? std::string() : rest.substr(slash + 1);
-    if (relative.empty())
-      relative = ".";
-
-    std::vector<Resolved> byPackage, byPath;
-    forEach(
-        [&](const auto& package, const auto& behavior)
-        {
-          if (selected(package) && package.uuid() == uuid && behavior.path() == relative)
-            byPackage.push_back({nameOf(package, behavior), uuid, relative});
-          if (selected(package) && behavior.path() == name)
-            byPath.push_back({nameOf(package, behavior), package.uuid(), name});
-        });
-    if (!byPackage.empty())
-      return byPackage.front();
-    if (byPath.size() > 1)
-      fail("xResolveBehaviorName",
-           "Found several behaviors with the name \"" + name + "\". Please specify the package uuid in which to find the behavior.");
-    return byPath.empty() ? Resolved() : byPath.front();
+    std::array<std::string, 3> resolved;
+    resolved[0] = _catalogue.xResolveBehaviorName(name, &resolved[1], &resolved[2]);
+    return resolved;
   }
 
   std::string installed(const std::string& name, const std::string& method, const std::string& stop) const
   {
-    const auto path = resolve(name).path;
+    const auto path = resolve(name)[0];
     if (path.empty())
       fail(method, "behavior " + name + " is not installed" + stop);
     return path;
   }
 
-  bool isInstalled(const std::string& name) const
-  {
-    const auto path = resolve(name).path;
-    return !path.empty() && missingDirectories.count(path) == 0;
-  }
+  bool isInstalled(const std::string& name) const { return _catalogue.isBehaviorInstalled(name); }
 
-  /// `parts`: whether of the system, and the prefix; all packages in one go, or part by part.
-  Names listed(const std::vector<std::pair<bool, std::string>>& parts, bool together = false) const
+  Names listed(Catalogue::InstallerFlag flags, const std::string& prefix) const
   {
-    Names names;
-    for (const auto& [system, prefix] : parts)
-    {
-      forEach(
-          [&, system = system, prefix = prefix](const auto& package, const auto& behavior)
-          {
-            if (together || (package.installer() == "system") == system)
-              names.push_back(prefix + (behavior.path() == "." ? package.uuid() : nameOf(package, behavior)));
-          });
-      if (together)
-        break;
-    }
-    return names;
-  }
-
-  std::set<std::string> tags(const std::string& name) const
-  {
-    const auto path = resolve(name).path;
-    std::set<std::string> found;
-    forEach(
-        [&](const auto& package, const auto& behavior)
-        {
-          if (name.empty() || nameOf(package, behavior) == path)
-            for (const auto* locale : {"en_US", "en"})
-              for (const auto& tag : behavior.tags(locale))
-                found.insert(tag);
-        });
-    return found;
-  }
-
-  std::set<std::string> tagged(const std::string& tag) const
-  {
-    std::set<std::string> found;
-    forEach(
-        [&](const auto& package, const auto& behavior)
-        {
-          const auto tags = behavior.tags("en_US");
-          if (std::find(tags.begin(), tags.end(), tag) != tags.end())
-            found.insert(nameOf(package, behavior));
-        });
-    return found;
-  }
-
-  std::string nature(const std::string& name) const
-  {
-    if (name.empty())
-      fail("getBehaviorNature", "getBehaviorNature was called with an empty parameter.");
-    std::optional<std::string> found;
-    forEach(
-        [&, path = resolve(name).path](const auto& package, const auto& behavior)
-        {
-          if (nameOf(package, behavior) == path)
-            found = behavior.nature();
-        });
-    return found ? *found : (fail("getBehaviorNature", name + " was not found"), "");
+    auto listed = _catalogue.xGetBehaviorsInPackages(flags);
+    for (auto& name : listed)
+      name.insert(0, prefix);
+    return listed;
   }
 
   std::string behaviorOf(const std::string& id, const std::string& method)
@@ -410,7 +317,7 @@ private:
   std::size_t run(const std::string& name)
   {
     start(name, "runBehavior");
-    const auto path = resolve(name).path;
+    const auto path = resolve(name)[0];
     runs.push_back({name, path, _records[path].id, std::nullopt});
     return runs.size() - 1;
   }
@@ -449,7 +356,7 @@ private:
     std::set<std::string> names;
     Names tokens;
     for (const auto& token : boost::split(tokens, defaults, boost::is_any_of("\n")))
-      if (const auto path = resolve(token).path; !path.empty())
+      if (const auto path = resolve(token)[0]; !path.empty())
         names.insert(path);
     return names;
   }
@@ -460,7 +367,7 @@ private:
     if (add)
       names.insert(installed(name, "preloadBehavior", ""));
     else if (!names.empty() && names.erase(name) == 0)
-      names.erase(resolve(name).path);
+      names.erase(resolve(name)[0]);
     defaults.clear();
     for (const auto& each : names)
       defaults += each + "\n";
@@ -475,6 +382,7 @@ private:
   void signal(const std::string& name, const vu::Value& arguments) { announced.push_back("signal " + name + " " + arguments.dump()); }
   void event(const std::string& key, const vu::Value& value) { announced.push_back("event " + key + " " + value.dump()); }
 
+  Catalogue _catalogue;
   std::map<std::string, Record> _records;
   std::map<std::string, std::string> _index; // frame manager id to path
   std::vector<std::pair<std::string, Failure>> _ended;

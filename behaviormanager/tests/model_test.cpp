@@ -66,10 +66,9 @@ public:
     make("P", {a});
     make("Q", {tagged("a", "interactive", {"wave"}, {}), plain("d"), plain("e"), plain("old/behavior.xar")}, "system");
     make("R", {tagged("a", "other", {}, {}), plain("b/c"), plain(".default"), plain("gone")});
-    make("D", {plain(".default"), plain("User/a")}, "");
+    make("D", {plain(".default"), plain("User/a")}, "System");
     make("E", {});
     std::filesystem::remove(_platform.directory / "R" / "gone");
-    _model.missingDirectories = {"R/gone"};
   }
 
   /// False when the two differ, which has then been told.
