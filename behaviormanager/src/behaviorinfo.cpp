@@ -10,30 +10,16 @@ namespace
 using Lock = boost::lock_guard<boost::mutex>;
 }
 
-BehaviorInfo::BehaviorInfo() : _loadingMutex(std::make_shared<boost::mutex>()), _runningMutex(std::make_shared<boost::mutex>()) {}
+BehaviorInfo::BehaviorInfo(std::string path)
+    : _loadingMutex(std::make_shared<boost::mutex>()), _runningMutex(std::make_shared<boost::mutex>()),
+      _play(std::make_shared<BehaviorPlay>(std::move(path), std::string(), Catalogue::noInstallation))
+{
+}
 
 BehaviorState BehaviorInfo::state() const
 {
   const Lock lock(_mutex);
   return _state;
-}
-
-std::string BehaviorInfo::fmId() const
-{
-  const Lock lock(_mutex);
-  return _fmId;
-}
-
-vu::SignalLink BehaviorInfo::behaviorStoppedLink() const
-{
-  const Lock lock(_mutex);
-  return _behaviorStoppedLink;
-}
-
-vu::SignalLink BehaviorInfo::behaviorFailedLink() const
-{
-  const Lock lock(_mutex);
-  return _behaviorFailedLink;
 }
 
 std::shared_ptr<BehaviorPlay> BehaviorInfo::play() const
@@ -51,28 +37,10 @@ bool BehaviorInfo::setState(BehaviorState state)
   return true;
 }
 
-void BehaviorInfo::setFmId(const std::string& fmId)
+void BehaviorInfo::setFmId(const std::string& fmId, Catalogue::Installation installation)
 {
   const Lock lock(_mutex);
-  _fmId = fmId;
-}
-
-void BehaviorInfo::setBehaviorStoppedLink(const vu::SignalLink& link)
-{
-  const Lock lock(_mutex);
-  _behaviorStoppedLink = link;
-}
-
-void BehaviorInfo::setBehaviorFailedLink(const vu::SignalLink& link)
-{
-  const Lock lock(_mutex);
-  _behaviorFailedLink = link;
-}
-
-void BehaviorInfo::setPlay(std::shared_ptr<BehaviorPlay> play)
-{
-  const Lock lock(_mutex);
-  _play = std::move(play);
+  _play = std::make_shared<BehaviorPlay>(_play->path, fmId, installation);
 }
 
 } // namespace ZB::BehaviorManager

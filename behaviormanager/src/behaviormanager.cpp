@@ -4,8 +4,6 @@
 #include <cmath>
 #include <utility>
 
-#include <boost/thread/lock_guard.hpp>
-
 #include <vu/log.hpp>
 #include <vu/os.hpp>
 
@@ -72,8 +70,7 @@ ZBBehaviorManager::ZBBehaviorManager(std::shared_ptr<ZBBroker> broker, const std
   // is then found to be there already.
   if (!_packageManager)
     throw ZBError("PackageManager", "packages", "there is no service PackageManager");
-  const boost::lock_guard<boost::mutex> lock(_packagesMutex);
-  _packages = _packageManager->call<std::vector<vu::PackageInfo>>("packages");
+  _catalogue.fill([this] { return _packageManager->call<std::vector<vu::PackageInfo>>("packages"); });
 }
 
 ZBBehaviorManager::~ZBBehaviorManager()
@@ -99,17 +96,9 @@ ZBBehaviorManager::~ZBBehaviorManager()
   // The frame manager's reports of these ends stand in the line; they still get in.
   _frameManagerObject.delivered().wait(lastReportsLimit);
   _gate->closeAndDrain();
-  std::set<std::shared_ptr<BehaviorPlay>> openPlays;
-  {
-    const boost::lock_guard<boost::mutex> lock(_registryMutex);
-    openPlays.swap(_openPlays);
-    for (auto& [path, info] : _behaviors)
-      info.reset();
-  }
-  // Their reports will come too late for the gate.
-  for (const auto& play : openPlays)
-    for (auto* link : {&play->stoppedLink, &play->failedLink})
-      _frameManagerObject.disconnect(link->exchange(vu::SignalBase::invalidSignalLink));
+  // The reports of what is left will come too late for the gate.
+  for (const auto& links : _registry.clear())
+    xDisconnect(links);
 }
 
 void ZBBehaviorManager::onDataChanged(const std::string& dataName, const ZBValue& dataValue, const std::string&)

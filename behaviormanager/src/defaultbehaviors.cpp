@@ -4,8 +4,6 @@
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
-#include <boost/filesystem/directory.hpp>
-#include <boost/filesystem/operations.hpp>
 
 #include <vu/log.hpp>
 #include <zb/zbpreferencesproxy.hpp>
@@ -17,8 +15,25 @@ namespace ZB::BehaviorManager
 
 namespace
 {
+
 constexpr const char* startUpBehavior = ".default";
+
+/// Resolves a default; one that is ambiguous costs more than itself, which the
+/// log tells before the error goes on.
+std::string resolveDefault(const Catalogue& catalogue, const std::string& name, const char* function, const char* consequence)
+{
+  try
+  {
+    return catalogue.xResolveBehaviorName(name);
+  }
+  catch (const ZBError& error)
+  {
+    vu::log::warning(logCategory, function, "default behavior \"" + name + "\": " + error.what() + " " + consequence);
+    throw;
+  }
 }
+
+} // namespace
 
 void ZBBehaviorManager::xReadDefaultBehaviors(std::set<std::string>& out) const
 {
@@ -26,14 +41,16 @@ void ZBBehaviorManager::xReadDefaultBehaviors(std::set<std::string>& out) const
   {
     const ZBPreferencesProxy preferences(getParentBroker());
     const ZBValue settings = preferences.readPrefFile(defaultBehaviorsModuleName, false);
-    const auto text = settings[0][2].to<std::string>();
+    auto text = settings[0][2].to<std::string>();
+    text.erase(std::min(text.size(), text.find('\0'))); // a zero byte ends it, whatever comes behind
     std::vector<std::string> names;
     boost::algorithm::split(names, text, boost::algorithm::is_any_of("\n"), boost::algorithm::token_compress_on);
     for (const auto& name : names)
     {
       if (name.empty()) // before the first and behind the last line feed
         continue;
-      const auto path = xResolveBehaviorName(name, nullptr, nullptr);
+      const auto path =
+          resolveDefault(_catalogue, name, "xReadDefaultBehaviors", "The default behaviors behind it in the list are left out.");
       if (!path.empty())
         out.insert(path);
     }
@@ -60,20 +77,13 @@ void ZBBehaviorManager::xWriteDefaultBehaviors(const std::set<std::string>& name
   preferences.writePrefFile(defaultBehaviorsModuleName, settings, true);
 }
 
-bool ZBBehaviorManager::xIsDefaultBehavior(const std::string& name) const
-{
-  std::set<std::string> names;
-  xReadDefaultBehaviors(names);
-  return names.count(name) != 0;
-}
-
 void ZBBehaviorManager::addDefaultBehavior(const std::string& behavior)
 {
   std::set<std::string> names;
   xReadDefaultBehaviors(names);
-  const auto path = xResolveBehaviorName(behavior, nullptr, nullptr);
+  const auto path = _catalogue.xResolveBehaviorName(behavior);
   if (path.empty())
-    // Clients compare the method that it is reported under.
+    // Reported under this method's name; clients compare it.
     throw makeError("preloadBehavior", "behavior " + behavior + " is not installed");
   names.insert(path);
   xWriteDefaultBehaviors(names);
@@ -84,7 +94,7 @@ void ZBBehaviorManager::removeDefaultBehavior(const std::string& behavior)
   std::set<std::string> names;
   xReadDefaultBehaviors(names);
   if (!names.empty() && names.erase(behavior) == 0)
-    names.erase(xResolveBehaviorName(behavior, nullptr, nullptr));
+    names.erase(_catalogue.xResolveBehaviorName(behavior));
   xWriteDefaultBehaviors(names);
 }
 
@@ -98,43 +108,17 @@ std::vector<std::string> ZBBehaviorManager::getDefaultBehaviors()
 void ZBBehaviorManager::playDefaultProject()
 {
   const ZBProxy self(getParentBroker(), getName(), 0, 0);
+  const auto startUp = resolveDefault(_catalogue, startUpBehavior, "playDefaultProject", "No default behavior is played.");
   if (isBehaviorInstalled(startUpBehavior))
     self.pCall("runBehavior", std::string(startUpBehavior));
   std::set<std::string> names;
   xReadDefaultBehaviors(names);
   // The list holds names as they resolve; so does this one.
   names.erase(startUpBehavior);
-  names.erase(xResolveBehaviorName(startUpBehavior, nullptr, nullptr));
+  names.erase(startUp);
   for (const auto& name : names)
     if (isBehaviorInstalled(name))
       self.pCall("runBehavior", name);
-}
-
-bool ZBBehaviorManager::copy(const boost::filesystem::path& from, const boost::filesystem::path& to)
-{
-  namespace fs = boost::filesystem;
-  try
-  {
-    boost::system::error_code error; // a status that fails counts as not found
-    if (!fs::is_directory(fs::status(from, error)))
-    {
-      fs::copy_file(from, to, fs::copy_options::none); // fails if `to` exists
-      return true;
-    }
-    const auto target = fs::status(to, error);
-    if (!fs::exists(target))
-      fs::create_directory(to);
-    else if (!fs::is_directory(target))
-      return false;
-    for (const auto& entry : fs::directory_iterator(from))
-      if (!copy(entry.path(), to / entry.path().filename()))
-        return false;
-    return true;
-  }
-  catch (const fs::filesystem_error&)
-  {
-    return false;
-  }
 }
 
 } // namespace ZB::BehaviorManager

@@ -1,11 +1,6 @@
-#include <behaviormanager/behaviormanager.hpp>
+#include <behaviormanager/registry.hpp>
 
 #include <boost/thread/lock_guard.hpp>
-#include <boost/thread/lock_types.hpp>
-
-#include <vu/log.hpp>
-
-#include "internal.hpp"
 
 namespace ZB::BehaviorManager
 {
@@ -15,163 +10,152 @@ namespace
 using Lock = boost::lock_guard<boost::mutex>;
 }
 
-BehaviorInfo* ZBBehaviorManager::xBehaviorInfo(const std::string& path)
+BehaviorInfo* Registry::xBehaviorInfo(const std::string& path)
 {
-  const Lock lock(_registryMutex);
+  const Lock lock(_mutex);
   auto found = _behaviors.find(path);
   if (found == _behaviors.end())
-    found = _behaviors.emplace(path, std::make_unique<BehaviorInfo>()).first;
+    found = _behaviors.emplace(path, std::make_unique<BehaviorInfo>(path)).first;
   return found->second.get();
 }
 
-BehaviorLoadingLocker ZBBehaviorManager::xBehaviorLoadingLock(const std::string& path)
-{
-  return BehaviorLoadingLocker(xBehaviorInfo(path));
-}
-
-BehaviorRunningLocker ZBBehaviorManager::xBehaviorRunningLock(const std::string& path)
-{
-  return BehaviorRunningLocker(xBehaviorInfo(path));
-}
-
-BehaviorState ZBBehaviorManager::xBehaviorState(const std::string& path) { return xBehaviorInfo(path)->state(); }
-
-std::string ZBBehaviorManager::xFrameManagerId(const std::string& path) { return xBehaviorInfo(path)->fmId(); }
-
-vu::SignalLink ZBBehaviorManager::xBehaviorStoppedLink(const std::string& path) { return xBehaviorInfo(path)->behaviorStoppedLink(); }
-
-vu::SignalLink ZBBehaviorManager::xBehaviorFailedLink(const std::string& path) { return xBehaviorInfo(path)->behaviorFailedLink(); }
-
-void ZBBehaviorManager::xSetBehaviorLinks(const std::string& path, const vu::SignalLink& stoppedLink, const vu::SignalLink& failedLink)
+std::optional<BehaviorState> Registry::exchangeState(const std::string& path, BehaviorState newState)
 {
   BehaviorInfo* const info = xBehaviorInfo(path);
-  const Lock lock(_registryMutex);
-  info->setBehaviorStoppedLink(stoppedLink);
-  info->setBehaviorFailedLink(failedLink);
-}
-
-void ZBBehaviorManager::xSetBehaviorState(const std::string& path, BehaviorState newState)
-{
-  BehaviorInfo* const info = xBehaviorInfo(path);
-  boost::unique_lock<boost::mutex> lock(_registryMutex);
+  const Lock lock(_mutex);
   const auto oldState = info->state();
-  const bool changed = info->setState(newState);
-  lock.unlock();
-  if (changed)
-    xAnnounceState(path, oldState, newState);
+  return info->setState(newState) ? std::optional(oldState) : std::nullopt;
 }
 
-void ZBBehaviorManager::xSetFrameManagerId(const std::string& path, const std::string& fmId)
+void Registry::xSetFrameManagerId(const std::string& path, const std::string& fmId, Catalogue::Installation installation)
 {
   BehaviorInfo* const info = xBehaviorInfo(path);
-  const Lock lock(_registryMutex);
-  xEraseFrameManagerId(info->fmId());
-  info->setFmId(fmId);
+  const Lock lock(_mutex);
+  eraseId(info->fmId());
+  info->setFmId(fmId, installation);
   if (fmId.empty())
     return;
   const Lock indexLock(_fmIdsMutex);
   _fmIds[fmId] = path;
 }
 
-void ZBBehaviorManager::xEraseFrameManagerId(const std::string& fmId)
+void Registry::eraseId(const std::string& fmId)
 {
   const Lock lock(_fmIdsMutex);
   _fmIds.erase(fmId);
 }
 
-/// Takes the record from its instance to Stopped, if `fmId` still is that
-/// instance. Test and change are one step, so that a report that comes late
-/// cannot touch the next instance.
-bool ZBBehaviorManager::xEndInstance(const std::string& path, const std::string& fmId)
+std::optional<BehaviorState> Registry::endInstance(const std::string& path, const std::string& fmId)
 {
   BehaviorInfo* const info = xBehaviorInfo(path);
-  boost::unique_lock<boost::mutex> lock(_registryMutex);
+  const Lock lock(_mutex);
   if (info->fmId() != fmId)
-    return false;
-  xEraseFrameManagerId(fmId);
+    return std::nullopt;
+  eraseId(fmId);
   info->setFmId({});
   const auto oldState = info->state();
-  const bool changed = info->setState(BehaviorState::Stopped);
-  lock.unlock();
-  if (changed)
-    xAnnounceState(path, oldState, BehaviorState::Stopped);
-  return true;
+  return info->setState(BehaviorState::Stopped) ? std::optional(oldState) : std::nullopt;
 }
 
-void ZBBehaviorManager::xAnnounceState(const std::string& path, BehaviorState oldState, BehaviorState newState)
-{
-  const auto raiseLoaded = [this] { xRaise(behaviorsLoadedKey, getLoadedBehaviors()); };
-  const auto raiseRunning = [this] { xRaise(behaviorsRunKey, getRunningBehaviors()); };
-  try
-  {
-    switch (newState)
-    {
-    case BehaviorState::Loaded:
-      behaviorLoaded(path);
-      raiseLoaded();
-      return;
-    case BehaviorState::Running:
-      behaviorStarted(path);
-      raiseRunning();
-      return;
-    case BehaviorState::Stopped:
-      behaviorStopped(path);
-      break;
-    case BehaviorState::Unknown:
-      break;
-    }
-    if (oldState == BehaviorState::Running)
-    {
-      raiseLoaded();
-      raiseRunning();
-    }
-    else if (oldState == BehaviorState::Loaded)
-      raiseLoaded();
-  }
-  catch (const ZBError& error)
-  {
-    vu::log::warning(logCategory, "xSetBehaviorState", error.what());
-  }
-}
-
-void ZBBehaviorManager::xRaise(const char* key, const ZBValue& value) { _memory->raiseMicroEvent(key, value); }
-
-std::vector<std::string> ZBBehaviorManager::xBehaviorsWhere(bool (*matches)(BehaviorState))
+std::vector<std::string> Registry::behaviorsWhere(bool (*matches)(BehaviorState))
 {
   std::vector<std::string> paths;
   {
-    const Lock lock(_registryMutex);
+    const Lock lock(_mutex);
     paths.reserve(_behaviors.size());
     for (const auto& [path, info] : _behaviors)
       paths.push_back(path);
   }
-  std::erase_if(paths, [this, matches](const std::string& path) { return !matches(xBehaviorInfo(path)->state()); });
+  std::erase_if(paths, [this, matches](const std::string& path) { return !matches(xBehaviorState(path)); });
   return paths;
 }
 
-bool ZBBehaviorManager::isBehaviorRunning(const std::string& behavior)
+std::optional<std::string> Registry::behaviorOf(const std::string& fmId) const
 {
-  return xBehaviorState(xResolveBehaviorName(behavior, nullptr, nullptr)) == BehaviorState::Running;
+  const Lock lock(_fmIdsMutex);
+  const auto found = _fmIds.find(fmId);
+  return found == _fmIds.end() ? std::nullopt : std::optional(found->second);
 }
 
-bool ZBBehaviorManager::isBehaviorLoaded(const std::string& behavior)
+std::shared_ptr<BehaviorPlay> Registry::beginStart(const std::string& path)
 {
-  return isLoaded(xBehaviorState(xResolveBehaviorName(behavior, nullptr, nullptr)));
+  BehaviorInfo* const info = xBehaviorInfo(path);
+  const Lock lock(_mutex);
+  auto play = info->play();
+  ++play->starting;
+  _openPlays.insert(play);
+  return play;
 }
 
-std::vector<std::string> ZBBehaviorManager::getRunningBehaviors()
+void Registry::xSetBehaviorLinks(const std::string& path, const vu::SignalLink& stoppedLink, const vu::SignalLink& failedLink)
 {
-  return xBehaviorsWhere([](BehaviorState state) { return state == BehaviorState::Running; });
+  BehaviorInfo* const info = xBehaviorInfo(path);
+  const Lock lock(_mutex);
+  info->setBehaviorStoppedLink(stoppedLink);
+  info->setBehaviorFailedLink(failedLink);
 }
 
-std::vector<std::string> ZBBehaviorManager::getLoadedBehaviors() { return xBehaviorsWhere(isLoaded); }
-
-std::string ZBBehaviorManager::getBehaviorFrameManagerId(const std::string& behavior)
+Registry::Reports Registry::endStart(const std::shared_ptr<BehaviorPlay>& play)
 {
-  const auto path = xResolveBehaviorName(behavior, nullptr, nullptr);
-  if (path.empty())
-    throw makeError("getBehaviorFrameManagerId", "behavior " + behavior + " is not installed.");
-  return xFrameManagerId(path);
+  const Lock lock(_mutex);
+  Reports reports;
+  if (play->starting > 1)
+  {
+    --play->starting;
+    return reports;
+  }
+  reports.failure.swap(play->failure);
+  if (!reports.failure)
+  {
+    play->starting = 0;
+    reports.stopped = play->stopReported;
+  }
+  return reports;
+}
+
+bool Registry::reportStop(const std::shared_ptr<BehaviorPlay>& play)
+{
+  const Lock lock(_mutex);
+  play->stopReported = true;
+  return play->starting == 0;
+}
+
+bool Registry::reportFailure(const std::shared_ptr<BehaviorPlay>& play, const std::string& second, const std::string& third)
+{
+  const Lock lock(_mutex);
+  if (play->starting == 0)
+    return true;
+  play->failure = BehaviorPlay::Failure{second, third};
+  return false;
+}
+
+bool Registry::isOpen(const std::shared_ptr<BehaviorPlay>& play) const
+{
+  const Lock lock(_mutex);
+  return _openPlays.count(play) != 0;
+}
+
+Registry::Links Registry::takeLinks(BehaviorPlay& play)
+{
+  return {play.stoppedLink.exchange(vu::SignalBase::invalidSignalLink), play.failedLink.exchange(vu::SignalBase::invalidSignalLink)};
+}
+
+Registry::Links Registry::close(const std::shared_ptr<BehaviorPlay>& play)
+{
+  const Lock lock(_mutex);
+  _openPlays.erase(play);
+  return takeLinks(*play);
+}
+
+std::vector<Registry::Links> Registry::clear()
+{
+  std::vector<Links> links;
+  const Lock lock(_mutex);
+  for (const auto& play : _openPlays)
+    links.push_back(takeLinks(*play));
+  _openPlays.clear();
+  _behaviors.clear();
+  return links;
 }
 
 } // namespace ZB::BehaviorManager

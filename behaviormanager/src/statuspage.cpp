@@ -74,7 +74,7 @@ std::string ZBBehaviorManager::httpGet()
   html += table(
       "Running behaviors", "", getRunningBehaviors(), [](const std::string& name) { return linkRow("stopBehavior", name); }, gap);
   html += table(
-      "Installed behaviors", "", xGetBehaviorsInPackages(InstallerAll),
+      "Installed behaviors", "", _catalogue.xGetBehaviorsInPackages(InstallerAll),
       [](const std::string& name) { return linkRow("playBehavior", name); }, "");
   return html + "</body></html>";
 }

@@ -1,6 +1,3 @@
-#include <filesystem>
-#include <fstream>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,7 +6,6 @@
 using namespace ZB;
 using namespace ZB::BehaviorManager;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using vu::log::Level;
 
 namespace
@@ -20,110 +16,75 @@ vu::Value fileWith(const std::string& text)
   return vu::Value::array({vu::Value::array({"DefaultBehaviors", "List of default behaviors separated by endlines", text})});
 }
 
-class Defaults : public testing::Test
+class DefaultBehaviors : public testing::Test
 {
 protected:
-  Defaults() : manager(platform.start({platform.makePackage("P", TestPlatform::paths({"a", "b", "."}))})) {}
+  DefaultBehaviors() : manager(platform.start({platform.makePackage("P", {"a", "b", "."}), platform.makePackage("Q", {".default", "b"})}))
+  {
+  }
 
-  TestPlatform platform;
+  TestPlatform platform{{.threads = 1, .maximum = 1}}; // what is posted first runs first
   ZBBehaviorManager& manager;
 };
 
 } // namespace
 
-TEST_F(Defaults, AreWrittenResolvedAndSortedOnEveryAddAndRemove)
+TEST_F(DefaultBehaviors, AreWrittenResolvedAndSortedOnEveryAddAndRemove)
 {
-  EXPECT_THAT(manager.getDefaultBehaviors(), IsEmpty());
+  manager.addDefaultBehavior("User/P/b");
   EXPECT_EQ(platform.log.count(Level::Verbose, "DefaultBehaviors preference file could not be read: there is no file DefaultBehaviors"),
             1U);
-  platform.journal.clear();
-  manager.addDefaultBehavior("User/P/b");
-  EXPECT_EQ(platform.preferences->file(), fileWith("P/b\n"));
   manager.addDefaultBehavior("P");
-  manager.addDefaultBehavior("P/b");
   EXPECT_EQ(platform.preferences->file(), fileWith("P/.\nP/b\n"));
-  EXPECT_THAT(platform.journal.lines("preferences "),
-              ElementsAre("read DefaultBehaviors false", "write DefaultBehaviors true", "read DefaultBehaviors false",
-                          "write DefaultBehaviors true", "read DefaultBehaviors false", "write DefaultBehaviors true"));
-  EXPECT_TRUE(ModuleAccess{manager}.isDefault("P/b"));
-  EXPECT_FALSE(ModuleAccess{manager}.isDefault("b")) << "membership resolves no names";
-
-  manager.removeDefaultBehavior("b"); // by the resolved form
-  EXPECT_EQ(platform.preferences->file(), fileWith("P/.\n"));
-  platform.journal.clear();
-  manager.removeDefaultBehavior("unknown");
-  manager.removeDefaultBehavior("P/.");
-  manager.removeDefaultBehavior("P/.");
-  EXPECT_EQ(platform.journal.lines("preferences write").size(), 3U);
+  EXPECT_THAT(platform.journal.lines("preferences "), ElementsAre("read DefaultBehaviors false", "write DefaultBehaviors true",
+                                                                  "read DefaultBehaviors false", "write DefaultBehaviors true"));
+  platform.preferences->refuse("writePrefFile", "disk full");
+  EXPECT_EQ(refusal([&] { manager.addDefaultBehavior("P/a"); }), "ZBPreferences.writePrefFile: disk full");
+  for (const char* name : {"P/b", "P", "P"})
+    manager.removeDefaultBehavior(name);
   EXPECT_EQ(platform.preferences->file(), fileWith(""));
+  EXPECT_EQ(platform.journal.lines("preferences write").size(), 6U);
 }
 
-TEST_F(Defaults, AreReadFromWhateverTheFileHolds)
+TEST_F(DefaultBehaviors, AreReadFromWhateverTheFileHolds)
 {
   const std::vector<std::pair<vu::Value, std::vector<std::string>>> cases{
       {fileWith("P/b\n\n\nP/a"), {"P/a", "P/b"}},
-      {fileWith("\nb\nP/b\nGone/x\nP/a\r\n a\n"), {"P/b"}},
-      {fileWith(""), {}},
+      {fileWith("\na\nP/b\nGone/x\nP/a\r\n a\n"), {"P/a", "P/b"}},
+      {fileWith(std::string("P/b\nP/.\0/x\nP/a\n", 15)), {"P/.", "P/b"}}, // a zero byte ends the text
+      {fileWith("P/b\nb\nP/a\n"), {"P/b"}},                               // and so does an ambiguous name
       {vu::Value::array({vu::Value::array({"Other", 7, "P/a\n"}), "more"}), {"P/a"}},
       {vu::Value::array({vu::Value::array({"DefaultBehaviors", "too short"})}), {}},
       {vu::Value::array({vu::Value::array({"", "", 7})}), {}},
-      {vu::Value::array(), {}},
       {"text", {}},
-      {nullptr, {}},
       {vu::Value::object({{"0", 1}}), {}}};
   for (const auto& [file, names] : cases)
   {
     platform.preferences->setFile(file);
     EXPECT_EQ(manager.getDefaultBehaviors(), names) << file;
   }
+  EXPECT_EQ(platform.log.count(Level::Warning, "default behavior \"b\": Found several behaviors"), 1U);
+  EXPECT_EQ(platform.log.count(Level::Verbose, "could not be read: Found several behaviors with the name \"b\""), 1U);
 }
 
-TEST_F(Defaults, ReportFailures)
+TEST_F(DefaultBehaviors, PlayTheStartUpBehaviorOnceAndFirst)
 {
-  EXPECT_EQ(errorOf([&] { manager.addDefaultBehavior("foo"); }), "preloadBehavior: behavior foo is not installed");
-  EXPECT_EQ(platform.preferences->file(), vu::Value());
-  platform.preferences->refuse("writePrefFile", "disk full");
-  EXPECT_EQ(errorOf([&] { manager.addDefaultBehavior("P/a"); }), "of another module: ZBPreferences");
-}
-
-TEST_F(Defaults, PlayTheStartUpBehaviorOnceAndFirst)
-{
-  std::vector<std::string> played;
-  const auto playedNow = [&]
-  {
-    platform.journal.clear();
-    manager.playDefaultProject();
-    platform.settle();
-    manager.stopAllBehaviors();
-    platform.settle();
-    auto started = platform.journal.lines("frames createBehavior ");
-    std::sort(started.begin(), started.end());
-    return started;
-  };
-  EXPECT_THAT(playedNow(), IsEmpty());
-  platform.preferences->setFile(fileWith("P/b\nP/a\nP/.\n"));
+  platform.preferences->setFile(fileWith("P/b\n.default\nQ/.default\nP/a\nP/.\n"));
   std::filesystem::remove(platform.directory / "P/a");
-  EXPECT_THAT(playedNow(), ElementsAre("P/.", "P/b"));
-  EXPECT_EQ(platform.preferences->file(), fileWith("P/b\nP/a\nP/.\n"));
+  manager.playDefaultProject();
+  platform.settle();
+  EXPECT_THAT(platform.journal.lines("frames createBehavior "),
+              ElementsAre("Q/.default Q:.default/behavior.xar", "P/. P:behavior.xar", "P/b P:b/behavior.xar"));
+  EXPECT_EQ(platform.log.count(Level::Warning, ""), 0U) << "it was posted twice";
 
-  platform.install(platform.makePackage("S", TestPlatform::paths({".default"})));
-  platform.preferences->setFile(fileWith(".default\nS/.default\n"));
-  platform.log.clear();
-  EXPECT_THAT(playedNow(), ElementsAre("S/.default"));
-  EXPECT_EQ(platform.log.count(Level::Warning, "already running"), 0U) << "it was posted twice";
-}
-
-TEST_F(Defaults, CopyStopsAtTheFirstFailure)
-{
-  ModuleAccess access{manager};
-  const auto directory = platform.directory;
-  std::filesystem::create_directories(directory / "from/inner");
-  std::ofstream(directory / "from/inner/file") << "content";
-  EXPECT_TRUE(access.copy(directory / "from", directory / "to"));
-  EXPECT_TRUE(std::filesystem::exists(directory / "to/inner/file"));
-  EXPECT_FALSE(access.copy(directory / "from", directory / "to")) << "a file that exists was overwritten";
-  EXPECT_FALSE(access.copy(directory / "from", directory / "to/inner/file"));
-  EXPECT_FALSE(access.copy(directory / "from", directory / "no/parent"));
-  EXPECT_FALSE(access.copy(directory / "missing", directory / "copy"));
-  EXPECT_FALSE(std::filesystem::exists(directory / "copy"));
+  manager.stopAllBehaviors();
+  platform.install(platform.makePackage("R", {".default"}));
+  platform.journal.clear();
+  EXPECT_TRUE(
+      refusal([&] { platform.manager->onDataChanged("TarvikReady", 1, ""); }).starts_with("ZBBehaviorManager.xResolveBehaviorName"));
+  platform.settle();
+  EXPECT_THAT(platform.journal.lines("frames "), testing::IsEmpty());
+  const auto line = platform.log.lines().back();
+  EXPECT_EQ(line.level, Level::Warning);
+  EXPECT_EQ(line.category + " " + line.message.substr(0, 28), "behaviormanager default behavior \".default\":");
 }

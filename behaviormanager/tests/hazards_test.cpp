@@ -1,20 +1,20 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
-#include <latch>
-#include <optional>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "testplatform.hpp"
+#include <testing/waiting.hpp>
 
 using namespace ZB;
 using namespace ZB::BehaviorManager;
-using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using TestSupport::Event;
+using TestSupport::patience;
 
 /// Reports, continuations and package events that come at the worst moment:
 /// each is brought there by a stand-in, not by chance.
@@ -23,19 +23,17 @@ namespace
 
 using Script = StandInFrameManager::Script;
 
-class Hazards : public testing::Test
+class BehaviorManagerHazards : public testing::Test
 {
 protected:
-  Hazards() : package(platform.makePackage("P", TestPlatform::paths({"a", "b"}))), manager(platform.start({package})) {}
-
-  BehaviorState state(const std::string& path = "P/a") { return access.info(path)->state(); }
+  BehaviorManagerHazards() : package(platform.makePackage("P", {"a", "b"})), manager(platform.start({package})) {}
 
   /// Runs inside the first emission of a signal of the module.
   void during(const std::string& signal, std::function<void()> action)
   {
     auto first = std::make_shared<std::atomic<bool>>(true);
-    platform.broker->session()
-        ->find("ZBBehaviorManager")
+    platform.service()
+        .backend()
         ->connect(signal,
                   [first, action](const vu::Value&)
                   {
@@ -44,87 +42,104 @@ protected:
                   })
         .value();
   }
+  /// Keeps the first call of a stand-in's method until `goOn`; gives what tells that it has come.
+  std::shared_ptr<Event> keepFirst(StandIn& service, const std::string& method, Event& goOn)
+  {
+    auto come = std::make_shared<Event>();
+    auto first = std::make_shared<std::atomic<bool>>(true);
+    service.during(method,
+                   [come, first, &goOn]
+                   {
+                     if (!first->exchange(false))
+                       return;
+                     come->set();
+                     EXPECT_TRUE(goOn.wait());
+                   });
+    return come;
+  }
+  vu::Future<void> post(const std::string& method, const std::string& behavior) { return platform.service().async<void>(method, behavior); }
+  std::vector<std::string> signals() { return platform.journal.lines("signal "); }
+  void expectNothingLeft()
+  {
+    platform.settle();
+    EXPECT_THAT(manager.getLoadedBehaviors(), IsEmpty());
+    EXPECT_THAT(platform.frames->behaviors(), IsEmpty());
+    EXPECT_EQ(platform.frames->connections(), 0U);
+  }
 
-  TestPlatform platform;
+  TestPlatform platform{{.threads = 1}};
   vu::PackageInfo package;
   ZBBehaviorManager& manager;
-  ModuleAccess access{manager};
 };
 
 } // namespace
 
-TEST_F(Hazards, AnEndReportedBeforeRunningStopsTheBehaviorAfterItsStart)
+TEST_F(BehaviorManagerHazards, ReportsThatComeInsideThePlayAreToldBehindTheStart)
 {
+  platform.frames->during("playBehavior", [this] { platform.settle(); }); // they have been heard when it returns
   platform.frames->script("P/a", Script::EndInPlay);
-  platform.frames->during("playBehavior", [this] { platform.settle(); }); // the report has been heard when it returns
-  platform.journal.clear();
   manager.startBehavior("P/a");
-  EXPECT_EQ(state(), BehaviorState::Stopped);
-  EXPECT_EQ(platform.id("P/a"), "");
-  EXPECT_THAT(platform.journal.lines("signal "),
-              ElementsAre("behaviorLoaded [\"P/a\"]", "behaviorStarted [\"P/a\"]", "behaviorStopped [\"P/a\"]"));
-  EXPECT_EQ(platform.frames->connections(), 0U);
-}
+  EXPECT_THAT(signals(), ElementsAre("behaviorLoaded [\"P/a\"]", "behaviorStarted [\"P/a\"]", "behaviorStopped [\"P/a\"]"));
+  expectNothingLeft();
 
-TEST_F(Hazards, AnEndReportedBeforeAFailedPlayStopsTheBehavior)
-{
+  platform.journal.clear();
+  platform.frames->script("P/a", Script::FailInPlay);
+  manager.startBehavior("P/a");
+  EXPECT_THAT(signals(), ElementsAre("behaviorLoaded [\"P/a\"]", "behaviorStarted [\"P/a\"]",
+                                     "behaviorFailed [\"P/a\",\"fm-2\",\"no arm\"]", "behaviorStopped [\"P/a\"]"));
+
   platform.frames->script("P/a", Script::EndInPlay);
-  platform.frames->refuse("playBehavior", "gone", 1);
-  platform.frames->during("playBehavior", [this] { platform.settle(); });
-  EXPECT_EQ(errorOf([&] { manager.startBehavior("P/a"); }), "startBehavior: behavior P/a has been unexpectedly deleted");
-  EXPECT_EQ(state(), BehaviorState::Stopped);
-  EXPECT_EQ(platform.frames->connections(), 0U);
+  platform.frames->refuse("playBehavior", "gone");
+  EXPECT_EQ(refusal([&] { manager.startBehavior("P/a"); }), "ZBBehaviorManager.startBehavior: behavior P/a has been unexpectedly deleted");
+  expectNothingLeft();
 }
 
-TEST_F(Hazards, ALateReportOfAnOlderInstanceLeavesTheNewerAlone)
+TEST_F(BehaviorManagerHazards, ALateReportOfAnOlderInstanceLeavesTheNewerAlone)
 {
   for (const bool withRun : {false, true})
   {
     SCOPED_TRACE(withRun);
-    vu::Future<void> run;
-    if (withRun)
-      run = manager.runBehavior("P/a");
-    else
-      manager.startBehavior("P/a");
+    const auto run = withRun ? manager.runBehavior("P/a") : (manager.startBehavior("P/a"), vu::makeReadyFuture<void>());
     platform.frames->hold();
     manager.stopBehavior("P/a");
     manager.startBehavior("P/a");
     const auto id = platform.id("P/a");
-    const auto links = std::pair(access.info("P/a")->behaviorStoppedLink(), access.info("P/a")->behaviorFailedLink());
     EXPECT_EQ(platform.frames->connections(), 4U);
     platform.frames->release();
     platform.settle();
-    EXPECT_EQ(state(), BehaviorState::Running);
+    EXPECT_TRUE(manager.isBehaviorRunning("P/a"));
     EXPECT_EQ(platform.id("P/a"), id);
     EXPECT_THAT(platform.frames->behaviors(), ElementsAre(id));
-    EXPECT_EQ(std::pair(access.info("P/a")->behaviorStoppedLink(), access.info("P/a")->behaviorFailedLink()), links);
     EXPECT_EQ(platform.frames->connections(), 2U);
-    EXPECT_EQ(withRun ? run.error() : "", "");
+    EXPECT_EQ(run.error(), "");
     manager.stopBehavior("P/a");
-    platform.settle();
-    EXPECT_EQ(platform.frames->connections(), 0U);
-    EXPECT_EQ(access.info("P/a")->behaviorStoppedLink(), vu::SignalBase::invalidSignalLink);
+    expectNothingLeft();
   }
 }
 
-TEST_F(Hazards, StopFollowedByStartLeavesTheNewInstancePlaying)
+TEST_F(BehaviorManagerHazards, AgainAndAgainANewInstancePlaysAndAFailureComesBeforeItsStop)
 {
-  for (int i = 0; i < 1000; ++i)
+  platform.frames->script("P/b", Script::FailInPlay);
+  for (int i = 0; i < 500; ++i)
   {
-    const auto run = i % 2 == 0 ? manager.runBehavior("P/a") : (manager.startBehavior("P/a"), vu::makeReadyFuture<void>());
+    const auto run = manager.runBehavior("P/a");
     manager.stopBehavior("P/a");
     manager.startBehavior("P/a");
-    EXPECT_EQ(run.error(), "");
+    ASSERT_EQ(run.error(), "");
+    ASSERT_EQ(manager.runBehavior("P/b").error(), "no arm");
     platform.settle();
-    ASSERT_EQ(state(), BehaviorState::Running) << i;
-    ASSERT_EQ(platform.frames->behaviors().count(platform.id("P/a")), 1U) << i;
+    ASSERT_TRUE(manager.isBehaviorRunning("P/a")) << i;
+    ASSERT_THAT(platform.frames->behaviors(), ElementsAre(platform.id("P/a"))) << i;
+    const auto told = signals();
+    const auto failed = std::find_if(told.begin(), told.end(), [](const auto& line) { return line.starts_with("behaviorFailed"); });
+    ASSERT_TRUE(std::find(failed, told.end(), "behaviorStopped [\"P/b\"]") != told.end()) << i;
+    platform.journal.clear();
     manager.stopBehavior("P/a");
   }
-  platform.settle();
-  EXPECT_EQ(platform.frames->connections(), 0U);
+  expectNothingLeft();
 }
 
-TEST_F(Hazards, ARunWaitsForTheInstanceThatItsOwnStartPlayed)
+TEST_F(BehaviorManagerHazards, ARunWaitsForTheInstanceThatItsOwnStartPlayed)
 {
   platform.frames->script("P/a", Script::FailInPlay);
   platform.frames->during("playBehavior", [this] { platform.settle(); });
@@ -138,281 +153,250 @@ TEST_F(Hazards, ARunWaitsForTheInstanceThatItsOwnStartPlayed)
            manager.startBehavior("P/a");
          });
   EXPECT_EQ(manager.runBehavior("P/a").error(), "no arm");
-  EXPECT_EQ(state(), BehaviorState::Running);
+  EXPECT_TRUE(manager.isBehaviorRunning("P/a"));
   EXPECT_EQ(platform.id("P/a"), "fm-2");
 }
 
-TEST_F(Hazards, APackageRemovedUnderARunEndsUnknownWithoutAFurtherStop)
+TEST_F(BehaviorManagerHazards, ARunNeedsNoPlaceInThePoolToWait)
 {
-  const auto run = manager.runBehavior("P/a");
-  manager.startBehavior("P/b");
-  platform.frames->hold();
-  platform.remove(package);
-  EXPECT_EQ(state(), BehaviorState::Unknown);
-  platform.journal.clear();
-  platform.frames->release();
-  EXPECT_EQ(run.error(), "");
-  platform.settle();
-  EXPECT_EQ(state(), BehaviorState::Unknown);
-  EXPECT_EQ(state("P/b"), BehaviorState::Unknown);
-  EXPECT_THAT(platform.journal.lines("signal "), IsEmpty());
-  EXPECT_TRUE(platform.frames->behaviors().empty());
-  EXPECT_EQ(platform.frames->connections(), 0U);
+  TestPlatform full({.threads = 1, .maximum = 1, .queue = 0});
+  auto& busy = full.start({full.makePackage("P", {"a"})});
+  Event release;
+  full.broker->pool()->post([&] { EXPECT_TRUE(release.wait()); });
+  ASSERT_TRUE(TestSupport::eventually(
+      [&] { return refusal([&] { full.service().async<vu::Value>("getTagList"); }).find("overloaded") != std::string::npos; }));
+  const auto run = busy.runBehavior("P/a");
+  EXPECT_TRUE(busy.isBehaviorRunning("P/a"));
+  release.set();
+  full.frames->end(full.id("P/a"), "no arm");
+  EXPECT_EQ(run.error(), "no arm");
 }
 
-TEST_F(Hazards, AFailedPlayKeepsTwoConnectionsThatTheNextStartUses)
+TEST_F(BehaviorManagerHazards, ARunThatCannotWaitLeavesNothingPlaying)
 {
-  platform.frames->script("P/a", Script::RefuseToPlay);
+  // Gone from the directory, so that there is nothing to wait at, but held by the module.
+  during("behaviorStarted", [this] { platform.broker->session()->withdraw("ZBFrameManager"); });
+  EXPECT_THROW(manager.runBehavior("P/a"), std::runtime_error);
+  EXPECT_FALSE(manager.isBehaviorLoaded("P/a"));
+  EXPECT_EQ(platform.id("P/a"), "");
+}
+
+TEST_F(BehaviorManagerHazards, AnInstanceThatWasGoneBeforeItsStartLeavesNoConnection)
+{
   for (int i = 0; i < 3; ++i)
   {
-    EXPECT_EQ(errorOf([&] { manager.startBehavior("P/a"); }), "startBehavior: behavior P/a has been unexpectedly deleted");
-    EXPECT_EQ(state(), BehaviorState::Loaded);
-    EXPECT_EQ(platform.frames->connections(), 2U);
+    manager.loadBehavior("P/a");
+    platform.frames->end(platform.id("P/a"));
+    EXPECT_THROW(manager.startBehavior("P/a"), ZBError);
+    manager.stopBehavior("P/a");
+    expectNothingLeft();
   }
-  platform.frames->script("P/a", Script::Play);
+  // But reports that are on their way are heard before.
   manager.startBehavior("P/a");
-  EXPECT_EQ(platform.frames->connections(), 2U);
-  platform.journal.clear();
+  platform.frames->hold();
   platform.frames->end(platform.id("P/a"), "no arm");
+  manager.stopBehavior("P/a");
   platform.settle();
+  platform.frames->release();
+  expectNothingLeft();
   EXPECT_EQ(platform.journal.lines("signal behaviorFailed").size(), 1U);
-  EXPECT_EQ(state(), BehaviorState::Stopped);
-  EXPECT_EQ(platform.frames->connections(), 0U);
-
-  platform.frames->script("P/b", Script::RefuseToPlay);
-  EXPECT_THROW(manager.startBehavior("P/b"), ZBError);
-  manager.stopBehavior("P/b");
-  platform.settle();
-  EXPECT_EQ(platform.frames->connections(), 0U);
 }
 
-TEST_F(Hazards, AFailureAtTheFirstStepIsAnnouncedBeforeItsStop)
+TEST_F(BehaviorManagerHazards, AStopReportedWhileTheFailureIsAnnouncedComesBehindIt)
 {
-  platform.frames->script("P/a", Script::FailInPlay);
-  for (int i = 0; i < 1000; ++i)
-  {
-    platform.journal.clear();
-    ASSERT_EQ(manager.runBehavior("P/a").error(), "no arm") << i;
-    const auto signals = platform.journal.lines("signal ");
-    const auto failed = std::find_if(signals.begin(), signals.end(), [](const auto& line) { return line.starts_with("behaviorFailed"); });
-    ASSERT_TRUE(failed != signals.end()) << i;
-    ASSERT_TRUE(std::find(failed, signals.end(), "behaviorStopped [\"P/a\"]") != signals.end()) << i;
-  }
-}
-
-TEST_F(Hazards, AStopReportedWhileTheFailureIsAnnouncedComesBehindIt)
-{
-  std::latch failureReported(1);
-  std::latch announcing(1);
+  Event failureReported;
+  Event announcing;
   std::future<void> end;
   platform.frames->during("stopped",
                           [&]
                           {
-                            failureReported.count_down();
-                            announcing.wait();
+                            failureReported.set();
+                            EXPECT_TRUE(announcing.wait());
                           });
   platform.frames->during("playBehavior",
                           [&]
                           {
                             end = std::async(std::launch::async, [&] { platform.frames->end(platform.id("P/a"), "no arm"); });
-                            failureReported.wait();
+                            EXPECT_TRUE(failureReported.wait());
                             platform.settle();
                           });
   during("behaviorFailed",
          [&]
          {
-           announcing.count_down();
+           announcing.set();
            end.get();
            platform.settle();
            EXPECT_THAT(platform.journal.lines("signal behaviorStopped"), IsEmpty());
          });
   manager.startBehavior("P/a");
-  EXPECT_EQ(platform.journal.lines("signal ").back(), "behaviorStopped [\"P/a\"]");
+  EXPECT_EQ(signals().back(), "behaviorStopped [\"P/a\"]");
 }
 
-TEST_F(Hazards, AnEndAStopAndAnotherRunWaitForARunThatHasNotReturned)
+TEST_F(BehaviorManagerHazards, ARunsUnloadWaitsForTheFailuresAnnouncement)
 {
+  Event announce;
+  during("behaviorFailed", [&] { EXPECT_TRUE(announce.wait()); });
   const auto run = manager.runBehavior("P/a");
-  auto notReturned = std::make_optional<BehaviorRunningLocker>(access.info("P/a"));
-  platform.frames->end(platform.id("P/a"), "");
-  EXPECT_FALSE(run.wait(100ms));
-  auto stop = std::async(std::launch::async, [&] { manager.stopBehavior("P/a"); });
-  auto another = std::async(std::launch::async, [&] { return manager.runBehavior("P/a"); });
-  EXPECT_EQ(stop.wait_for(100ms), std::future_status::timeout);
-  EXPECT_EQ(another.wait_for(100ms), std::future_status::timeout);
-  notReturned.reset();
-  EXPECT_TRUE(run.wait(10s));
-  stop.get();
-  const auto second = another.get();
-  manager.stopBehavior("P/a");
-  EXPECT_TRUE(second.wait(10s));
-}
-
-TEST_F(Hazards, RemovalWaitsForAContinuationThatIsUnderWay)
-{
-  auto pass = access.enter();
-  auto removal = std::async(std::launch::async, [&] { platform.stop(); });
-  EXPECT_EQ(removal.wait_for(200ms), std::future_status::timeout);
-  pass = {};
-  EXPECT_EQ(removal.wait_for(10s), std::future_status::ready);
-}
-
-TEST_F(Hazards, ARunsUnloadWaitsForTheFailuresAnnouncement)
-{
-  std::latch announce(1);
-  during("behaviorFailed", [&] { announce.wait(); });
-  const auto run = manager.runBehavior("P/a");
-  platform.journal.clear();
   platform.frames->end(platform.id("P/a"), "no arm");
-  EXPECT_FALSE(platform.journal.waitFor("signal behaviorStopped [\"P/a\"]", 100ms));
-  announce.count_down();
+  platform.passPosted();
+  platform.passPosted(); // the end of the wait, and what it posts
+  EXPECT_THAT(platform.journal.lines("signal behaviorStopped"), IsEmpty());
+  announce.set();
   EXPECT_EQ(run.error(), "no arm");
 }
 
-TEST_F(Hazards, RemovalWaitsForACallbackThatIsUnderWay)
+TEST_F(BehaviorManagerHazards, AnEndAStopAndAnotherRunWaitForARunThatHasNotReturned)
 {
-  std::latch reached(1);
-  std::latch goOn(1);
-  during("behaviorFailed",
-         [&]
-         {
-           reached.count_down();
-           goOn.wait();
-         });
-  const auto run = manager.runBehavior("P/a");
-  platform.frames->end(platform.id("P/a"), "no arm");
-  reached.wait();
-  auto removal = std::async(std::launch::async, [&] { platform.stop(); });
-  EXPECT_EQ(removal.wait_for(100ms), std::future_status::timeout);
-  goOn.count_down();
-  EXPECT_EQ(removal.wait_for(20s), std::future_status::ready);
-  EXPECT_EQ(run.error(), "no arm");
-  EXPECT_EQ(platform.frames->connections(), 0U);
-}
-
-TEST_F(Hazards, ARunOutlivesTheModuleAndItsFutureCompletes)
-{
-  const auto run = manager.runBehavior("P/a");
-  platform.frames->hold(); // the wait ends only when the module has gone
-  platform.stop();
-  EXPECT_FALSE(run.isFinished());
-  platform.frames->release();
-  EXPECT_TRUE(run.wait(10s));
-  EXPECT_EQ(run.error(), "");
-  platform.settle();
-  EXPECT_EQ(platform.frames->connections(), 0U);
-
-  platform.start();
-  const auto orphan = platform.manager->runBehavior("P/a");
-  platform.broker->removeModule("ZBFrameManager");
-  platform.frames = nullptr;
-  EXPECT_TRUE(orphan.wait(10s)) << "a future stayed open without a frame manager";
-}
-
-TEST_F(Hazards, ALoadDuringAnInstallationLeavesNoForgottenInstance)
-{
-  const auto other = platform.makePackage("Q", TestPlatform::paths({"x", "y"}));
-  // The package is in the catalogue; y's record has not been reset yet.
+  const auto first = manager.runBehavior("P/a");
+  Event goOn;
+  std::future<vu::Future<void>> second;
+  // Announced before the first run goes on: by then the second is between its start and its return.
   during("behaviorStopped",
          [&]
          {
-           EXPECT_NO_THROW(manager.startBehavior("Q/y"));
-           EXPECT_EQ(platform.frames->behaviors().size(), 1U);
+           const auto waiting = keepFirst(*platform.frames, "_waitForStopped", goOn);
+           second = std::async(std::launch::async, [&] { return manager.runBehavior("P/a"); });
+           EXPECT_TRUE(waiting->wait());
+         });
+  platform.frames->end(platform.id("P/a"));
+  platform.passPosted();
+  platform.passPosted();
+  platform.passPosted(); // the report, the end of the wait, what goes on behind both
+  EXPECT_FALSE(first.isFinished());
+  const auto stop = post("stopBehavior", "P/a");
+  const auto third = post("runBehavior", "P/a");
+  platform.passPosted();
+  EXPECT_FALSE(stop.isFinished());
+  EXPECT_FALSE(third.isFinished());
+  EXPECT_EQ(platform.journal.lines("frames createBehavior").size(), 2U) << "the third run did not wait";
+  goOn.set();
+  EXPECT_TRUE(first.wait(patience));
+  EXPECT_TRUE(second.get().wait(patience));
+  EXPECT_TRUE(stop.wait(patience));
+  EXPECT_TRUE(TestSupport::eventually([&] { return manager.isBehaviorRunning("P/a"); }));
+  manager.stopBehavior("P/a");
+  EXPECT_TRUE(third.wait(patience));
+}
+
+TEST_F(BehaviorManagerHazards, RemovalWaitsForAContinuationThatIsUnderWay)
+{
+  Event reached;
+  Event goOn;
+  const auto run = manager.runBehavior("P/a");
+  std::filesystem::remove(platform.directory / "P/a"); // so that the run's own end stops it, and not the report
+  during("behaviorStopped",
+         [&]
+         {
+           reached.set();
+           EXPECT_TRUE(goOn.wait());
+           platform.journal.add("went on");
+         });
+  platform.frames->end(platform.id("P/a"));
+  EXPECT_TRUE(reached.wait());
+  auto removal = std::async(std::launch::async,
+                            [&]
+                            {
+                              platform.stop();
+                              platform.journal.add("removed");
+                            });
+  EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout); // long for a removal
+  goOn.set();
+  removal.get();
+  EXPECT_THAT(platform.journal.lines(), testing::IsSupersetOf({"went on", "removed"}));
+  EXPECT_EQ(platform.journal.lines().back(), "removed");
+  EXPECT_EQ(run.error(), "");
+}
+
+TEST_F(BehaviorManagerHazards, ARunOutlivesTheModuleAndItsFutureCompletes)
+{
+  const auto run = manager.runBehavior("P/a");
+  platform.frames->hold(); // the wait ends only when the module has gone
+  manager.startBehavior("P/b");
+  platform.stop();
+  EXPECT_EQ(platform.frames->connections(), 0U) << "a report that is held back keeps its connection";
+  EXPECT_FALSE(run.isFinished());
+  platform.frames->release();
+  EXPECT_TRUE(run.wait(patience));
+  EXPECT_EQ(run.error(), "");
+
+  platform.settle();
+  platform.start();
+  const auto orphan = platform.manager->runBehavior("P/a");
+  platform.broker->removeModule("ZBFrameManager");
+  EXPECT_TRUE(orphan.wait(patience)) << "a future stayed open without a frame manager";
+}
+
+TEST_F(BehaviorManagerHazards, AStartDuringAnInstallationStays)
+{
+  const auto other = platform.makePackage("Q", {"x", "y", "z"});
+  // The package is in the catalogue; the records of y and z come later.
+  during("behaviorStopped",
+         [&]
+         {
+           manager.startBehavior("Q/y");
+           manager.loadBehavior("Q/z");
          });
   platform.install(other);
-  EXPECT_EQ(state("Q/y"), BehaviorState::Stopped);
-  EXPECT_EQ(platform.id("Q/y"), "");
   platform.settle();
-  EXPECT_TRUE(platform.frames->behaviors().empty());
-  EXPECT_EQ(platform.frames->connections(), 0U);
+  EXPECT_THAT(signals(), ElementsAre("behaviorStopped [\"Q/x\"]", "behaviorLoaded [\"Q/y\"]", "behaviorStarted [\"Q/y\"]",
+                                     "behaviorLoaded [\"Q/z\"]", "behaviorsAdded [[\"Q/x\",\"Q/y\",\"Q/z\"]]"));
+  EXPECT_EQ(platform.journal.lines("event ZBBehaviorManager/BehaviorAdded ").size(), 3U);
+  EXPECT_THAT(manager.getRunningBehaviors(), ElementsAre("Q/y"));
+  EXPECT_THAT(platform.frames->behaviors(), ElementsAre(platform.id("Q/y"), platform.id("Q/z")));
 }
 
-TEST_F(Hazards, ALoadThatResolvedBeforeARemovalLeavesNoInstance)
-{
-  // The load has resolved the name and waits for the loading lock.
-  auto lock = std::make_unique<BehaviorLoadingLocker>(access.info("P/a"));
-  std::latch resolved(1);
-  auto load = std::async(std::launch::async,
-                         [&]
-                         {
-                           resolved.count_down();
-                           return errorOf([&] { manager.startBehavior("P/a"); });
-                         });
-  resolved.wait();
-  load.wait_for(20ms); // it gets to the lock; were it late, it would not find the name: the same outcome
-  auto removal = std::async(std::launch::async, [&] { platform.remove(package); });
-  while (!access.packageDirectory("P").empty())
-    std::this_thread::yield();
-  lock.reset();
-  removal.get();
-  EXPECT_NE(load.get(), "no error");
-  EXPECT_EQ(state(), BehaviorState::Unknown);
-  EXPECT_TRUE(platform.frames->behaviors().empty());
-}
-
-TEST_F(Hazards, AStopThatResolvedBeforeARemovalLeavesTheBehaviorUnknown)
-{
-  auto lock = std::make_unique<BehaviorLoadingLocker>(access.info("P/a"));
-  std::latch resolved(1);
-  auto stop = std::async(std::launch::async,
-                         [&]
-                         {
-                           resolved.count_down();
-                           return errorOf([&] { manager.stopBehavior("P/a"); });
-                         });
-  resolved.wait();
-  stop.wait_for(20ms); // to the lock; were it late, the name would not resolve: nothing stopped either
-  // The removal itself, with the loading lock in other hands: as when it has gone before the stop.
-  platform.remove(platform.makePackage("P", TestPlatform::paths({"b"})));
-  access.setState("P/a", BehaviorState::Unknown);
-  platform.journal.clear();
-  lock.reset();
-  stop.get();
-  EXPECT_EQ(state(), BehaviorState::Unknown);
-  EXPECT_THAT(platform.journal.lines("signal "), IsEmpty());
-}
-
-TEST_F(Hazards, AReportHeldBackUntilTheModuleHasGoneLeavesNoConnection)
+TEST_F(BehaviorManagerHazards, WhatARemovalLeftBehindIsResetByTheNextInstallation)
 {
   manager.startBehavior("P/a");
+  manager.startBehavior("P/b");
+  platform.remove(platform.makePackage("P", {"a"}));
+  EXPECT_THAT(manager.getRunningBehaviors(), ElementsAre("P/b"));
+  platform.journal.clear();
+  platform.install(package); // in the same directory
+  EXPECT_EQ(platform.id("P/b"), "");
+  EXPECT_THAT(signals(), ElementsAre("behaviorStopped [\"P/a\"]", "behaviorStopped [\"P/b\"]", "behaviorsAdded [[\"P/a\",\"P/b\"]]"));
+  expectNothingLeft();
+}
+
+TEST_F(BehaviorManagerHazards, APackageRemovedUnderARunEndsUnknownWithoutAFurtherStop)
+{
+  const auto run = manager.runBehavior("P/a");
   platform.frames->hold();
-  manager.stopBehavior("P/a");
-  manager.startBehavior("P/a");
-  platform.stop();
-  EXPECT_EQ(platform.frames->connections(), 0U);
-  platform.frames->release();
-  platform.settle();
-  EXPECT_TRUE(platform.frames->behaviors().empty());
-}
-
-TEST_F(Hazards, AFailureInsideThePlayIsAnnouncedBehindTheStart)
-{
-  platform.frames->script("P/a", Script::FailInPlay);
-  platform.frames->during("playBehavior", [this] { platform.settle(); });
+  platform.remove(package);
   platform.journal.clear();
-  manager.startBehavior("P/a");
-  EXPECT_THAT(platform.journal.lines("signal "), ElementsAre("behaviorLoaded [\"P/a\"]", "behaviorStarted [\"P/a\"]",
-                                                             "behaviorFailed [\"P/a\",\"fm-1\",\"no arm\"]", "behaviorStopped [\"P/a\"]"));
+  platform.frames->release();
+  EXPECT_EQ(run.error(), "");
+  expectNothingLeft();
+  EXPECT_THAT(signals(), IsEmpty());
 }
 
-TEST_F(Hazards, AStopInsideASignalHandlerOfAnotherHandleIsServed)
+TEST_F(BehaviorManagerHazards, WhoResolvedBeforeARemovalFindsNothingBehindIt)
 {
-  const vu::Object client(platform.broker->session()->find("ZBBehaviorManager"));
-  std::promise<void> stopped;
-  client
-      .connect<std::string>("behaviorStarted",
-                            [&](const std::string& path)
-                            {
-                              client.call<void>("stopBehavior", path);
-                              stopped.set_value();
-                            })
-      .value();
-  client.call<void>("startBehavior", std::string("P/a"));
-  EXPECT_EQ(stopped.get_future().wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(state(), BehaviorState::Stopped);
+  const auto listingLess = platform.makePackage("P", {"b"}); // so that the removal does not wait for the lock of a
+  for (const auto& [method, error] :
+       std::vector<std::pair<std::string, std::string>>{{"stopBehavior", ""},
+                                                        {"preloadBehavior", "behavior P/a is not installed."},
+                                                        {"startBehavior", "behavior P/a failed to load: behavior P/a is not installed."}})
+  {
+    SCOPED_TRACE(method);
+    Event goOn;
+    const auto loading = keepFirst(*platform.frames, "createBehavior", goOn);
+    platform.frames->refuse("createBehavior", "broken");
+    const auto first = post("preloadBehavior", "P/a");
+    EXPECT_TRUE(loading->wait());
+    const auto late = post(method, "P/a");
+    platform.passPosted(); // it has resolved the name and waits for the lock
+    platform.remove(listingLess);
+    platform.journal.clear();
+    goOn.set();
+    EXPECT_EQ(first.error(), "broken");
+    EXPECT_EQ(late.error(), error);
+    EXPECT_THAT(platform.journal.lines(), IsEmpty());
+    platform.install(package);
+  }
 }
 
-TEST_F(Hazards, EmptyBehaviorsStartedByManyClientsAllEndStopped)
+TEST_F(BehaviorManagerHazards, EmptyBehaviorsStartedByManyClientsAllEndStopped)
 {
   platform.frames->script("P/a", Script::EndInPlay);
   platform.frames->script("P/b", Script::EndInPlay);
@@ -422,19 +406,10 @@ TEST_F(Hazards, EmptyBehaviorsStartedByManyClientsAllEndStopped)
         [this, client]
         {
           for (int i = 0; i < 250; ++i)
-            try
-            {
-              manager.startBehavior(client % 2 == 0 ? "P/a" : "P/b");
-            }
-            catch (const ZBError&)
-            {
-              // Already running, or gone between load and play: both are honest answers.
-            }
+            // Already running, or gone between load and play, are honest answers.
+            refusal([&] { manager.startBehavior(client % 2 == 0 ? "P/a" : "P/b"); });
         });
   for (auto& client : clients)
     client.join();
-  platform.settle();
-  EXPECT_THAT(manager.getLoadedBehaviors(), IsEmpty());
-  EXPECT_TRUE(platform.frames->behaviors().empty());
-  EXPECT_EQ(platform.frames->connections(), 0U);
+  expectNothingLeft();
 }

@@ -1,6 +1,4 @@
-#include <fstream>
 #include <future>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,27 +8,41 @@
 using namespace ZB;
 using namespace ZB::BehaviorManager;
 using testing::ElementsAre;
+using testing::IsEmpty;
 using vu::log::Level;
 
 namespace
 {
 
-std::string readFile(const std::string& name)
+std::string golden(const std::string& name) { return TestSupport::readFile(std::string(GOLDEN_DIRECTORY) + "/" + name); }
+
+class BehaviorManagerService : public testing::Test
 {
-  std::ifstream file(std::string(GOLDEN_DIRECTORY) + "/" + name);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
+protected:
+  ZBBehaviorManager& startWith(const std::vector<std::string>& paths)
+  {
+    auto& manager = platform.start({platform.makePackage("P", paths)});
+    platform.journal.clear();
+    return manager;
+  }
+  std::vector<std::string> logged(std::size_t from = 0)
+  {
+    std::vector<std::string> texts;
+    for (const auto& line : platform.log.lines())
+      texts.push_back(std::to_string(static_cast<int>(line.level)) + " " + line.category + "." + line.function + ": " + line.message);
+    return {texts.begin() + static_cast<std::ptrdiff_t>(from), texts.end()};
+  }
+
+  TestPlatform platform;
+};
 
 } // namespace
 
-TEST(Service, DescribesItselfExactlyAsPublished)
+TEST_F(BehaviorManagerService, DescribesItselfExactlyAsPublished)
 {
-  TestPlatform platform;
   platform.start();
-  const auto published = vu::Value::parse(readFile("service.json"));
-  const vu::Value described = platform.broker->session()->find("ZBBehaviorManager")->description();
+  const auto published = vu::Value::parse(golden("service.json"));
+  const vu::Value described = platform.service().description();
   ASSERT_EQ(described["methods"].size(), published["methods"].size());
   for (std::size_t i = 0; i < published["methods"].size(); ++i)
     EXPECT_EQ(described["methods"][i], published["methods"][i]) << "method " << i + 1;
@@ -38,27 +50,9 @@ TEST(Service, DescribesItselfExactlyAsPublished)
   EXPECT_EQ(described["description"], published["description"]);
 }
 
-TEST(Service, RefusesMethodsThatItDoesNotPublish)
+TEST_F(BehaviorManagerService, SubscribesAndDeclaresInItsOrderAndAsksForPackagesLast)
 {
-  TestPlatform platform;
-  platform.start();
-  const ZBProxy proxy(platform.broker, "ZBBehaviorManager");
-  for (const char* method : {"loadBehavior", "unloadBehavior", "getPackageDir"})
-    try
-    {
-      proxy.call(method, std::string("P/a"));
-      FAIL() << method;
-    }
-    catch (const ZBError& error)
-    {
-      EXPECT_EQ(error.kind(), vu::ServiceError::Kind::UnknownMethod) << method;
-    }
-}
-
-TEST(StartUp, SubscribesAndDeclaresInItsOrderAndAsksForPackagesLast)
-{
-  TestPlatform platform;
-  platform.start({platform.makePackage("P", TestPlatform::paths({"a"}))});
+  platform.start({platform.makePackage("P", {"a"})});
   EXPECT_THAT(platform.journal.lines(),
               ElementsAre("memory subscribeToMicroEvent TarvikReady ZBBehaviorManager '' _onDataChanged",
                           "memory declareEvent ZBBehaviorManager/BehaviorsLoaded", "memory declareEvent BehaviorsRun",
@@ -70,116 +64,153 @@ TEST(StartUp, SubscribesAndDeclaresInItsOrderAndAsksForPackagesLast)
   EXPECT_THAT(platform.manager->getInstalledBehaviors(), ElementsAre("P/a"));
 }
 
-TEST(StartUp, SurvivesEachRefusalOfTheMemory)
+TEST_F(BehaviorManagerService, SurvivesEachRefusalOfTheMemory)
 {
+  platform.startServices();
   const std::string end = " event. The BehaviorManager is not started properly.";
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {"subscribeToMicroEvent TarvikReady", "Could not subscribe to the TarvikReady" + end},
-      {"declareEvent BehaviorsRun", "Could not declare the BehaviorsRun" + end},
-      {"declareEvent ZBBehaviorManager/BehaviorsRemoved", "Could not declare the ZBBehaviorManager/BehaviorsRemoved" + end},
-      {"subscribeToEvent packageInstalled", "Could not subscribe to \"packageInstalled\" event: no"},
-      {"subscribeToEvent packageRemoved", "Could not subscribe to \"packageRemoved\" event: no"}};
-  for (const auto& [call, line] : cases)
+  for (const auto& [call, line] : std::vector<std::pair<std::string, std::string>>{
+           {"subscribeToMicroEvent TarvikReady", "Could not subscribe to the TarvikReady" + end},
+           {"declareEvent BehaviorsRun", "Could not declare the BehaviorsRun" + end},
+           {"subscribeToEvent packageInstalled", "Could not subscribe to \"packageInstalled\" event: no"}})
   {
-    SCOPED_TRACE(call);
-    TestPlatform platform;
-    platform.startServices();
+    platform.journal.clear();
+    platform.log.clear();
     platform.memory->refuse(call, "no");
     platform.start();
     EXPECT_EQ(platform.journal.lines().size(), 12U) << "a step was left out";
-    const auto logged = platform.log.lines();
-    ASSERT_EQ(logged.size(), 1U);
-    EXPECT_EQ(logged[0].message, line);
-    EXPECT_EQ(logged[0].level, Level::Error);
-    EXPECT_EQ(logged[0].category, "behaviormanager");
-    EXPECT_EQ(logged[0].function, "ZBBehaviorManager");
+    EXPECT_THAT(logged(), ElementsAre("2 behaviormanager.ZBBehaviorManager: " + line));
+    platform.stop();
   }
 }
 
-TEST(StartUp, FailsWithoutPackagesOrFrameManagerAndLeavesNothing)
+TEST_F(BehaviorManagerService, FailsWithoutPackagesOrFrameManagerAndLeavesNothing)
 {
-  TestPlatform platform;
   platform.startServices();
   platform.packageManager->refuse("packages", "broken");
   EXPECT_THROW(platform.start(), ZBError);
   EXPECT_EQ(platform.broker->session()->find("ZBBehaviorManager"), nullptr);
-  platform.packageManager->acceptAll();
-  EXPECT_NO_THROW(platform.start());
-  platform.stop();
-
   // Without a frame manager the constructor waits; the host's end ends the wait.
   platform.broker->removeModule("ZBFrameManager");
-  auto late = std::async(std::launch::async, [&] { return errorOf([&] { platform.start(); }); });
+  auto late = std::async(std::launch::async, [&] { platform.start(); });
   EXPECT_EQ(late.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   platform.broker->session()->close();
   EXPECT_THROW(late.get(), vu::ServiceError);
 }
 
-TEST(Readiness, PlaysDefaultsOnlyForValuesThatTruncateToOne)
+TEST_F(BehaviorManagerService, PlaysDefaultsOnlyForValuesThatTruncateToOne)
 {
-  TestPlatform platform;
-  platform.start({platform.makePackage("P", TestPlatform::paths({".default"}))});
+  auto& manager = startWith({".default"});
   const auto plays = [&](const std::string& event, const ZBValue& value)
   {
-    platform.journal.clear();
-    platform.manager->onDataChanged(event, value, "");
+    manager.onDataChanged(event, value, "");
     platform.settle();
-    platform.manager->stopAllBehaviors();
-    return platform.journal.count("signal behaviorStarted [\"P/.default\"]");
+    const bool played = manager.isBehaviorRunning(".default");
+    manager.stopAllBehaviors();
+    return played;
   };
-  for (const ZBValue& value : {ZBValue(1), ZBValue(1.0), ZBValue(1.7)})
-    EXPECT_EQ(plays("TarvikReady", value), 1U) << value.value();
+  for (const ZBValue& value : {ZBValue(1), ZBValue(1.7)})
+    EXPECT_TRUE(plays("TarvikReady", value)) << value.value();
   for (const ZBValue& value : {ZBValue(0), ZBValue(2), ZBValue(0.9), ZBValue(-1), ZBValue(1e30)})
-    EXPECT_EQ(plays("TarvikReady", value), 0U) << value.value();
-  EXPECT_EQ(plays("TarvikRead", 1), 0U);
-
-  const auto other = platform.makePackage("Q", TestPlatform::paths({"a"}));
-  platform.manager->onDataChanged("package", other.toValue(), "");
-  EXPECT_THAT(platform.manager->getInstalledBehaviors(), ElementsAre("P/.default"));
+    EXPECT_FALSE(plays("TarvikReady", value)) << value.value();
+  EXPECT_FALSE(plays("TarvikRead", 1));
+  manager.onDataChanged("package", platform.makePackage("Q", {"a"}).toValue(), "");
+  EXPECT_THAT(manager.getInstalledBehaviors(), ElementsAre("P/.default"));
 }
 
-TEST(ShutDown, StopsTheRunningThenUnloadsTheLoaded)
+TEST_F(BehaviorManagerService, UnloadsOnlyForTheModuleItself)
 {
-  TestPlatform platform;
-  platform.start({platform.makePackage("P", TestPlatform::paths({"a", "b", "c"}))});
-  platform.manager->loadBehavior("P/a");
-  platform.manager->startBehavior("P/b");
-  platform.manager->loadBehavior("P/c");
-  const auto b = platform.id("P/b");
-  const std::vector<std::string> others{platform.id("P/a"), platform.id("P/c")};
+  auto& manager = startWith({"a"});
+  EXPECT_EQ(refusal([&] { manager.unloadBehavior("x"); }), "ZBBehaviorManager.unloadBehavior: behavior x is not installed.");
+  manager.startBehavior("P/a");
+  EXPECT_TRUE(manager.unloadBehavior("a"));
+  EXPECT_FALSE(manager.isBehaviorLoaded("P/a"));
+}
+
+TEST_F(BehaviorManagerService, DeprecatedMethodsSayWhatReplacesThem)
+{
+  auto& manager = startWith({"a"});
+  manager.getBehaviorNames();
+  manager.isBehaviorPresent("P/a");
+  const std::string rest = " is deprecated. Please use getInstalledBehaviors instead, or use the PackageManager to filter results by "
+                           "installer information.";
+  const std::string warning = "3 behaviormanager.";
+  EXPECT_THAT(logged(),
+              ElementsAre(warning + "getBehaviorNames: getBehaviorNames" + rest,
+                          warning + "getUserBehaviorNames: getUserBehaviorNames" + rest,
+                          warning + "getSystemBehaviorNames: getSystemBehaviorNames" + rest,
+                          warning + "isBehaviorPresent: isBehaviorPresent is deprecated, please use isBehaviorInstalled instead"));
+}
+
+TEST_F(BehaviorManagerService, ARefusedEventCostsThoseBehindItAndALine)
+{
+  auto& manager = startWith({"a", "b"});
+  manager.startBehavior("P/a");
   platform.journal.clear();
-  platform.stop();
-  EXPECT_THAT(platform.journal.lines("frames deleteBehavior "), ElementsAre(b, others[0], others[1]));
-  EXPECT_THAT(platform.journal.lines("signal behaviorStopped "), ElementsAre("[\"P/b\"]", "[\"P/a\"]", "[\"P/c\"]"));
-  EXPECT_TRUE(platform.frames->behaviors().empty());
+  platform.memory->refuse("raiseMicroEvent ZBBehaviorManager/BehaviorFailed", "no");
+  platform.memory->refuse("raiseMicroEvent ZBBehaviorManager/BehaviorsLoaded", "memory is full");
+  platform.frames->end("fm-1", "no arm");
+  platform.settle();
+  EXPECT_THAT(platform.journal.lines(),
+              ElementsAre("signal behaviorFailed [\"P/a\",\"fm-1\",\"no arm\"]", "signal behaviorStopped [\"P/a\"]"));
+  EXPECT_THAT(logged(), ElementsAre("3 ZBBehaviorManager.onBehaviorFailed: no", "3 behaviormanager.xSetBehaviorState: memory is full"));
+
+  // An installation breaks off where it is.
+  platform.journal.clear();
+  platform.memory->refuse("raiseMicroEvent ZBBehaviorManager/BehaviorAdded", "no");
+  EXPECT_THROW(platform.install(platform.makePackage("Q", {"a", "b"})), ZBError);
+  EXPECT_THAT(platform.journal.lines(), ElementsAre("signal behaviorStopped [\"Q/a\"]"));
+}
+
+TEST_F(BehaviorManagerService, StoppingSurvivesRefusalsOfTheFrameManager)
+{
+  auto& manager = startWith({"a", "b"});
+  manager.startBehavior("P/a");
+  platform.frames->refuse("behaviors", "busy");
+  manager.stopBehavior("P/a");
+  manager.startBehavior("P/b");
+  platform.frames->refuse("deleteBehavior", "busy");
+  manager.stopBehavior("P/b");
+  const std::string warning = "3 behaviormanager.xUnloadBehavior: ";
+  EXPECT_THAT(logged(), ElementsAre(warning + "frame manager failed to list behaviors it handles: busy",
+                                    warning + "error calling deleteBehavior, behavior P/b may have already been unloaded:busy"));
+  EXPECT_THAT(manager.getLoadedBehaviors(), IsEmpty());
+  EXPECT_EQ(platform.frames->behaviors().size(), 2U);
+  // Both end later, and take their connections along.
+  platform.frames->end("fm-1");
+  platform.frames->end("fm-2");
+  platform.settle();
   EXPECT_EQ(platform.frames->connections(), 0U);
 }
 
-TEST(ShutDown, LogsErrorsAndUnloadsWhatNoNameResolvesTo)
+TEST_F(BehaviorManagerService, ItsEndStopsTheRunningThenUnloadsTheLoaded)
 {
-  TestPlatform platform;
-  const auto package = platform.makePackage("P", TestPlatform::paths({"a", "b"}));
-  platform.start({package});
-  platform.manager->startBehavior("P/a");
-  platform.manager->startBehavior("P/b");
-  // The removal breaks off at its first behavior; the second runs on without a name.
-  platform.memory->refuse("raiseMicroEvent ZBBehaviorManager/BehaviorRemoved", "no", 1);
-  EXPECT_THROW(platform.remove(package), ZBError);
-  EXPECT_EQ(platform.frames->behaviors().size(), 1U);
+  auto& manager = startWith({"a", "b", "c"});
+  const auto other = platform.makePackage("Q", {"d", "e"});
+  platform.install(other);
+  manager.loadBehavior("P/a");
+  for (const char* name : {"P/b", "Q/d", "Q/e"})
+    manager.startBehavior(name);
+  manager.loadBehavior("P/c");
+  // A removal that breaks off at its first behavior leaves the second without a name.
+  platform.memory->refuse("raiseMicroEvent ZBBehaviorManager/BehaviorRemoved", "no");
+  EXPECT_THROW(platform.remove(other), ZBError);
+  platform.journal.clear();
   platform.stop();
-  EXPECT_EQ(platform.log.count(Level::Verbose, "~ZBBehaviorManager: behavior P/b is not installed."), 2U);
-  EXPECT_TRUE(platform.frames->behaviors().empty());
+  EXPECT_THAT(platform.journal.lines("signal behaviorStopped "), ElementsAre("[\"P/b\"]", "[\"P/a\"]", "[\"P/c\"]", "[\"Q/e\"]"));
+  EXPECT_THAT(logged(), ElementsAre("5 behaviormanager.~ZBBehaviorManager: ~ZBBehaviorManager: behavior Q/e is not installed.",
+                                    "5 behaviormanager.~ZBBehaviorManager: ~ZBBehaviorManager: behavior Q/e is not installed."));
+  EXPECT_THAT(platform.frames->behaviors(), IsEmpty());
+  EXPECT_EQ(platform.frames->connections(), 0U);
 }
 
-TEST(Page, IsBuiltFromTheListsAndTheScript)
+TEST_F(BehaviorManagerService, ItsPageIsBuiltFromTheListsAndTheScript)
 {
-  TestPlatform platform;
   platform.start();
-  const auto start = "<html><body><script>" + readFile("script.js") + "</script>";
-  EXPECT_EQ(platform.manager->javaScriptCode(), readFile("script.js"));
+  const auto start = "<html><body><script>" + golden("script.txt") + "</script>";
+  EXPECT_EQ(platform.manager->javaScriptCode(), golden("script.txt"));
   EXPECT_EQ(platform.manager->httpGet(), start + "</body></html>");
 
-  platform.install(platform.makePackage("P", TestPlatform::paths({"a", "."})));
+  platform.install(platform.makePackage("P", {"a", "."}));
   platform.manager->loadBehavior("P");
   platform.manager->startBehavior("P/a");
   const std::string table = "<table cellspacing=\"5\" cellpadding=\"5\"><tr><td><b>Name</b></td>";

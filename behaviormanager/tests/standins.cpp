@@ -5,10 +5,10 @@
 namespace ZB::BehaviorManager
 {
 
-void StandIn::refuse(const std::string& call, const std::string& text, std::optional<int> nth)
+void StandIn::refuse(const std::string& call, const std::string& text, Times times)
 {
   const std::lock_guard lock(_mutex);
-  _refusals[call] = {text, nth};
+  _refusals[call] = {text, times};
 }
 
 void StandIn::acceptAll()
@@ -32,14 +32,12 @@ void StandIn::enter(const std::string& method, const std::string& argument)
     if (const auto found = _actions.find(method); found != _actions.end())
       action = found->second;
     for (const auto& call : {method, method + " " + argument})
-    {
-      const auto found = _refusals.find(call);
-      if (found == _refusals.end())
-        continue;
-      auto& left = found->second.left;
-      if (!left || (*left > 0 && --*left == 0))
-        refusal = found->second.text;
-    }
+      if (const auto found = _refusals.find(call); found != _refusals.end())
+      {
+        refusal = found->second.first;
+        if (found->second.second == Once)
+          _refusals.erase(found);
+      }
   }
   if (action)
     action();
@@ -50,14 +48,10 @@ void StandIn::enter(const std::string& method, const std::string& argument)
 StandInMemory::StandInMemory(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
     : StandIn(std::move(broker), name, journal)
 {
-  method("declareEvent");
-  bindMethod(this, &StandInMemory::declareEvent);
-  method("raiseMicroEvent");
-  bindMethod(this, &StandInMemory::raiseMicroEvent);
-  method("subscribeToEvent");
-  bindMethod(this, &StandInMemory::subscribeToEvent);
-  method("subscribeToMicroEvent");
-  bindMethod(this, &StandInMemory::subscribeToMicroEvent);
+  bind("declareEvent", this, &StandInMemory::declareEvent);
+  bind("raiseMicroEvent", this, &StandInMemory::raiseMicroEvent);
+  bind("subscribeToEvent", this, &StandInMemory::subscribeToEvent);
+  bind("subscribeToMicroEvent", this, &StandInMemory::subscribeToMicroEvent);
 }
 
 void StandInMemory::declareEvent(const std::string& key)
@@ -89,16 +83,11 @@ void StandInMemory::subscribeToMicroEvent(const std::string& key, const std::str
 StandInFrameManager::StandInFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
     : StandIn(std::move(broker), name, journal)
 {
-  method("createBehavior");
-  bindMethod(this, &StandInFrameManager::createBehavior);
-  method("playBehavior");
-  bindMethod(this, &StandInFrameManager::playBehavior);
-  method("_waitForStopped");
-  bindMethod(this, &StandInFrameManager::waitForStopped);
-  method("behaviors");
-  bindMethod(this, &StandInFrameManager::behaviors);
-  method("deleteBehavior");
-  bindMethod(this, &StandInFrameManager::deleteBehavior);
+  bind("createBehavior", this, &StandInFrameManager::createBehavior);
+  bind("playBehavior", this, &StandInFrameManager::playBehavior);
+  bind("_waitForStopped", this, &StandInFrameManager::waitForStopped);
+  bind("behaviors", this, &StandInFrameManager::behaviors);
+  bind("deleteBehavior", this, &StandInFrameManager::deleteBehavior);
   advertiseSignal("behaviorStopped", _stopped);
   advertiseSignal("behaviorFailed", _failed);
 }
@@ -112,7 +101,7 @@ void StandInFrameManager::script(const std::string& behavior, Script script)
 void StandInFrameManager::hold()
 {
   const std::lock_guard lock(_framesMutex);
-  _held = true;
+  _holding = true;
 }
 
 void StandInFrameManager::release()
@@ -120,7 +109,7 @@ void StandInFrameManager::release()
   decltype(_heldReports) reports;
   {
     const std::lock_guard lock(_framesMutex);
-    _held = false;
+    _holding = false;
     reports.swap(_heldReports);
   }
   for (const auto& [id, failure] : reports)
@@ -131,28 +120,19 @@ std::set<std::string> StandInFrameManager::behaviors()
 {
   enter("behaviors");
   const std::lock_guard lock(_framesMutex);
-  std::set<std::string> ids;
-  for (const auto& [id, name] : _names)
-    ids.insert(id);
-  return ids;
-}
-
-std::vector<std::string> StandInFrameManager::lastCreateArguments() const
-{
-  const std::lock_guard lock(_framesMutex);
-  return _createArguments;
+  return _held;
 }
 
 std::string StandInFrameManager::createBehavior(const std::string& directory, const std::string& file, const std::string& name)
 {
-  journal().add("frames createBehavior " + name);
+  journal().add("frames createBehavior " + name + " " + directory.substr(directory.find_last_of('/') + 1) + ":" + file);
   enter("createBehavior", name);
   if (directory.empty() || directory.front() != '/')
     throw ZBError("ZBFrameManager", "createBehavior", "'" + directory + "' is no absolute directory");
   const std::lock_guard lock(_framesMutex);
-  _createArguments = {directory, file, name};
   const auto id = "fm-" + std::to_string(++_lastId);
-  _names[id] = name;
+  _instances.emplace(id, Instance{name, vu::Promise<void>(getParentBroker()->pool())});
+  _held.insert(id);
   return id;
 }
 
@@ -162,10 +142,9 @@ void StandInFrameManager::playBehavior(const std::string& id)
   auto script = Script::Play;
   {
     const std::lock_guard lock(_framesMutex);
-    const auto found = _names.find(id);
-    if (found == _names.end())
+    if (_held.count(id) == 0)
       throw ZBError("ZBFrameManager", "playBehavior", "there is no behavior " + id);
-    if (const auto entry = _scripts.find(found->second); entry != _scripts.end())
+    if (const auto entry = _scripts.find(_instances.at(id).name); entry != _scripts.end())
       script = entry->second;
   }
   if (script == Script::EndInPlay)
@@ -181,26 +160,16 @@ vu::Future<void> StandInFrameManager::waitForStopped(const std::string& id)
 {
   enter("_waitForStopped", id);
   const std::lock_guard lock(_framesMutex);
-  const vu::Promise<void> promise(getParentBroker()->pool());
-  const auto outcome = _outcomes.find(id);
-  if (_names.count(id) != 0 || _ending.count(id) != 0)
-    _waits.emplace(id, promise);
-  else if (outcome != _outcomes.end() && outcome->second)
-    promise.setError(*outcome->second);
-  else
-    promise.setValue();
-  return promise.future();
+  const auto found = _instances.find(id);
+  return found == _instances.end() ? vu::makeReadyFuture<void>({}, getParentBroker()->pool()) : found->second.ended.future();
 }
 
 void StandInFrameManager::deleteBehavior(const std::string& id)
 {
   journal().add("frames deleteBehavior " + id);
   enter("deleteBehavior", id);
-  {
-    const std::lock_guard lock(_framesMutex);
-    if (_names.count(id) == 0)
-      throw ZBError("ZBFrameManager", "deleteBehavior", "there is no behavior " + id);
-  }
+  if (behaviors().count(id) == 0)
+    throw ZBError("ZBFrameManager", "deleteBehavior", "there is no behavior " + id);
   end(id);
 }
 
@@ -208,10 +177,9 @@ void StandInFrameManager::end(const std::string& id, const std::optional<std::st
 {
   {
     const std::lock_guard lock(_framesMutex);
-    if (_names.erase(id) == 0)
+    if (_held.erase(id) == 0)
       return;
-    _ending.insert(id);
-    if (_held)
+    if (_holding)
     {
       _heldReports.emplace_back(id, failure);
       return;
@@ -226,29 +194,22 @@ void StandInFrameManager::report(const std::string& id, const std::optional<std:
     _failed(id, "the step", *failure);
   enter("stopped", id);
   _stopped(id);
-  std::vector<vu::Promise<void>> waits;
+  const auto ended = [&]
   {
     const std::lock_guard lock(_framesMutex);
-    _ending.erase(id);
-    _outcomes[id] = failure;
-    const auto [first, last] = _waits.equal_range(id);
-    for (auto wait = first; wait != last; ++wait)
-      waits.push_back(wait->second);
-    _waits.erase(first, last);
-  }
-  for (const auto& wait : waits)
-    if (failure)
-      wait.setError(*failure);
-    else
-      wait.setValue();
+    return _instances.at(id).ended;
+  }();
+  if (failure)
+    ended.setError(*failure);
+  else
+    ended.setValue();
 }
 
 StandInPackageManager::StandInPackageManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal,
                                              std::vector<vu::PackageInfo> packages)
     : StandIn(std::move(broker), name, journal), _packages(std::move(packages))
 {
-  method("packages");
-  bindMethod(this, &StandInPackageManager::packages);
+  bind("packages", this, &StandInPackageManager::packages);
 }
 
 std::vector<vu::PackageInfo> StandInPackageManager::packages()
@@ -261,10 +222,8 @@ std::vector<vu::PackageInfo> StandInPackageManager::packages()
 StandInPreferences::StandInPreferences(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
     : StandIn(std::move(broker), name, journal)
 {
-  method("readPrefFile");
-  bindMethod(this, &StandInPreferences::readPrefFile);
-  method("writePrefFile");
-  bindMethod(this, &StandInPreferences::writePrefFile);
+  bind("readPrefFile", this, &StandInPreferences::readPrefFile);
+  bind("writePrefFile", this, &StandInPreferences::writePrefFile);
 }
 
 void StandInPreferences::setFile(const ZBValue& settings)
@@ -273,7 +232,7 @@ void StandInPreferences::setFile(const ZBValue& settings)
   _file = settings;
 }
 
-vu::Value StandInPreferences::file() const
+vu::Value StandInPreferences::file()
 {
   const std::lock_guard lock(_fileMutex);
   return _file ? _file->value() : vu::Value();

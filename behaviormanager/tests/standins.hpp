@@ -33,30 +33,32 @@ public:
   {
   }
 
-  /// Every call of a method from now on, or only the nth, throws a ZBError. `call`
-  /// is the method's name, or that and the first argument: "declareEvent BehaviorsRun".
-  void refuse(const std::string& call, const std::string& text, std::optional<int> nth = std::nullopt);
+  enum Times
+  {
+    Once,
+    Always
+  };
+  /// The next or every call of a method throws a ZBError. `call` is the
+  /// method's name, or that and the first argument: "declareEvent BehaviorsRun".
+  void refuse(const std::string& call, const std::string& text, Times times = Once);
   void acceptAll();
   /// Runs inside every call of a method, on the caller's thread, before it is carried out.
   void during(const std::string& method, std::function<void()> action);
 
 protected:
-  /// Opens the description of a method.
-  void method(const std::string& name) { functionName(name, getName(), "A stand-in's method"); }
+  template <typename C, typename M> void bind(const std::string& method, C* instance, M member)
+  {
+    functionName(method, getName(), "A stand-in's method");
+    bindMethod(instance, member);
+  }
   /// To be called first in each method.
   void enter(const std::string& method, const std::string& argument = {});
   Journal& journal() { return _journal; }
 
 private:
-  struct Refusal
-  {
-    std::string text;
-    std::optional<int> left; // calls until the one to refuse; none: every one
-  };
-
   Journal& _journal;
   std::mutex _mutex; // guards both below
-  std::map<std::string, Refusal> _refusals;
+  std::map<std::string, std::pair<std::string, Times>> _refusals;
   std::map<std::string, std::function<void()>> _actions;
 };
 
@@ -75,9 +77,9 @@ private:
 
 /// Plays behaviors as scripts say, by the behavior's name; without a script
 /// until it is deleted or a test ends it. Like the real one it refuses an empty
-/// package directory, and reports every end exactly once before it completes
-/// the waits. Journal: "frames <method> <argument>". The report of a stop
-/// counts as a call of "stopped", which a test may let in between.
+/// package directory, takes an instance off its list before it reports the end,
+/// exactly once, and completes the waits afterwards. Journal: "frames <method>
+/// <argument>". The report of a stop counts as a call of "stopped".
 class StandInFrameManager final : public StandIn
 {
 public:
@@ -100,7 +102,6 @@ public:
 
   std::set<std::string> behaviors();
   std::size_t connections() const { return _stopped.connectionCount() + _failed.connectionCount(); }
-  std::vector<std::string> lastCreateArguments() const;
 
 private:
   std::string createBehavior(const std::string& directory, const std::string& file, const std::string& name);
@@ -109,18 +110,21 @@ private:
   void deleteBehavior(const std::string& id);
   void report(const std::string& id, const std::optional<std::string>& failure);
 
+  struct Instance
+  {
+    std::string name;
+    vu::Promise<void> ended;
+  };
+
   vu::Signal<std::string> _stopped;
   vu::Signal<std::string, std::string, std::string> _failed;
-  mutable std::mutex _framesMutex; // guards the members below
+  std::mutex _framesMutex; // guards the members below
   int _lastId = 0;
-  bool _held = false;
+  bool _holding = false;
   std::map<std::string, Script> _scripts;
-  std::map<std::string, std::string> _names;                   // of the instances, by id
-  std::set<std::string> _ending;                               // not yet reported
-  std::map<std::string, std::optional<std::string>> _outcomes; // of those that have ended
-  std::multimap<std::string, vu::Promise<void>> _waits;
+  std::map<std::string, Instance> _instances; // all there ever were, by id
+  std::set<std::string> _held;                // those that have not ended
   std::vector<std::pair<std::string, std::optional<std::string>>> _heldReports;
-  std::vector<std::string> _createArguments;
 };
 
 class StandInPackageManager final : public StandIn
@@ -140,13 +144,13 @@ public:
   StandInPreferences(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal);
 
   void setFile(const ZBValue& settings);
-  vu::Value file() const;
+  vu::Value file();
 
 private:
   ZBValue readPrefFile(const std::string& name, bool flag);
   void writePrefFile(const std::string& name, const ZBValue& settings, bool flag);
 
-  mutable std::mutex _fileMutex; // guards _file
+  std::mutex _fileMutex; // guards _file
   std::optional<ZBValue> _file;
 };
 

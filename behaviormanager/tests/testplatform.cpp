@@ -1,55 +1,26 @@
 #include "testplatform.hpp"
 
-#include <cstdlib>
-#include <stdexcept>
-
-#include <boost/thread/lock_guard.hpp>
-
-#include <zb/zberror.hpp>
+#include <future>
 
 namespace ZB::BehaviorManager
 {
 
-namespace
+TestPlatform::TestPlatform(vu::ThreadPool::Limits pool) : broker(ZBBroker::create({pool, vu::Value::object()})) {}
+
+vu::PackageInfo TestPlatform::makePackageOf(const std::string& uuid, const std::list<vu::BehaviorInfo>& behaviors,
+                                            const std::string& installer)
 {
-
-std::filesystem::path makeTemporaryDirectory()
-{
-  auto pattern = (std::filesystem::temp_directory_path() / "behaviormanager-XXXXXX").string();
-  if (!mkdtemp(pattern.data()))
-    throw std::runtime_error("cannot create " + pattern);
-  return pattern;
-}
-
-} // namespace
-
-TestPlatform::TestPlatform() : directory(makeTemporaryDirectory()), broker(ZBBroker::create()) {}
-
-TestPlatform::~TestPlatform()
-{
-  broker->shutdown();
-  std::filesystem::remove_all(directory);
-}
-
-vu::PackageInfo TestPlatform::makePackage(const std::string& uuid, const std::list<vu::BehaviorInfo>& behaviors,
-                                          const std::string& installer)
-{
-  vu::PackageInfo::Data data;
-  data.uuid = uuid;
-  data.installer = installer;
-  data.path = (directory / uuid).string();
-  data.behaviors = behaviors;
   for (const auto& behavior : behaviors)
     std::filesystem::create_directories(directory / uuid / behavior.path());
-  return vu::PackageInfo(std::move(data));
+  return vu::PackageInfo(vu::PackageInfo::Data{uuid, {}, installer, (directory / uuid).string(), {}, {}, behaviors});
 }
 
-std::list<vu::BehaviorInfo> TestPlatform::paths(const std::vector<std::string>& paths)
+vu::PackageInfo TestPlatform::makePackage(const std::string& uuid, const std::vector<std::string>& paths, const std::string& installer)
 {
   std::list<vu::BehaviorInfo> behaviors;
   for (const auto& path : paths)
     behaviors.emplace_back(path);
-  return behaviors;
+  return makePackageOf(uuid, behaviors, installer);
 }
 
 void TestPlatform::startServices(std::vector<vu::PackageInfo> packages)
@@ -65,9 +36,9 @@ ZBBehaviorManager& TestPlatform::start(std::vector<vu::PackageInfo> packages)
   if (!memory)
     startServices(std::move(packages));
   manager = &broker->createModule<ZBBehaviorManager>("ZBBehaviorManager");
-  const auto service = broker->session()->find("ZBBehaviorManager");
-  for (const auto& signal : service->description().signals)
-    service
+  const auto backend = broker->session()->find("ZBBehaviorManager");
+  for (const auto& signal : backend->description().signals)
+    backend
         ->connect(signal.name,
                   [this, name = signal.name](const vu::Value& arguments) { journal.add("signal " + name + " " + arguments.dump()); })
         .value();
@@ -80,23 +51,24 @@ void TestPlatform::stop()
   broker->removeModule("ZBBehaviorManager");
 }
 
-std::string errorOf(const std::function<void()>& action)
+void TestPlatform::passPosted()
+{
+  std::promise<void> passed;
+  broker->pool()->post([&] { passed.set_value(); });
+  passed.get_future().wait();
+}
+
+std::string refusal(const std::function<void()>& action)
 {
   try
   {
     action();
   }
-  catch (const ZBError& error)
+  catch (const vu::ServiceError& error)
   {
-    return error.module() == "ZBBehaviorManager" ? error.method() + ": " + error.description() : "of another module: " + error.module();
+    return error.module() + "." + error.method() + ": " + error.description();
   }
   return "no error";
-}
-
-bool ModuleAccess::hasRecord(const std::string& path)
-{
-  const boost::lock_guard<boost::mutex> lock(module._registryMutex);
-  return module._behaviors.count(path) != 0;
 }
 
 } // namespace ZB::BehaviorManager

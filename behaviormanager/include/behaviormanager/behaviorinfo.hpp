@@ -9,6 +9,7 @@
 
 #include <boost/thread/mutex.hpp>
 
+#include <behaviormanager/catalogue.hpp>
 #include <vu/signal.hpp>
 
 namespace ZB::BehaviorManager
@@ -26,32 +27,41 @@ enum class BehaviorState : std::int32_t
 
 constexpr bool isLoaded(BehaviorState state) { return (static_cast<std::int32_t>(state) | 1) == 3; }
 
-/// One instance in the frame manager, as far as it is played: its id, and the
+/// One instance in the frame manager: its id, where it comes from, and the
 /// connections made to hear of its end. Its callbacks hold it, so that a late
 /// report knows what it belongs to, also when the record has gone on to the
 /// next instance or the module is gone.
 struct BehaviorPlay
 {
-  BehaviorPlay(std::string behaviorPath, std::string id) : path(std::move(behaviorPath)), fmId(std::move(id)) {}
+  BehaviorPlay(std::string behaviorPath, std::string id, Catalogue::Installation installed)
+      : path(std::move(behaviorPath)), fmId(std::move(id)), installation(installed)
+  {
+  }
 
   const std::string path;
-  const std::string fmId;
+  const std::string fmId; ///< empty for that of a record which is not loaded
+  const Catalogue::Installation installation;
   std::atomic<vu::SignalLink> stoppedLink{vu::SignalBase::invalidSignalLink};
   std::atomic<vu::SignalLink> failedLink{vu::SignalBase::invalidSignalLink};
 
-  // These are guarded by the module's registry mutex.
-  bool starting = false;     ///< startBehavior() has not announced Running yet
-  bool stopReported = false; ///< the end was reported
-  /// A failure reported while starting: step and message.
-  std::optional<std::pair<std::string, std::string>> failure;
+  struct Failure
+  {
+    std::string second, third; ///< as reported: step and message
+  };
+
+  // Guarded by the mutex of the registry.
+  int starting = 0;               ///< starts that have not ended; until then reports are only kept
+  bool stopReported = false;      ///< the end was reported
+  std::optional<Failure> failure; ///< reported while starting, not yet announced
 };
 
-/// The runtime record of one behavior. The module owns it, from the first time
-/// that somebody asks about the behavior until the module ends. Thread-safe.
+/// The runtime record of one behavior. The registry owns it, from the first
+/// time that somebody asks about the behavior until the module ends. It always
+/// has a play, which holds id and links. Thread-safe.
 class BehaviorInfo
 {
 public:
-  BehaviorInfo();
+  explicit BehaviorInfo(std::string path = {});
   BehaviorInfo(const BehaviorInfo&) = delete;
   BehaviorInfo& operator=(const BehaviorInfo&) = delete;
 
@@ -62,28 +72,25 @@ public:
 
   BehaviorState state() const;
   /// Non-empty exactly while the behavior is loaded in the frame manager.
-  std::string fmId() const;
+  std::string fmId() const { return play()->fmId; }
   /// SignalBase::invalidSignalLink where there is no connection.
-  vu::SignalLink behaviorStoppedLink() const;
-  vu::SignalLink behaviorFailedLink() const;
-  /// The play that the links belong to; null before the first.
+  vu::SignalLink behaviorStoppedLink() const { return play()->stoppedLink; }
+  vu::SignalLink behaviorFailedLink() const { return play()->failedLink; }
+  /// Never null.
   std::shared_ptr<BehaviorPlay> play() const;
 
   /// False when the state is that one already.
   bool setState(BehaviorState state);
-  void setFmId(const std::string& fmId);
-  void setBehaviorStoppedLink(const vu::SignalLink& link);
-  void setBehaviorFailedLink(const vu::SignalLink& link);
-  void setPlay(std::shared_ptr<BehaviorPlay> play);
+  /// Begins another play, without links.
+  void setFmId(const std::string& fmId, Catalogue::Installation installation = Catalogue::noInstallation);
+  void setBehaviorStoppedLink(const vu::SignalLink& link) { play()->stoppedLink = link; }
+  void setBehaviorFailedLink(const vu::SignalLink& link) { play()->failedLink = link; }
 
 private:
-  mutable boost::mutex _mutex; // guards the members below the next two
+  mutable boost::mutex _mutex; // guards _state and _play
   const std::shared_ptr<boost::mutex> _loadingMutex;
   const std::shared_ptr<boost::mutex> _runningMutex;
   BehaviorState _state = BehaviorState::Unknown;
-  std::string _fmId;
-  vu::SignalLink _behaviorStoppedLink = vu::SignalBase::invalidSignalLink;
-  vu::SignalLink _behaviorFailedLink = vu::SignalBase::invalidSignalLink;
   std::shared_ptr<BehaviorPlay> _play;
 };
 

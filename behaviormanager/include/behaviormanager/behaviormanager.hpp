@@ -1,16 +1,15 @@
 #pragma once
 
-#include <map>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include <boost/filesystem/path.hpp>
-#include <boost/thread/mutex.hpp>
-
 #include <behaviormanager/behaviorinfo.hpp>
+#include <behaviormanager/catalogue.hpp>
 #include <behaviormanager/constants.hpp>
+#include <behaviormanager/registry.hpp>
 #include <vu/future.hpp>
 #include <vu/gate.hpp>
 #include <vu/object.hpp>
@@ -26,9 +25,10 @@
 namespace ZB::BehaviorManager
 {
 
-/// The behavior manager: keeps the catalogue of installed behaviors, resolves
-/// their names, and loads, starts, runs, stops and unloads them through the
-/// frame manager. Every change is announced by a signal and memory events.
+/// The behavior manager: loads, starts, runs, stops and unloads behaviors
+/// through the frame manager, and follows packages that come and go. What is
+/// installed stands in its catalogue, what is loaded in its registry; every
+/// change is announced by a signal and memory events.
 ///
 /// A behavior is named by its package's uuid, "/", and its path inside the
 /// package. Wherever a client gives a name, it may also give the legacy forms
@@ -43,13 +43,8 @@ namespace ZB::BehaviorManager
 class __attribute__((visibility("default"))) ZBBehaviorManager : public ZBModule
 {
 public:
-  /// Selects packages by their installer; a bit set.
-  enum InstallerFlag
-  {
-    InstallerSystem = 1, ///< installed by "system"
-    InstallerUser = 2,   ///< installed by anybody else
-    InstallerAll = 3
-  };
+  using InstallerFlag = Catalogue::InstallerFlag;
+  using enum Catalogue::InstallerFlag;
 
   static const std::string defaultUserBehaviorsPath;
   /// Name of the preference file of default behaviors, and of its one setting.
@@ -124,65 +119,56 @@ public:
   std::string javaScriptCode() const;
 
 private:
-  friend struct ModuleAccess; // the tests' way to the private operations
+  /// A name that has been resolved, and need not be again on its way.
+  struct Resolved
+  {
+    std::string path; ///< empty when there is no such behavior
+    std::string package;
+    std::string relative;
+  };
+  using WhenReported = std::function<void(const vu::Future<vu::Value>& waited, const vu::Gate::Pass& pass)>;
 
   void bindMethods();
   void advertiseSignals();
 
-  // Registry
-  BehaviorInfo* xBehaviorInfo(const std::string& path);
-  BehaviorLoadingLocker xBehaviorLoadingLock(const std::string& path);
-  BehaviorRunningLocker xBehaviorRunningLock(const std::string& path);
-  BehaviorState xBehaviorState(const std::string& path);
-  std::string xFrameManagerId(const std::string& path);
-  vu::SignalLink xBehaviorStoppedLink(const std::string& path);
-  vu::SignalLink xBehaviorFailedLink(const std::string& path);
-  void xSetBehaviorLinks(const std::string& path, const vu::SignalLink& stoppedLink, const vu::SignalLink& failedLink);
+  // Changes and their announcements
   void xSetBehaviorState(const std::string& path, BehaviorState newState);
-  void xSetFrameManagerId(const std::string& path, const std::string& fmId);
-  bool xEndInstance(const std::string& path, const std::string& fmId);
-  void xEraseFrameManagerId(const std::string& fmId);
+  void xEndInstance(const std::string& path, const std::string& fmId);
   void xAnnounceState(const std::string& path, BehaviorState oldState, BehaviorState newState);
   void xRaise(const char* key, const ZBValue& value);
-  std::vector<std::string> xBehaviorsWhere(bool (*matches)(BehaviorState));
+  void xPackageAdded(const vu::PackageInfo& package);
+  void xPackageRemoved(const vu::PackageInfo& package);
+  void onBehaviorAdded(const std::string& name, Catalogue::Installation installation);
+  void onBehaviorUpdated(const std::string& name);
+  void onBehaviorRemoved(const std::string& name);
 
   // Lifecycle
-  std::string xStartBehavior(const std::string& behavior);
-  std::shared_ptr<BehaviorPlay> xBeginPlay(const std::string& path, BehaviorInfo& info);
+  Resolved xResolve(const std::string& name) const;
+  void xLoadBehavior(const std::string& name, const Resolved& behavior);
+  std::string xStartBehavior(const Resolved& behavior);
   void xConnectPlay(const std::shared_ptr<BehaviorPlay>& play);
   void xEndStarting(const std::shared_ptr<BehaviorPlay>& play);
-  void _runBehaviorCont(const vu::Future<void>& waited, const std::string& name, const std::string& path, const std::string& fmId,
+  vu::Future<void> xAwaitRun(const std::string& name, const std::string& path, const std::string& fmId);
+  void _runBehaviorCont(const vu::Future<vu::Value>& waited, const std::string& name, const std::string& path, const std::string& fmId,
                         const vu::Promise<void>& promise);
   void xStopBehavior(const std::string& behavior, bool waitForRun);
   void xUnloadBehavior(const std::string& path);
+  void xUnloadInstance(const std::string& path, const std::string& fmId);
   void xUnloadLocked(const std::string& path);
-  void xDeleteInstance(const std::string& path, const std::string& fmId);
+  void xDeleteInstance(const std::shared_ptr<BehaviorPlay>& play);
+  void xWhenReported(const vu::Future<vu::Value>& waited, const WhenReported& action) const;
   void onBehaviorStopped(const std::shared_ptr<BehaviorPlay>& play, const std::string& stoppedId);
   void onBehaviorFailed(const std::shared_ptr<BehaviorPlay>& play, const std::string& failedId, const std::string& second,
                         const std::string& third);
   void xAnnounceFailure(const BehaviorPlay& play, const std::string& second, const std::string& third);
   void xFinishPlay(const std::shared_ptr<BehaviorPlay>& play);
+  void xDisconnect(const Registry::Links& links) const;
 
-  // Catalogue
-  std::vector<std::string> xGetBehaviorsInPackages(InstallerFlag flags) const;
-  bool xIsSystemPackage(const vu::PackageInfo& package) const;
-  std::string xResolveBehaviorName(const std::string& name, std::string* package, std::string* behavior) const;
-  std::string xFindBehavior(const std::string& name) const;
-  void xPackageAdded(const vu::PackageInfo& package);
-  void xPackageRemoved(const vu::PackageInfo& package);
-  void onBehaviorAdded(const std::string& name);
-  void onBehaviorUpdated(const std::string& name);
-  void onBehaviorRemoved(const std::string& name);
-  std::string getPackageDir(const std::string& uuid) const;
-
-  // Metadata
-  std::string xBehaviorOfId(const std::string& behaviorId, const char* method);
+  std::string xBehaviorOfId(const std::string& behaviorId, const char* method) const;
 
   // Default behaviors
   void xReadDefaultBehaviors(std::set<std::string>& out) const;
   void xWriteDefaultBehaviors(const std::set<std::string>& names) const;
-  bool xIsDefaultBehavior(const std::string& name) const;
-  bool copy(const boost::filesystem::path& from, const boost::filesystem::path& to);
 
   vu::Signal<std::vector<std::string>> behaviorsAdded;
   vu::Signal<std::vector<std::string>> behaviorsRemoved;
@@ -191,19 +177,13 @@ private:
   vu::Signal<std::string> behaviorStopped;
   vu::Signal<std::string, std::string, std::string> behaviorFailed;
 
-  // Lock order: a record's running mutex, its loading mutex, the registry
-  // mutex, then a record's own mutex or the id index mutex. The package mutex
-  // is held only for a walk over the packages. Callbacks of the frame manager
-  // take no running or loading mutex; nobody disconnects from its signals with
-  // a loading mutex or one of the inner mutexes held, since that waits for a
-  // callback.
-  mutable boost::mutex _registryMutex; // guards _behaviors and _openPlays, and is held for every change of a state or an id
-  std::map<std::string, std::unique_ptr<BehaviorInfo>> _behaviors; // records stay until the module ends
-  std::set<std::shared_ptr<BehaviorPlay>> _openPlays;              // those with connections
-  mutable boost::mutex _fmIdsMutex;                                // guards _fmIds
-  std::map<std::string, std::string> _fmIds;                       // frame manager's id -> behavior
-  std::vector<vu::PackageInfo> _packages;                          // in the order of arrival
-  mutable boost::mutex _packagesMutex;                             // guards _packages
+  // Lock order: a record's running mutex, its loading mutex, and below these
+  // the locks inside the registry and the catalogue, which call nothing out.
+  // Callbacks of the frame manager take no running or loading mutex; nobody
+  // disconnects from its signals with a loading mutex held, since that waits
+  // for a callback.
+  Registry _registry;
+  Catalogue _catalogue;
 
   std::shared_ptr<ZBMemoryProxy> _memory;
   std::shared_ptr<ZBFrameManagerProxy> _frameManager;

@@ -1,0 +1,62 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <behaviormanager/registry.hpp>
+
+using namespace ZB::BehaviorManager;
+using testing::ElementsAre;
+
+TEST(BehaviorRegistry, TellsWhatAChangeHasChanged)
+{
+  Registry registry;
+  EXPECT_EQ(registry.exchangeState("P/a", BehaviorState::Loaded), BehaviorState::Unknown);
+  EXPECT_EQ(registry.exchangeState("P/a", BehaviorState::Loaded), std::nullopt);
+  registry.xSetFrameManagerId("P/a", "one");
+  registry.xSetFrameManagerId("P/a", "two", 7);
+  EXPECT_EQ(registry.behaviorOf("one"), std::nullopt);
+  EXPECT_EQ(registry.behaviorOf("two"), "P/a");
+  EXPECT_EQ(registry.endInstance("P/a", "one"), std::nullopt) << "of an older instance";
+  EXPECT_THAT(registry.behaviorsWhere(isLoaded), ElementsAre("P/a"));
+  EXPECT_EQ(registry.endInstance("P/a", "two"), BehaviorState::Loaded);
+  EXPECT_EQ(registry.behaviorOf("two"), std::nullopt);
+  EXPECT_EQ(registry.xFrameManagerId("P/a"), "");
+}
+
+TEST(BehaviorRegistry, GivesReportsToTheLastOfOverlappingStarts)
+{
+  Registry registry;
+  registry.xSetFrameManagerId("P/a", "one");
+  const auto play = registry.beginStart("P/a");
+  EXPECT_EQ(registry.beginStart("P/a"), play);
+  EXPECT_FALSE(registry.reportFailure(play, "the step", "no arm"));
+  EXPECT_FALSE(registry.reportStop(play));
+  const auto early = registry.endStart(play);
+  EXPECT_FALSE(early.failure || early.stopped) << "the other start is not over";
+  auto reports = registry.endStart(play);
+  ASSERT_TRUE(reports.failure);
+  EXPECT_EQ(reports.failure->second + ": " + reports.failure->third, "the step: no arm");
+  EXPECT_FALSE(reports.stopped) << "the stop overtakes the failure";
+  EXPECT_FALSE(registry.reportStop(play)) << "while the failure is being announced";
+  reports = registry.endStart(play);
+  EXPECT_FALSE(reports.failure);
+  EXPECT_TRUE(reports.stopped);
+  EXPECT_TRUE(registry.reportFailure(play, "", ""));
+}
+
+TEST(BehaviorRegistry, KeepsTheLinksOfAnInstanceUntilItsPlayIsClosed)
+{
+  const auto none = vu::SignalBase::invalidSignalLink;
+  Registry registry;
+  registry.xSetFrameManagerId("P/a", "one");
+  const auto first = registry.beginStart("P/a");
+  registry.xSetBehaviorLinks("P/a", 1, 2);
+  registry.xSetFrameManagerId("P/a", "two");
+  EXPECT_EQ(registry.xBehaviorStoppedLink("P/a"), none);
+  const auto second = registry.beginStart("P/a");
+  registry.xSetBehaviorLinks("P/a", 3, 4);
+  EXPECT_THAT(registry.close(first), ElementsAre(1, 2));
+  EXPECT_THAT(registry.close(first), ElementsAre(none, none));
+  EXPECT_EQ(registry.xBehaviorFailedLink("P/a"), 4U);
+  EXPECT_THAT(registry.clear(), ElementsAre(ElementsAre(3, 4)));
+  EXPECT_FALSE(registry.isOpen(second));
+}
