@@ -358,18 +358,6 @@ TEST_F(BehaviorManagerHazards, WhatARemovalLeftBehindIsResetByTheNextInstallatio
   expectNothingLeft();
 }
 
-TEST_F(BehaviorManagerHazards, APackageRemovedUnderARunEndsUnknownWithoutAFurtherStop)
-{
-  const auto run = manager.runBehavior("P/a");
-  platform.frames->hold();
-  platform.remove(package);
-  platform.journal.clear();
-  platform.frames->release();
-  EXPECT_EQ(run.error(), "");
-  expectNothingLeft();
-  EXPECT_THAT(signals(), IsEmpty());
-}
-
 TEST_F(BehaviorManagerHazards, WhoResolvedBeforeARemovalFindsNothingBehindIt)
 {
   const auto listingLess = platform.makePackage("P", {"b"}); // so that the removal does not wait for the lock of a

@@ -106,25 +106,6 @@ TEST_F(BehaviorManagerIntegration, BehaviorsThatStopThemselvesOrEachOtherEnd)
   EXPECT_THAT(held(), IsEmpty());
 }
 
-TEST_F(BehaviorManagerIntegration, ManyRunsOfRunsAndManyBlockedCallersAreServed)
-{
-  std::map<std::string, std::string> behaviors{{"leaf20", "<wait seconds=\"0.05\"/>"}};
-  for (int i = 0; i < 20; ++i)
-    behaviors["leaf" + std::to_string(i)] = call("runBehavior", "chain/leaf" + std::to_string(i + 1));
-  install(source("chain", behaviors));
-  auto& manager = start();
-  // 50 callers that block in the pool of two, while the chain needs it, too.
-  TestSupport::Event release;
-  for (int i = 0; i < 50; ++i)
-    broker->pool()->post([&release] { EXPECT_TRUE(release.wait()); });
-  const auto chain = vu::Object(broker->session()->find("ZBBehaviorManager")).async<void>("runBehavior", std::string("chain/leaf0"));
-  EXPECT_TRUE(chain.wait(patience));
-  EXPECT_EQ(chain.error(), "");
-  release.set();
-  settle();
-  EXPECT_THAT(manager.getLoadedBehaviors(), IsEmpty());
-}
-
 TEST_F(BehaviorManagerIntegration, ARemovedPackageTakesItsRunningBehaviorAlongAndComesBack)
 {
   const auto directory = source("tide", {{"go", longWait}});
