@@ -82,6 +82,8 @@ private:
   static Links takeLinks(BehaviorPlay& play);
   void eraseId(const std::string& fmId);
 
+  // Lock order: _mutex, then a record's own mutex or _fmIdsMutex. A record's
+  // loading and running mutexes are taken with none of these held.
   mutable boost::mutex _mutex; // guards _behaviors and _openPlays, and is held for every change of a state, an id or a play
   std::map<std::string, std::unique_ptr<BehaviorInfo>> _behaviors;
   std::set<std::shared_ptr<BehaviorPlay>> _openPlays; // those that may have connections
