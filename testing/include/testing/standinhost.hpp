@@ -33,7 +33,7 @@ public:
   /// The methods that were called without an answer between them, sorted.
   std::vector<std::vector<std::string>> rounds() const;
 
-  /// A number of pings has come in time; each is answered.
+  /// Happens with the second ping; each is answered.
   Event& pinged() { return _pinged; }
 
   /// From now on takes what comes and says nothing, the connection open.
@@ -46,11 +46,11 @@ private:
 
   const Result _result;
   const std::size_t _together;
+  const int _listening;
   int _port = 0;
   Event _pinged{2};
   std::atomic<bool> _silent{false};
   mutable std::mutex _mutex; // guards the members below
-  int _listening = -1;
   int _connection = -1;
   bool _over = false;
   std::vector<std::vector<std::string>> _rounds;
