@@ -13,21 +13,15 @@ using std::chrono::milliseconds;
 namespace
 {
 
-/// How many files this process may have open, for a scope.
-class Files
+/// Sets how many files this process may have open; gives what was before.
+rlim_t limitFiles(rlim_t most)
 {
-public:
-  explicit Files(rlim_t most)
-  {
-    getrlimit(RLIMIT_NOFILE, &_before);
-    const rlimit wanted{std::min(most, _before.rlim_max), _before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &wanted);
-  }
-  ~Files() { setrlimit(RLIMIT_NOFILE, &_before); }
-
-private:
-  rlimit _before{};
-};
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  const auto before = std::exchange(files.rlim_cur, std::min(most, files.rlim_max));
+  setrlimit(RLIMIT_NOFILE, &files);
+  return before;
+}
 
 class Bounds : public GatewayFixture
 {
@@ -84,7 +78,7 @@ TEST_F(Bounds, RequestThatDoesNotComeInTimeIsToldSoAndSilenceIsEnded)
 
 TEST_F(Bounds, FiveHundredIdleConnectionsKeepNoNewOneOut)
 {
-  const Files files(4096);
+  limitFiles(4096);
   options.limits.connections = 500;
   options.limits.connectionsPerPeer = 1000;
   begin();
@@ -105,14 +99,13 @@ TEST_F(Bounds, WithoutFilesTheLongestIdleMakesRoomAndItAcceptsAgain)
   begin();
   auto longest = idle();
   auto late = Socket(io, asio::ip::tcp::v4());
-  {
-    const int free = ::dup(0);
-    ::close(free);
-    const Files none(static_cast<rlim_t>(free));
-    late.connect(longest.remote_endpoint());
-    EXPECT_EQ(ask(late, request("GET /healthz")).status, 200U);
-    EXPECT_TRUE(hasEnded(longest));
-  }
+  const int free = ::dup(0);
+  ::close(free);
+  const auto before = limitFiles(static_cast<rlim_t>(free));
+  late.connect(longest.remote_endpoint());
+  EXPECT_EQ(ask(late, request("GET /healthz")).status, 200U);
+  EXPECT_TRUE(hasEnded(longest));
+  limitFiles(before);
   EXPECT_EQ(get("/healthz").status, 200U);
 }
 

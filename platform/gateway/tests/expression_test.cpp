@@ -5,7 +5,6 @@
 #include "expression.hpp"
 
 using Tarvik::Expression;
-using Tarvik::percentDecode;
 
 TEST(Expression, ReadsACallWithItsArguments)
 {
@@ -56,12 +55,4 @@ TEST(Expression, RefusesEverythingElseAndTellsThePosition)
       EXPECT_EQ(std::string(error.what()).rfind("position " + std::to_string(position) + " of", 0), 0u) << error.what();
     }
   }
-}
-
-TEST(PercentDecode, TurnsHexadecimalIntoBytesAndLeavesThePlus)
-{
-  EXPECT_EQ(percentDecode("S.m(%27a%20b%27)"), "S.m('a b')");
-  EXPECT_EQ(percentDecode("a+b%2B%c3%A4"), "a+b+\xc3\xa4");
-  for (const auto* const wrong : {"%", "%2", "a%zz", "%2g"})
-    EXPECT_THROW(percentDecode(wrong), std::invalid_argument) << wrong;
 }

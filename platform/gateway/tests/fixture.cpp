@@ -29,7 +29,6 @@ Bench::Bench(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name) : ZB
   bind("nothing", "does nothing", {}, &Bench::nothing);
   bind("fail", "fails", {"text"}, &Bench::fail);
   bind("later", "gives a future that finishLater() completes", {"key"}, &Bench::later);
-  bind("failAtOnce", "throws instead of giving a future", {}, &Bench::failAtOnce);
   bind("failedFuture", "gives a future that has failed with a plain text", {}, &Bench::failedFuture);
   bind("block", "blocks until it is unblocked", {}, &Bench::block);
   bind("caller", "tells its caller", {}, &Bench::caller, vu::Role::Observer);

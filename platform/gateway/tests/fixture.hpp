@@ -64,7 +64,6 @@ public:
     seen.add("later " + key);
     return promise.future();
   }
-  vu::Future<int> failAtOnce() { throw ZB::ZBError(getName(), "failAtOnce", "not today"); }
   vu::Future<int> failedFuture()
   {
     const vu::Promise<int> promise(getParentBroker()->pool());

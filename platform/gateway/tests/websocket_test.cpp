@@ -1,5 +1,7 @@
 #include "fixture.hpp"
 
+#include <gmock/gmock.h>
+
 #include <vu/log.hpp>
 
 using namespace GatewayTest;
@@ -46,7 +48,6 @@ TEST_F(WebSocket, ErrorsArriveWhole)
   const auto whole = [](const vu::ServiceError& error) { return error.module() + "." + error.method() + ": " + error.description(); };
   EXPECT_EQ(whole(serviceErrorOf([&] { object.call<void>("fail", std::string("broken")); })), "Bench.fail: broken");
   EXPECT_EQ(whole(serviceErrorOf([&] { object.call<int>("failedFuture"); })), "Bench.failedFuture: plain text");
-  EXPECT_EQ(kindOf([&] { object.call<void>("fail", std::string("broken")); }), Kind::Service);
   EXPECT_EQ(kindOf([&] { object.call<int>("subtract"); }), Kind::UnknownMethod);
   EXPECT_EQ(kindOf([&] { object.call<int>("add", 1); }), Kind::InvalidArguments);
   EXPECT_EQ(kindOf([&] { object.call<void>("fail", std::string("\xff")); }), Kind::InvalidArguments) << "no UTF-8 cannot be sent";
@@ -77,21 +78,19 @@ TEST_F(WebSocket, ServicesThatComeLaterAreWaitedForAndThoseThatGoHarmNobody)
 TEST_F(WebSocket, SignalsAndEventsArriveUntilTheyAreDisconnected)
 {
   begin();
-  Journal numbers;
-  Journal one;
-  Journal all;
+  Journal seen;
   RemoteSession session(remote());
+  const auto add = [&seen](const std::string& what)
+  { return [&seen, what](const std::string& key, const vu::Value& value) { seen.add(what + key + value.dump()); }; };
   const auto object = session.service("Bench").value();
-  const auto link = object.connect<int>("happened", [&](int number) { numbers.add(std::to_string(number)); }).value();
-  session.subscribe("a", [&](const std::string& key, const vu::Value& value) { one.add(key + value.dump()); }).value();
-  const auto everything =
-      session.subscribe("*", [&](const std::string& key, const vu::Value& value) { all.add(key + value.dump()); }).value();
+  const auto link = object.connect<int>("happened", [&](int number) { seen.add("number " + std::to_string(number)); }).value();
+  session.subscribe("a", add("one ")).value();
+  const auto everything = session.subscribe("*", add("all ")).value();
   bench->emit(7);
   memory->raise("b", 1);
   memory->raise("a", {"x"});
-  EXPECT_EQ(waitFor(numbers, 1), (std::vector<std::string>{"7"}));
-  EXPECT_EQ(waitFor(one, 1), (std::vector<std::string>{"a[\"x\"]"}));
-  EXPECT_EQ(waitFor(all, 2), (std::vector<std::string>{"b1", "a[\"x\"]"}));
+  const std::vector<std::string> expected{"number 7", "all b1", "one a[\"x\"]", "all a[\"x\"]"};
+  EXPECT_THAT(waitFor(seen, 4), testing::UnorderedElementsAreArray(expected));
   object.disconnect(link);
   object.disconnect(everything);
   object.disconnect(vu::SignalBase::invalidSignalLink);
@@ -100,9 +99,7 @@ TEST_F(WebSocket, SignalsAndEventsArriveUntilTheyAreDisconnected)
   EXPECT_EQ(memory->eventRaised.connectionCount(), 1u);
   bench->emit(8);
   memory->raise("a", 2);
-  waitFor(one, 2);
-  EXPECT_EQ(waitFor(all, 2).size(), 2u);
-  EXPECT_EQ(numbers.lines().size(), 1u);
+  EXPECT_EQ(waitFor(seen, 5).back(), "one a2");
 }
 
 TEST_F(WebSocket, NotificationsComeInTheOrderOfEmissionWhateverTheirKind)
