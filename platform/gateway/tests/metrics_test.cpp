@@ -114,5 +114,7 @@ TEST_F(MetricsPage, TellsWhatWasDoneToWhoeverHasAToken)
   }
   for (const auto* const key : {"k", "page"})
     bench->finishLater(key, 1);
+  EXPECT_EQ(socket.receive()["result"], 1);
+  EXPECT_TRUE(socket.ask(call("Bench.nothing")).contains("result")) << "its place is free again";
   EXPECT_TRUE(eventually([this] { return parse(get("/metrics").body).at("tarvik_gateway_calls_open") == 0; }));
 }

@@ -51,22 +51,12 @@ TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)
 {
   Process first(arguments());
   first.firstLine();
-  const auto other = root.string() + "/other";
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, "another host runs on the root"},
-      {{"--root", other, "--module-directory", "/nonexistent"}, "/nonexistent/libmemory.so"},
-      {{"--root", other, "--tls-cert", "/nonexistent/host.cert", "--tls-key", "k"}, "/nonexistent/host.cert"},
-      {{"--root", "/proc/nowhere"}, "/proc/nowhere"},
-      {{"--nonsense"}, "--nonsense"},
-  };
-  for (const auto& [options, named] : cases)
+  const std::pair<std::vector<std::string>, std::string> cases[] = {{arguments(), "another host runs on the root"},
+                                                                    {{TARVIKD, "--root", "/proc/nowhere"}, "/proc/nowhere"},
+                                                                    {{TARVIKD, "--nonsense"}, "--nonsense"}};
+  for (const auto& [command, named] : cases)
   {
-    SCOPED_TRACE(named);
-    auto whole = arguments();
-    if (!options.empty())
-      whole = {TARVIKD, "--listen", "127.0.0.1:0"};
-    whole.insert(whole.end(), options.begin(), options.end());
-    Process daemon(whole);
+    Process daemon(command);
     EXPECT_EQ(daemon.waitForEnd(), 1);
     EXPECT_THAT(daemon.error(), testing::HasSubstr(named));
     EXPECT_EQ(daemon.output(), "");
