@@ -167,6 +167,7 @@ TEST_F(Memory, subscriberThatBlocksHoldsUpNobodyAndAfterUnsubscribingNothingThat
   memory.raiseEvent("B", 4);
   release.set();
   EXPECT_THAT(journal.waitForCount(5), UnorderedElementsAre("blocked 1A", "A1", "A2", "A3", "blocked 4B"));
+  broker->removeModule("Blocked"); // which knows of what ends with this test
 }
 
 TEST_F(Memory, methodThatFailsIsLoggedAndHurtsNobody)
@@ -270,9 +271,9 @@ protected:
       test.memory.subscribeToEvent("A", name, "", "onEvent");
       test.memory.raiseEvent("A", 1);
       // The pool's only thread has passed the line when this has run.
-      TestSupport::Event passed;
-      broker->pool()->post([&] { passed.set(); });
-      EXPECT_TRUE(passed.wait());
+      const auto passed = std::make_shared<TestSupport::Event>();
+      broker->pool()->post([passed] { passed->set(); });
+      EXPECT_TRUE(passed->wait());
       EXPECT_THAT(test.journal.lines(), testing::IsEmpty());
       test.memory.raiseMicroEvent("A", 2);
       if (fails)
