@@ -21,7 +21,7 @@ using vu::ThreadPool;
 TEST(ThreadPool, GrowsWhenAllThreadsAreBlockedAndShrinksUnderASteadyLoadAndNone)
 {
   constexpr std::size_t many = 30;
-  ThreadPool pool({2, 64, 64, 50ms});
+  ThreadPool pool({2, 64, 64, 500ms});
   std::latch begun(many);
   std::latch release(1);
   for (std::size_t i = 0; i < many; ++i)
