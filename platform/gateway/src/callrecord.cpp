@@ -19,7 +19,10 @@ std::string shortened(const vu::Value& value)
   if (value.is_structured())
     return value.empty() ? value.dump() : value.is_array() ? "[...]" : "{...}";
   if (value.is_string() && value.get_ref<const std::string&>().size() > longestText)
-    return shortened(value.get_ref<const std::string&>().substr(0, longestText / 2) + "...");
+  {
+    auto beginning = value.get_ref<const std::string&>().substr(0, longestText / 2);
+    return shortened(beginning.append("..."));
+  }
   return value.dump(-1, ' ', false, vu::Value::error_handler_t::replace);
 }
 

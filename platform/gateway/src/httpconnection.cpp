@@ -67,7 +67,7 @@ public:
     if (!_stream.isSecure())
       return begin();
     _stream.next_layer().expires_after(_server->options.limits.header);
-    _stream.handshake([self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
+    _stream.acceptHandshake([self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
   }
 
   void shutdown() override { endWith(HttpAnswer::text(503, "the host is shutting down")); }

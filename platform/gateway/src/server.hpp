@@ -14,16 +14,17 @@
 #include <boost/beast/http/string_body.hpp>
 
 #include <gateway/gateway.hpp>
+#include <network/stream.hpp>
 
 #include "admission.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
-#include "stream.hpp"
 
 namespace Tarvik
 {
 
 using Request = boost::beast::http::request<boost::beast::http::string_body>;
+using network::Stream;
 
 /// One client's connection. Everything happens on the gateway's thread.
 class Connection

@@ -14,7 +14,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-#ifdef __OPTIMIZE__
+#ifdef OPTIMIZED_HOST
 constexpr auto shutdownLimit = TestSupport::sanitized ? 20s : 5s;
 #else
 constexpr auto shutdownLimit = 20s;
@@ -46,9 +46,7 @@ protected:
   {
     std::size_t count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc"))
-    {
       count += readFile(entry.path() / "environ").find("TARVIK_TOKEN_FILE=" + root.string()) != std::string::npos;
-    }
     return count;
   }
   std::ptrdiff_t begun() const

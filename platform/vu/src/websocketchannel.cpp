@@ -3,18 +3,18 @@
 #include <chrono>
 #include <deque>
 #include <future>
+#include <optional>
 #include <thread>
 #include <utility>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
-#include <boost/beast/websocket/ssl.hpp>
 
+#include <network/stream.hpp>
 #include <vu/error.hpp>
 
 namespace vu
@@ -67,20 +67,12 @@ namespace
 /// The host sends nothing larger: its own queue is not.
 constexpr std::size_t maximumMessage = 64 << 20;
 
-// The channel's one thread is known, so nothing has to be able to run elsewhere:
-// with the general executors all of this takes far longer to compile.
-using Executor = asio::io_context::executor_type;
-using Socket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
-using Resolver = asio::ip::basic_resolver<asio::ip::tcp, Executor>;
-using Timer = asio::basic_waitable_timer<std::chrono::steady_clock, asio::wait_traits<std::chrono::steady_clock>, Executor>;
-
-template <typename Stream> class Channel final : public WebSocketChannel
+class Channel final : public WebSocketChannel
 {
 public:
-  template <typename... StreamArguments>
-  Channel(const ConnectionOptions& options, HostAddress address, Handlers handlers, StreamArguments&&... arguments)
-      : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _resolver(_io),
-        _webSocket(_io, std::forward<StreamArguments>(arguments)...), _timer(_io)
+  Channel(const ConnectionOptions& options, HostAddress address, Handlers handlers)
+      : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _tls(makeContext()), _resolver(_io),
+        _webSocket(_io, _tls ? &*_tls : nullptr), _timer(_io)
   {
   }
 
@@ -96,12 +88,13 @@ public:
             fail("it did not answer within " + std::to_string(_options.timeout.count()) + " ms");
         });
     _resolver.async_resolve(_address.host, _address.port,
-                            [this](error_code error, const Resolver::results_type& endpoints)
+                            [this](error_code error, const asio::ip::tcp::resolver::results_type& endpoints)
                             {
                               if (error)
                                 return fail(error.message());
-                              asio::async_connect(beast::get_lowest_layer(_webSocket), endpoints,
-                                                  [this](error_code error, const auto&) { error ? fail(error.message()) : secure(); });
+                              beast::get_lowest_layer(_webSocket)
+                                  .async_connect(endpoints,
+                                                 [this](error_code error, const auto&) { error ? fail(error.message()) : secure(); });
                             });
     auto opened = _opened.get_future();
     _thread = std::thread([this] { _io.run(); });
@@ -154,20 +147,10 @@ private:
 
   void secure()
   {
-    error_code ignored;
-    beast::get_lowest_layer(_webSocket).set_option(asio::ip::tcp::no_delay(true), ignored);
-    if constexpr (std::is_same_v<Stream, Socket>)
-      greet();
-    else
-    {
-      _webSocket.next_layer().set_verify_callback(asio::ssl::host_name_verification(_address.host));
-      error_code isName;
-      asio::ip::make_address(_address.host, isName);
-      if (isName) // addresses are not sent as server names
-        SSL_set_tlsext_host_name(_webSocket.next_layer().native_handle(), _address.host.c_str());
-      _webSocket.next_layer().async_handshake(asio::ssl::stream_base::client,
-                                              [this](error_code error) { error ? fail(error.message()) : greet(); });
-    }
+    _webSocket.next_layer().setNoDelay();
+    if (!_tls)
+      return greet();
+    _webSocket.next_layer().handshakeWith(_address.host, [this](error_code error) { error ? fail(error.message()) : greet(); });
   }
 
   void greet()
@@ -254,11 +237,7 @@ private:
     _opened.set_exception(std::make_exception_ptr(error));
   }
 
-  void closeSocket()
-  {
-    error_code ignored;
-    beast::get_lowest_layer(_webSocket).close(ignored);
-  }
+  void closeSocket() { beast::get_lowest_layer(_webSocket).close(); }
 
   void abort()
   {
@@ -269,14 +248,34 @@ private:
     _io.stop(); // a timer of the WebSocket may still be waiting
   }
 
+  /// None without TLS.
+  std::optional<asio::ssl::context> makeContext() const
+  {
+    if (!_address.secure)
+      return std::nullopt;
+    asio::ssl::context context(asio::ssl::context::tls_client);
+    context.set_verify_mode(asio::ssl::verify_peer);
+    error_code error;
+    if (_options.certificateAuthority.empty())
+      context.set_default_verify_paths(error);
+    else
+      context.load_verify_file(_options.certificateAuthority, error);
+    if (error)
+      throw ServiceError("session", "",
+                         "the certificate authority " + _options.certificateAuthority + " cannot be read: " + error.message(),
+                         ServiceError::Kind::ConnectionLost);
+    return context;
+  }
+
   // The thread of the channel alone touches what follows, once it runs.
   const ConnectionOptions _options;
   const HostAddress _address;
   const Handlers _handlers;
+  std::optional<asio::ssl::context> _tls; // which the stream refers to
   asio::io_context _io{1};
-  Resolver _resolver;
-  websocket::stream<Stream, false> _webSocket; // without compression
-  Timer _timer;
+  asio::ip::tcp::resolver _resolver;
+  websocket::stream<network::Stream, false> _webSocket; // without compression
+  asio::steady_timer _timer;
   websocket::response_type _answer;
   beast::flat_buffer _incoming;
   std::deque<std::string> _outgoing;
@@ -285,47 +284,12 @@ private:
   std::thread _thread;
 };
 
-/// A channel over TLS keeps the context its stream refers to.
-class SecureChannel final : public WebSocketChannel
-{
-public:
-  SecureChannel(const ConnectionOptions& options, HostAddress address, Handlers handlers)
-      : _context(makeContext(options)), _channel(options, std::move(address), std::move(handlers), _context)
-  {
-    _channel.open();
-  }
-
-  void send(std::string text) override { _channel.send(std::move(text)); }
-  void close() override { _channel.close(); }
-
-private:
-  static asio::ssl::context makeContext(const ConnectionOptions& options)
-  {
-    asio::ssl::context context(asio::ssl::context::tls_client);
-    context.set_verify_mode(asio::ssl::verify_peer);
-    error_code error;
-    if (options.certificateAuthority.empty())
-      context.set_default_verify_paths(error);
-    else
-      context.load_verify_file(options.certificateAuthority, error);
-    if (error)
-      throw ServiceError("session", "", "the certificate authority " + options.certificateAuthority + " cannot be read: " + error.message(),
-                         ServiceError::Kind::ConnectionLost);
-    return context;
-  }
-
-  asio::ssl::context _context;
-  Channel<asio::ssl::stream<Socket>> _channel;
-};
-
 } // namespace
 
 std::unique_ptr<WebSocketChannel> WebSocketChannel::connect(const ConnectionOptions& options, Handlers handlers)
 {
   auto address = HostAddress::parse(options.url);
-  if (address.secure)
-    return std::make_unique<SecureChannel>(options, std::move(address), std::move(handlers));
-  auto channel = std::make_unique<Channel<Socket>>(options, std::move(address), std::move(handlers));
+  auto channel = std::make_unique<Channel>(options, std::move(address), std::move(handlers));
   channel->open();
   return channel;
 }

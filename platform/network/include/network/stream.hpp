@@ -2,21 +2,23 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 
-namespace Tarvik
+namespace network
 {
 
 /// A TCP connection with or without TLS. HTTP and WebSocket are composed of
 /// dozens of operations, each with a handler of a type of its own; here they
 /// become one type, so that what lies below is compiled once (stream.cpp).
-/// All handlers run where the connection's do, on the gateway's one thread.
+/// All handlers run where the connection's do, on the one thread of its context.
 class Stream
 {
 public:
@@ -28,6 +30,8 @@ public:
 
   /// TLS with a context; it must outlive the stream.
   Stream(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* context);
+  /// For next_layer().async_connect() and then setNoDelay().
+  Stream(boost::asio::io_context& io, boost::asio::ssl::context* context);
   Stream(Stream&& other) noexcept;
   ~Stream();
 
@@ -36,8 +40,13 @@ public:
   const next_layer_type& next_layer() const noexcept { return *_tcp; }
   bool isSecure() const noexcept { return _secure != nullptr; }
 
-  /// Of TLS; without it there is neither.
-  void handshake(Done done);
+  /// Small messages leave at once. A socket that is connected already has it.
+  void setNoDelay();
+
+  /// Of TLS; without it there is none of these. A client names the host whose
+  /// certificate it wants to see.
+  void acceptHandshake(Done done);
+  void handshakeWith(const std::string& host, Done done);
   void shutdown(Done done);
 
   template <typename Buffers, typename Handler> void async_read_some(const Buffers& buffers, Handler&& handler)
@@ -75,4 +84,4 @@ private:
   std::unique_ptr<Secure> _secure;
 };
 
-} // namespace Tarvik
+} // namespace network
