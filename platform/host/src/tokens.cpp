@@ -5,9 +5,9 @@
 #include <ctime>
 
 #include <storage/durablefile.hpp>
-#include <vu/text.hpp>
 #include <vu/conversion.hpp>
 #include <vu/session.hpp>
+#include <vu/text.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 

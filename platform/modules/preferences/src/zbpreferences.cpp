@@ -5,8 +5,8 @@
 #include <utility>
 
 #include <storage/durablefile.hpp>
-#include <vu/text.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
