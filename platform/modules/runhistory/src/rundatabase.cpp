@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include <vu/text.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 
 namespace ZB
 {

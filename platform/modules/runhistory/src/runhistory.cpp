@@ -4,8 +4,8 @@
 #include <functional>
 #include <utility>
 
-#include <vu/text.hpp>
 #include <vu/log.hpp>
+#include <vu/text.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
