@@ -69,7 +69,7 @@ ZBBehaviorManager::ZBBehaviorManager(std::shared_ptr<ZBBroker> broker, const std
   // Subscribed first: what is installed meanwhile comes as an event, too, and
   // is then found to be there already.
   if (!_packageManager)
-    throw ZBError("PackageManager", "packages", "there is no service PackageManager");
+    throw ZBError(vu::unknownService("PackageManager", "packages"));
   _catalogue.fill([this] { return _packageManager->call<std::vector<vu::PackageInfo>>("packages"); });
 }
 
