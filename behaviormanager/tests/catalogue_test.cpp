@@ -18,10 +18,7 @@ namespace
 vu::PackageInfo package(const std::string& uuid, const std::vector<std::string>& paths, const std::string& directory = {},
                         const std::string& installer = "user")
 {
-  std::list<vu::BehaviorInfo> behaviors;
-  for (const auto& path : paths)
-    behaviors.emplace_back(path);
-  return vu::PackageInfo(vu::PackageInfo::Data{uuid, {}, installer, directory, {}, {}, behaviors});
+  return vu::PackageInfo(vu::PackageInfo::Data{uuid, {}, installer, directory, {}, {}, {paths.begin(), paths.end()}});
 }
 
 } // namespace

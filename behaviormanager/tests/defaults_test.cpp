@@ -35,15 +35,15 @@ TEST_F(DefaultBehaviors, AreWrittenResolvedAndSortedOnEveryAddAndRemove)
   EXPECT_EQ(platform.log.count(Level::Verbose, "DefaultBehaviors preference file could not be read: there is no file DefaultBehaviors"),
             1U);
   manager.addDefaultBehavior("P");
-  EXPECT_EQ(platform.preferences->file(), fileWith("P/.\nP/b\n"));
-  EXPECT_THAT(platform.journal.lines("preferences "), ElementsAre("read DefaultBehaviors false", "write DefaultBehaviors true",
-                                                                  "read DefaultBehaviors false", "write DefaultBehaviors true"));
+  EXPECT_EQ(platform.preferenceFile, fileWith("P/.\nP/b\n"));
+  EXPECT_THAT(platform.journal.lines("readPrefFile "), ElementsAre(R"(["DefaultBehaviors",false])", R"(["DefaultBehaviors",false])"));
+  EXPECT_EQ(platform.journal.lines("writePrefFile ").back(), vu::Value::array({"DefaultBehaviors", fileWith("P/.\nP/b\n"), true}).dump());
   platform.preferences->refuse("writePrefFile", "disk full");
   EXPECT_EQ(refusal([&] { manager.addDefaultBehavior("P/a"); }), "ZBPreferences.writePrefFile: disk full");
   for (const char* name : {"P/b", "P", "P"})
     manager.removeDefaultBehavior(name);
-  EXPECT_EQ(platform.preferences->file(), fileWith(""));
-  EXPECT_EQ(platform.journal.lines("preferences write").size(), 6U);
+  EXPECT_EQ(platform.preferenceFile, fileWith(""));
+  EXPECT_EQ(platform.journal.lines("writePrefFile").size(), 5U); // without that which was refused
 }
 
 TEST_F(DefaultBehaviors, AreReadFromWhateverTheFileHolds)
@@ -60,7 +60,7 @@ TEST_F(DefaultBehaviors, AreReadFromWhateverTheFileHolds)
       {vu::Value::object({{"0", 1}}), {}}};
   for (const auto& [file, names] : cases)
   {
-    platform.preferences->setFile(file);
+    platform.preferenceFile = file;
     EXPECT_EQ(manager.getDefaultBehaviors(), names) << file;
   }
   EXPECT_EQ(platform.log.count(Level::Warning, "default behavior \"b\": Found several behaviors"), 1U);
@@ -69,12 +69,16 @@ TEST_F(DefaultBehaviors, AreReadFromWhateverTheFileHolds)
 
 TEST_F(DefaultBehaviors, PlayTheStartUpBehaviorOnceAndFirst)
 {
-  platform.preferences->setFile(fileWith("P/b\n.default\nQ/.default\nP/a\nP/.\n"));
+  platform.preferenceFile = fileWith("P/b\n.default\nQ/.default\nP/a\nP/.\n");
   std::filesystem::remove(platform.directory / "P/a");
   manager.playDefaultProject();
   platform.settle();
-  EXPECT_THAT(platform.journal.lines("frames createBehavior "),
-              ElementsAre("Q/.default Q:.default/behavior.xar", "P/. P:behavior.xar", "P/b P:b/behavior.xar"));
+  const auto created = [this](const std::string& package, const std::string& file, const std::string& path) {
+    return vu::Value::array({(platform.directory / package).string(), file, path}).dump();
+  };
+  EXPECT_THAT(platform.journal.lines("createBehavior "),
+              ElementsAre(created("Q", ".default/behavior.xar", "Q/.default"), created("P", "behavior.xar", "P/."),
+                          created("P", "b/behavior.xar", "P/b")));
   EXPECT_EQ(platform.log.count(Level::Warning, ""), 0U) << "it was posted twice";
 
   manager.stopAllBehaviors();
@@ -83,7 +87,7 @@ TEST_F(DefaultBehaviors, PlayTheStartUpBehaviorOnceAndFirst)
   EXPECT_TRUE(
       refusal([&] { platform.manager->onDataChanged("TarvikReady", 1, ""); }).starts_with("ZBBehaviorManager.xResolveBehaviorName"));
   platform.settle();
-  EXPECT_THAT(platform.journal.lines("frames "), testing::IsEmpty());
+  EXPECT_THAT(platform.journal.lines("createBehavior "), testing::IsEmpty());
   const auto line = platform.log.lines().back();
   EXPECT_EQ(line.level, Level::Warning);
   EXPECT_EQ(line.category + " " + line.message.substr(0, 28), "behaviormanager default behavior \".default\":");

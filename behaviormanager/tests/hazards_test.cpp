@@ -1,7 +1,7 @@
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <thread>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,33 +28,16 @@ class BehaviorManagerHazards : public testing::Test
 protected:
   BehaviorManagerHazards() : package(platform.makePackage("P", {"a", "b"})), manager(platform.start({package})) {}
 
-  /// Runs inside the first emission of a signal of the module.
-  void during(const std::string& signal, std::function<void()> action)
-  {
-    auto first = std::make_shared<std::atomic<bool>>(true);
-    platform.service()
-        .backend()
-        ->connect(signal,
-                  [first, action](const vu::Value&)
-                  {
-                    if (first->exchange(false))
-                      action();
-                  })
-        .value();
-  }
-  /// Keeps the first call of a stand-in's method until `goOn`; gives what tells that it has come.
-  std::shared_ptr<Event> keepFirst(StandIn& service, const std::string& method, Event& goOn)
+  /// Keeps the next call or emission until `goOn`; gives what tells that it has come.
+  static std::shared_ptr<Event> keepNext(Interruptions& where, const std::string& call, Event& goOn)
   {
     auto come = std::make_shared<Event>();
-    auto first = std::make_shared<std::atomic<bool>>(true);
-    service.during(method,
-                   [come, first, &goOn]
-                   {
-                     if (!first->exchange(false))
-                       return;
-                     come->set();
-                     EXPECT_TRUE(goOn.wait());
-                   });
+    where.during(call,
+                 [come, &goOn]
+                 {
+                   come->set();
+                   EXPECT_TRUE(goOn.wait());
+                 });
     return come;
   }
   vu::Future<void> post(const std::string& method, const std::string& behavior) { return platform.service().async<void>(method, behavior); }
@@ -76,22 +59,29 @@ protected:
 
 TEST_F(BehaviorManagerHazards, ReportsThatComeInsideThePlayAreToldBehindTheStart)
 {
-  platform.frames->during("playBehavior", [this] { platform.settle(); }); // they have been heard when it returns
-  platform.frames->script("P/a", Script::EndInPlay);
-  manager.startBehavior("P/a");
-  EXPECT_THAT(signals(), ElementsAre("behaviorLoaded [\"P/a\"]", "behaviorStarted [\"P/a\"]", "behaviorStopped [\"P/a\"]"));
-  expectNothingLeft();
-
-  platform.journal.clear();
-  platform.frames->script("P/a", Script::FailInPlay);
-  manager.startBehavior("P/a");
-  EXPECT_THAT(signals(), ElementsAre("behaviorLoaded [\"P/a\"]", "behaviorStarted [\"P/a\"]",
-                                     "behaviorFailed [\"P/a\",\"fm-2\",\"no arm\"]", "behaviorStopped [\"P/a\"]"));
-
-  platform.frames->script("P/a", Script::EndInPlay);
-  platform.frames->refuse("playBehavior", "gone");
-  EXPECT_EQ(refusal([&] { manager.startBehavior("P/a"); }), "ZBBehaviorManager.startBehavior: behavior P/a has been unexpectedly deleted");
-  expectNothingLeft();
+  const std::string loaded = "behaviorLoaded [\"P/a\"]";
+  const std::string started = "behaviorStarted [\"P/a\"]";
+  const std::string stopped = "behaviorStopped [\"P/a\"]";
+  const std::string failed = "behaviorFailed [\"P/a\",\"fm-2\",\"no arm\"]";
+  const std::string gone = "ZBBehaviorManager.startBehavior: behavior P/a has been unexpectedly deleted";
+  for (const auto& [script, refused, told] :
+       std::vector<std::tuple<Script, bool, std::vector<std::string>>>{{Script::EndInPlay, false, {loaded, started, stopped}},
+                                                                       {Script::FailInPlay, false, {loaded, started, failed, stopped}},
+                                                                       {Script::EndInPlay, true, {loaded, stopped}}})
+  {
+    platform.frames->during("played",
+                            [this, refused = refused]
+                            {
+                              platform.settle(); // they have been heard when it returns
+                              if (refused)
+                                throw ZBError("ZBFrameManager", "playBehavior", "gone");
+                            });
+    platform.frames->script("P/a", script);
+    EXPECT_EQ(refusal([&] { manager.startBehavior("P/a"); }), refused ? gone : "no error");
+    EXPECT_EQ(signals(), told);
+    expectNothingLeft();
+    platform.journal.clear();
+  }
 }
 
 TEST_F(BehaviorManagerHazards, ALateReportOfAnOlderInstanceLeavesTheNewerAlone)
@@ -117,41 +107,18 @@ TEST_F(BehaviorManagerHazards, ALateReportOfAnOlderInstanceLeavesTheNewerAlone)
   }
 }
 
-TEST_F(BehaviorManagerHazards, AgainAndAgainANewInstancePlaysAndAFailureComesBeforeItsStop)
-{
-  platform.frames->script("P/b", Script::FailInPlay);
-  for (int i = 0; i < 500; ++i)
-  {
-    const auto run = manager.runBehavior("P/a");
-    manager.stopBehavior("P/a");
-    manager.startBehavior("P/a");
-    ASSERT_EQ(run.error(), "");
-    ASSERT_EQ(manager.runBehavior("P/b").error(), "no arm");
-    platform.settle();
-    ASSERT_TRUE(manager.isBehaviorRunning("P/a")) << i;
-    ASSERT_THAT(platform.frames->behaviors(), ElementsAre(platform.id("P/a"))) << i;
-    const auto told = signals();
-    const auto failed = std::find_if(told.begin(), told.end(), [](const auto& line) { return line.starts_with("behaviorFailed"); });
-    ASSERT_TRUE(std::find(failed, told.end(), "behaviorStopped [\"P/b\"]") != told.end()) << i;
-    platform.journal.clear();
-    manager.stopBehavior("P/a");
-  }
-  expectNothingLeft();
-}
-
 TEST_F(BehaviorManagerHazards, ARunWaitsForTheInstanceThatItsOwnStartPlayed)
 {
   platform.frames->script("P/a", Script::FailInPlay);
-  platform.frames->during("playBehavior", [this] { platform.settle(); });
+  platform.frames->during("played", [this] { platform.settle(); });
   // Announced inside the run's start: the record has gone on to another
   // instance by the time the run asks to wait.
-  during("behaviorStopped",
-         [&]
-         {
-           platform.frames->script("P/a", Script::Play);
-           platform.frames->during("playBehavior", [] {});
-           manager.startBehavior("P/a");
-         });
+  platform.during("behaviorStopped",
+                  [&]
+                  {
+                    platform.frames->script("P/a", Script::Play);
+                    manager.startBehavior("P/a");
+                  });
   EXPECT_EQ(manager.runBehavior("P/a").error(), "no arm");
   EXPECT_TRUE(manager.isBehaviorRunning("P/a"));
   EXPECT_EQ(platform.id("P/a"), "fm-2");
@@ -175,7 +142,7 @@ TEST_F(BehaviorManagerHazards, ARunNeedsNoPlaceInThePoolToWait)
 TEST_F(BehaviorManagerHazards, ARunThatCannotWaitLeavesNothingPlaying)
 {
   // Gone from the directory, so that there is nothing to wait at, but held by the module.
-  during("behaviorStarted", [this] { platform.broker->session()->withdraw("ZBFrameManager"); });
+  platform.during("behaviorStarted", [this] { platform.broker->session()->withdraw("ZBFrameManager"); });
   EXPECT_THROW(manager.runBehavior("P/a"), std::runtime_error);
   EXPECT_FALSE(manager.isBehaviorLoaded("P/a"));
   EXPECT_EQ(platform.id("P/a"), "");
@@ -204,30 +171,24 @@ TEST_F(BehaviorManagerHazards, AnInstanceThatWasGoneBeforeItsStartLeavesNoConnec
 
 TEST_F(BehaviorManagerHazards, AStopReportedWhileTheFailureIsAnnouncedComesBehindIt)
 {
-  Event failureReported;
   Event announcing;
   std::future<void> end;
-  platform.frames->during("stopped",
-                          [&]
-                          {
-                            failureReported.set();
-                            EXPECT_TRUE(announcing.wait());
-                          });
-  platform.frames->during("playBehavior",
+  const auto failureReported = keepNext(*platform.frames, "stopped", announcing);
+  platform.frames->during("played",
                           [&]
                           {
                             end = std::async(std::launch::async, [&] { platform.frames->end(platform.id("P/a"), "no arm"); });
-                            EXPECT_TRUE(failureReported.wait());
+                            EXPECT_TRUE(failureReported->wait());
                             platform.settle();
                           });
-  during("behaviorFailed",
-         [&]
-         {
-           announcing.set();
-           end.get();
-           platform.settle();
-           EXPECT_THAT(platform.journal.lines("signal behaviorStopped"), IsEmpty());
-         });
+  platform.during("behaviorFailed",
+                  [&]
+                  {
+                    announcing.set();
+                    end.get();
+                    platform.settle();
+                    EXPECT_THAT(platform.journal.lines("signal behaviorStopped"), IsEmpty());
+                  });
   manager.startBehavior("P/a");
   EXPECT_EQ(signals().back(), "behaviorStopped [\"P/a\"]");
 }
@@ -235,7 +196,7 @@ TEST_F(BehaviorManagerHazards, AStopReportedWhileTheFailureIsAnnouncedComesBehin
 TEST_F(BehaviorManagerHazards, ARunsUnloadWaitsForTheFailuresAnnouncement)
 {
   Event announce;
-  during("behaviorFailed", [&] { EXPECT_TRUE(announce.wait()); });
+  platform.during("behaviorFailed", [&] { EXPECT_TRUE(announce.wait()); });
   const auto run = manager.runBehavior("P/a");
   platform.frames->end(platform.id("P/a"), "no arm");
   platform.passPosted();
@@ -251,13 +212,13 @@ TEST_F(BehaviorManagerHazards, AnEndAStopAndAnotherRunWaitForARunThatHasNotRetur
   Event goOn;
   std::future<vu::Future<void>> second;
   // Announced before the first run goes on: by then the second is between its start and its return.
-  during("behaviorStopped",
-         [&]
-         {
-           const auto waiting = keepFirst(*platform.frames, "_waitForStopped", goOn);
-           second = std::async(std::launch::async, [&] { return manager.runBehavior("P/a"); });
-           EXPECT_TRUE(waiting->wait());
-         });
+  platform.during("behaviorStopped",
+                  [&]
+                  {
+                    const auto waiting = keepNext(*platform.frames, "_waitForStopped", goOn);
+                    second = std::async(std::launch::async, [&] { return manager.runBehavior("P/a"); });
+                    EXPECT_TRUE(waiting->wait());
+                  });
   platform.frames->end(platform.id("P/a"));
   platform.passPosted();
   platform.passPosted();
@@ -268,7 +229,7 @@ TEST_F(BehaviorManagerHazards, AnEndAStopAndAnotherRunWaitForARunThatHasNotRetur
   platform.passPosted();
   EXPECT_FALSE(stop.isFinished());
   EXPECT_FALSE(third.isFinished());
-  EXPECT_EQ(platform.journal.lines("frames createBehavior").size(), 2U) << "the third run did not wait";
+  EXPECT_EQ(platform.journal.lines("createBehavior").size(), 2U) << "the third run did not wait";
   goOn.set();
   EXPECT_TRUE(first.wait(patience));
   EXPECT_TRUE(second.get().wait(patience));
@@ -280,30 +241,16 @@ TEST_F(BehaviorManagerHazards, AnEndAStopAndAnotherRunWaitForARunThatHasNotRetur
 
 TEST_F(BehaviorManagerHazards, RemovalWaitsForAContinuationThatIsUnderWay)
 {
-  Event reached;
   Event goOn;
   const auto run = manager.runBehavior("P/a");
   std::filesystem::remove(platform.directory / "P/a"); // so that the run's own end stops it, and not the report
-  during("behaviorStopped",
-         [&]
-         {
-           reached.set();
-           EXPECT_TRUE(goOn.wait());
-           platform.journal.add("went on");
-         });
+  const auto reached = keepNext(platform, "behaviorStopped", goOn);
   platform.frames->end(platform.id("P/a"));
-  EXPECT_TRUE(reached.wait());
-  auto removal = std::async(std::launch::async,
-                            [&]
-                            {
-                              platform.stop();
-                              platform.journal.add("removed");
-                            });
+  EXPECT_TRUE(reached->wait());
+  auto removal = std::async(std::launch::async, [&] { platform.stop(); });
   EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout); // long for a removal
   goOn.set();
   removal.get();
-  EXPECT_THAT(platform.journal.lines(), testing::IsSupersetOf({"went on", "removed"}));
-  EXPECT_EQ(platform.journal.lines().back(), "removed");
   EXPECT_EQ(run.error(), "");
 }
 
@@ -320,27 +267,30 @@ TEST_F(BehaviorManagerHazards, ARunOutlivesTheModuleAndItsFutureCompletes)
   EXPECT_EQ(run.error(), "");
 
   platform.settle();
-  platform.start();
-  const auto orphan = platform.manager->runBehavior("P/a");
+  auto& next = platform.start();
+  const auto orphan = next.runBehavior("P/a");
   platform.broker->removeModule("ZBFrameManager");
   EXPECT_TRUE(orphan.wait(patience)) << "a future stayed open without a frame manager";
+  EXPECT_NO_THROW(next.stopBehavior("P/a"));
+  EXPECT_THROW(next.startBehavior("P/a"), ZBError);
+  EXPECT_THAT(next.getLoadedBehaviors(), IsEmpty());
 }
 
 TEST_F(BehaviorManagerHazards, AStartDuringAnInstallationStays)
 {
   const auto other = platform.makePackage("Q", {"x", "y", "z"});
   // The package is in the catalogue; the records of y and z come later.
-  during("behaviorStopped",
-         [&]
-         {
-           manager.startBehavior("Q/y");
-           manager.loadBehavior("Q/z");
-         });
+  platform.during("behaviorStopped",
+                  [&]
+                  {
+                    manager.startBehavior("Q/y");
+                    manager.loadBehavior("Q/z");
+                  });
   platform.install(other);
   platform.settle();
   EXPECT_THAT(signals(), ElementsAre("behaviorStopped [\"Q/x\"]", "behaviorLoaded [\"Q/y\"]", "behaviorStarted [\"Q/y\"]",
                                      "behaviorLoaded [\"Q/z\"]", "behaviorsAdded [[\"Q/x\",\"Q/y\",\"Q/z\"]]"));
-  EXPECT_EQ(platform.journal.lines("event ZBBehaviorManager/BehaviorAdded ").size(), 3U);
+  EXPECT_EQ(platform.journal.lines("raiseMicroEvent [\"ZBBehaviorManager/BehaviorAdded\"").size(), 3U);
   EXPECT_THAT(manager.getRunningBehaviors(), ElementsAre("Q/y"));
   EXPECT_THAT(platform.frames->behaviors(), ElementsAre(platform.id("Q/y"), platform.id("Q/z")));
 }
@@ -368,8 +318,8 @@ TEST_F(BehaviorManagerHazards, WhoResolvedBeforeARemovalFindsNothingBehindIt)
   {
     SCOPED_TRACE(method);
     Event goOn;
-    const auto loading = keepFirst(*platform.frames, "createBehavior", goOn);
-    platform.frames->refuse("createBehavior", "broken");
+    const auto loading = keepNext(*platform.frames, "createBehavior", goOn);
+    platform.frames->refuse("createBehavior " + package.path(), "broken");
     const auto first = post("preloadBehavior", "P/a");
     EXPECT_TRUE(loading->wait());
     const auto late = post(method, "P/a");
@@ -388,16 +338,15 @@ TEST_F(BehaviorManagerHazards, EmptyBehaviorsStartedByManyClientsAllEndStopped)
 {
   platform.frames->script("P/a", Script::EndInPlay);
   platform.frames->script("P/b", Script::EndInPlay);
-  std::vector<std::thread> clients;
-  for (int client = 0; client < 8; ++client)
-    clients.emplace_back(
-        [this, client]
-        {
-          for (int i = 0; i < 250; ++i)
-            // Already running, or gone between load and play, are honest answers.
-            refusal([&] { manager.startBehavior(client % 2 == 0 ? "P/a" : "P/b"); });
-        });
-  for (auto& client : clients)
-    client.join();
+  {
+    std::vector<std::jthread> clients;
+    for (const char* name : {"P/a", "P/b", "P/a", "P/b", "P/a", "P/b", "P/a", "P/b"})
+      clients.emplace_back(
+          [this, name]
+          {
+            for (int i = 0; i < 250; ++i)
+              refusal([&] { manager.startBehavior(name); }); // already running, or gone between load and play, are honest answers
+          });
+  }
   expectNothingLeft();
 }

@@ -32,7 +32,7 @@ class Model
 public:
   using Script = StandInFrameManager::Script;
   using Names = std::vector<std::string>;
-  using Failure = std::optional<std::string>;
+  using Failure = StandInFrameManager::Failure;
 
   struct Run
   {
@@ -44,9 +44,7 @@ public:
 
   Names announced;
   std::map<std::string, Script> scripts;
-  std::set<std::string> refusedToLoad;
   std::string defaults;                         // the preference file's value
-  std::vector<vu::PackageInfo> packages;        // installed
   std::map<std::string, std::string> instances; // held by the frame manager: id to path
   std::vector<Run> runs;
   std::set<std::string> connected; // ids of plays
@@ -67,23 +65,19 @@ public:
 
   void install(const vu::PackageInfo& package)
   {
-    if (_catalogue.add(package) == Catalogue::noInstallation)
-      return;
-    packages.push_back(package);
-    change(package, "Added", [this](const std::string& name) { unload(name); }); // also what an earlier removal left behind
+    if (_catalogue.add(package) != Catalogue::noInstallation)
+      change(package, "Added", [this](const std::string& name) { unload(name); }); // also what an earlier removal left behind
   }
 
   void remove(const vu::PackageInfo& package)
   {
-    if (!_catalogue.remove(package.uuid()))
-      return;
-    std::erase_if(packages, [&](const auto& each) { return each.uuid() == package.uuid(); });
-    change(package, "Removed",
-           [this](const std::string& name)
-           {
-             unload(name);
-             setState(name, Unknown);
-           });
+    if (_catalogue.remove(package.uuid()))
+      change(package, "Removed",
+             [this](const std::string& name)
+             {
+               unload(name);
+               setState(name, Unknown);
+             });
   }
 
   /// An instance ends by itself.
@@ -136,14 +130,6 @@ public:
     return names;
   }
 
-  /// Also one that its package's removal did not take along.
-  bool holdsInstance(const vu::PackageInfo& package)
-  {
-    const auto behaviors = package.behaviors();
-    return std::any_of(behaviors.begin(), behaviors.end(),
-                       [&](const auto& behavior) { return !_records[nameOf(package, behavior)].id.empty(); });
-  }
-
 private:
   enum State
   {
@@ -160,11 +146,6 @@ private:
   [[noreturn]] static void fail(const std::string& method, const std::string& description)
   {
     throw ZBError("ZBBehaviorManager", method, description);
-  }
-
-  static std::string nameOf(const vu::PackageInfo& package, const vu::BehaviorInfo& behavior)
-  {
-    return package.uuid() + "/" + behavior.path();
   }
 
   vu::Value answer(const std::string& method, const std::string& argument)
@@ -277,11 +258,9 @@ private:
     if (_records[path].state >= Loaded)
       return true;
     const auto [same, package, behavior] = resolve(name);
-    announced.push_back("frames createBehavior " + path + " " + package + ":" +
-                        (behavior == "."              ? "behavior.xar"
-                         : behavior.ends_with(".xar") ? behavior
-                                                      : behavior + "/behavior.xar"));
-    if (refusedToLoad.count(path) != 0)
+    const auto file = behavior == "." ? "behavior.xar" : behavior.ends_with(".xar") ? behavior : behavior + "/behavior.xar";
+    announce("createBehavior", {_catalogue.getPackageDir(package), file, path});
+    if (scripts[path] == Script::RefuseToLoad)
       throw ZBError("ZBFrameManager", "createBehavior", "refused");
     const auto id = "fm-" + std::to_string(++_lastId);
     instances[id] = path;
@@ -305,7 +284,7 @@ private:
       fail("startBehavior", "behavior " + path + " failed to load: " + error.description());
     }
     connected.insert(record.id);
-    announced.push_back("frames playBehavior " + record.id);
+    announce("playBehavior", {record.id});
     const auto script = instances.count(record.id) != 0 ? scripts[path] : Script::RefuseToPlay;
     if (script == Script::RefuseToPlay)
       fail("startBehavior", "behavior " + path + " has been unexpectedly deleted");
@@ -329,7 +308,7 @@ private:
     const auto id = _records[path].id;
     if (instances.count(id) != 0)
     {
-      announced.push_back("frames deleteBehavior " + id);
+      announce("deleteBehavior", {id});
       end(id, std::nullopt);
     }
     else
@@ -340,10 +319,10 @@ private:
 
   void change(const vu::PackageInfo& package, const std::string& what, const std::function<void(const std::string&)>& act)
   {
-    auto names = vu::Value::array();
+    Names names;
     for (const auto& behavior : package.behaviors())
     {
-      names.push_back(nameOf(package, behavior));
+      names.push_back(package.uuid() + "/" + behavior.path());
       act(names.back());
       event("ZBBehaviorManager/Behavior" + what, names.back());
     }
@@ -379,8 +358,9 @@ private:
       call("runBehavior", name);
   }
 
-  void signal(const std::string& name, const vu::Value& arguments) { announced.push_back("signal " + name + " " + arguments.dump()); }
-  void event(const std::string& key, const vu::Value& value) { announced.push_back("event " + key + " " + value.dump()); }
+  void announce(const std::string& what, const vu::Value& arguments) { announced.push_back(what + " " + arguments.dump()); }
+  void signal(const std::string& name, const vu::Value& arguments) { announce("signal " + name, arguments); }
+  void event(const std::string& key, const vu::Value& value) { announce("raiseMicroEvent", vu::Value::array({key, value})); }
 
   Catalogue _catalogue;
   std::map<std::string, Record> _records;

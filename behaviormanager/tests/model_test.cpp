@@ -20,25 +20,40 @@ using Script = StandInFrameManager::Script;
 constexpr unsigned sequences = TestSupport::sanitized ? 200 : 2000;
 constexpr int steps = 15;
 
-const std::vector<std::string> paths{"P/a", "P/b/c", "P/.",   "P/x",        "Q/a",    "Q/d",        "Q/old/behavior.xar",
-                                     "Q/e", "R/a",   "R/b/c", "R/.default", "R/gone", "D/.default", "D/User/a"};
-const std::vector<std::string> names{"P/a",        "P",
-                                     "P/.",        "P/b/c",
-                                     "P/x",        "P/",
-                                     "Q/a",        "Q/d",
-                                     "Q/e",        "R/b/c",
-                                     "R/gone",     ".default",
-                                     "a",          "b/c",
-                                     "d",          "gone",
-                                     "User/P/a",   "User/a",
-                                     "System/P/a", "System/P",
-                                     "x",          "System/Q/d",
-                                     "nobody",     "User/",
-                                     "System/Q/a", "R/.default",
-                                     "D/.default", "wave",
-                                     "a//b",       "dance",
-                                     "",           "/",
-                                     "R/a",        "old/behavior.xar"};
+const std::vector<std::string> names{"old/behavior.xar",
+                                     "System/P/a",
+                                     "System/Q/d",
+                                     "System/Q/a",
+                                     "R/.default",
+                                     "D/.default",
+                                     ".default",
+                                     "User/P/a",
+                                     "System/P",
+                                     "R/gone",
+                                     "User/a",
+                                     "nobody",
+                                     "P/b/c",
+                                     "R/b/c",
+                                     "User/",
+                                     "dance",
+                                     "gone",
+                                     "wave",
+                                     "a//b",
+                                     "P/a",
+                                     "P/.",
+                                     "P/x",
+                                     "Q/a",
+                                     "Q/d",
+                                     "Q/e",
+                                     "b/c",
+                                     "R/a",
+                                     "P/",
+                                     "P",
+                                     "a",
+                                     "d",
+                                     "x",
+                                     "/",
+                                     ""};
 const std::vector<std::string> actions{"preloadBehavior",    "startBehavior",         "runBehavior",        "stopBehavior",
                                        "startBehavior",      "runBehavior",           "stopBehavior",       "stopAllBehaviors",
                                        "addDefaultBehavior", "removeDefaultBehavior", "playDefaultProject", "_onDataChanged"};
@@ -47,6 +62,8 @@ const std::vector<std::string> calls{"isBehaviorInstalled",    "isBehaviorPresen
                                      "getRunningBehaviors",    "getLoadedBehaviors",         "getTagList",           "getBehaviorTags",
                                      "getBehaviorNature",      "_getBehaviorRelativePath",   "_getPackageUid",       "getDefaultBehaviors",
                                      "resolveBehaviorName",    "_getBehaviorFrameManagerId", "getInstalledBehaviors"};
+
+const std::set<std::string> announcements{"signal", "raiseMicroEvent", "createBehavior", "playBehavior", "deleteBehavior"};
 
 class Comparison
 {
@@ -90,21 +107,16 @@ private:
 
   void setBehaviors()
   {
-    _platform.frames->acceptAll();
-    _model.refusedToLoad.clear();
-    for (const auto& path : paths)
-    {
-      const auto script =
-          anyOf<Script>({Script::Play, Script::Play, Script::Play, Script::EndInPlay, Script::FailInPlay, Script::RefuseToPlay});
-      _platform.frames->script(path, script);
-      _model.scripts[path] = script;
-      if (below(10) == 0)
+    for (const auto& package : _packages)
+      for (const auto& behavior : package.behaviors())
       {
-        _platform.frames->refuse("createBehavior " + path, "refused", StandIn::Always);
-        _model.refusedToLoad.insert(path);
+        const auto path = package.uuid() + "/" + behavior.path();
+        const auto script = anyOf<Script>({Script::Play, Script::Play, Script::Play, Script::Play, Script::EndInPlay, Script::FailInPlay,
+                                           Script::RefuseToPlay, Script::RefuseToLoad});
+        _platform.frames->script(path, script);
+        _model.scripts[path] = script;
       }
-    }
-    _platform.preferences->setFile(vu::Value::array({vu::Value::array({"", "", ""})}));
+    _platform.preferenceFile = vu::Value::array({vu::Value::array({"", "", ""})});
     _model.defaults = "";
   }
 
@@ -209,7 +221,7 @@ private:
     _platform.settle();
     std::vector<std::string> happened;
     for (auto& line : _platform.journal.lines())
-      if (line.starts_with("signal ") || line.starts_with("event ") || line.starts_with("frames "))
+      if (announcements.count(line.substr(0, line.find(' '))) != 0)
         happened.push_back(std::move(line));
     _platform.journal.clear();
     const auto announced = std::exchange(_model.announced, {});
@@ -217,7 +229,7 @@ private:
       if (!equal("announcement " + std::to_string(i + 1), i < happened.size() ? happened[i] : "none",
                  i < announced.size() ? announced[i] : "none"))
         return false;
-    return equal("preference file", _platform.preferences->file().at(0).at(2), _model.defaults) &&
+    return equal("preference file", _platform.preferenceFile->at(0).at(2), _model.defaults) &&
            equal("connections", std::to_string(_platform.frames->connections()), std::to_string(2 * _model.connected.size())) &&
            equal("instances", std::to_string(_platform.frames->behaviors().size()), std::to_string(_model.instances.size())) &&
            compareRuns();
@@ -246,11 +258,8 @@ private:
   /// Everything can be stopped to nothing, whatever has happened.
   bool cleanUp()
   {
-    while (!_model.packages.empty())
-      if (!change("packageRemoved", vu::PackageInfo(_model.packages.front())))
-        return false;
     for (const auto& package : _packages)
-      if (_model.holdsInstance(package) && (!change("packageInstalled", package) || !change("packageRemoved", package)))
+      if (!change("packageInstalled", package) || !change("packageRemoved", package))
         return false;
     return equal("what is left", std::to_string(_platform.frames->behaviors().size() + _platform.frames->connections()), "0");
   }

@@ -7,14 +7,13 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <vu/future.hpp>
-#include <vu/packageinfo.hpp>
 #include <vu/signal.hpp>
-#include <zb/zberror.hpp>
+#include <vu/value.hpp>
 #include <zb/zbmodule.hpp>
-#include <zb/zbvalue.hpp>
 
 #include <testing/journal.hpp>
 
@@ -25,70 +24,73 @@ namespace ZB::BehaviorManager
 
 using TestSupport::Journal;
 
-class StandIn : public ZBModule
+/// What a test does in the middle of something else.
+class Interruptions
 {
 public:
-  StandIn(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal)
-      : ZBModule(std::move(broker), name), _journal(journal)
-  {
-  }
+  /// Once, inside the next call of a method or the next emission of a signal,
+  /// on the caller's thread, before it is carried out. `call` is the name, or
+  /// that and the first argument: "declareEvent BehaviorsRun".
+  void during(const std::string& call, std::function<void()> action);
 
-  enum Times
-  {
-    Once,
-    Always
-  };
-  /// The next or every call of a method throws a ZBError. `call` is the
-  /// method's name, or that and the first argument: "declareEvent BehaviorsRun".
-  void refuse(const std::string& call, const std::string& text, Times times = Once);
-  void acceptAll();
-  /// Runs inside every call of a method, on the caller's thread, before it is carried out.
-  void during(const std::string& method, std::function<void()> action);
-
-protected:
-  template <typename C, typename M> void bind(const std::string& method, C* instance, M member)
-  {
-    functionName(method, getName(), "A stand-in's method");
-    bindMethod(instance, member);
-  }
-  /// To be called first in each method.
-  void enter(const std::string& method, const std::string& argument = {});
-  Journal& journal() { return _journal; }
+  /// The place where it happens.
+  void enter(const std::string& name, const std::string& argument = {});
 
 private:
-  Journal& _journal;
-  std::mutex _mutex; // guards both below
-  std::map<std::string, std::pair<std::string, Times>> _refusals;
+  std::mutex _mutex; // guards _actions
   std::map<std::string, std::function<void()>> _actions;
 };
 
-/// Journal: "memory <method> <key>" for calls, "event <key> <value>" for raises.
-class StandInMemory final : public StandIn
+/// A service of methods that are given as functions. Each call is first let in
+/// here, then written down: "<method> <arguments>".
+class StandIn : public ZBModule, public Interruptions
 {
 public:
-  StandInMemory(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal);
+  StandIn(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal, const std::function<void(StandIn&)>& offerAll = {});
+
+  /// The next such call throws a ZBError.
+  void refuse(const std::string& call, const std::string& text);
+
+  /// While the service is constructed.
+  template <typename F> void offer(const std::string& method, const F& function) { offer(method, function, &F::operator()); }
 
 private:
-  void declareEvent(const std::string& key);
-  void raiseMicroEvent(const std::string& key, const ZBValue& value);
-  void subscribeToEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method);
-  void subscribeToMicroEvent(const std::string& key, const std::string& module, const std::string& message, const std::string& method);
+  template <typename F, typename R, typename... Arguments>
+  void offer(const std::string& method, const F& function, R (F::*)(Arguments...) const)
+  {
+    const auto call = [this, method, function](Arguments... arguments) -> R
+    {
+      called(method, vu::Value::array({vu::Value(arguments)...}));
+      return function(arguments...);
+    };
+    const auto kept = std::make_shared<decltype(call)>(call);
+    _calls.push_back(kept);
+    functionName(method, getName(), "A stand-in's method");
+    bindMethod(kept.get(), &std::remove_const_t<decltype(call)>::operator());
+  }
+  void called(const std::string& method, const vu::Value& arguments);
+
+  Journal& _journal;
+  std::vector<std::shared_ptr<const void>> _calls;
 };
 
 /// Plays behaviors as scripts say, by the behavior's name; without a script
 /// until it is deleted or a test ends it. Like the real one it refuses an empty
 /// package directory, takes an instance off its list before it reports the end,
-/// exactly once, and completes the waits afterwards. Journal: "frames <method>
-/// <argument>". The report of a stop counts as a call of "stopped".
+/// exactly once, and completes the waits afterwards. A test may come in "played",
+/// behind what the script does, and "stopped", before the report of a stop, too.
 class StandInFrameManager final : public StandIn
 {
 public:
+  using Failure = std::optional<std::string>;
+
   enum class Script
   {
-    Play,        ///< until ended
-    EndInPlay,   ///< ends inside playBehavior
-    FailInPlay,  ///< fails inside playBehavior
-    RefuseToPlay ///< playBehavior throws; the instance stays
+    Play,         ///< until ended
+    EndInPlay,    ///< ends inside playBehavior
+    FailInPlay,   ///< fails inside playBehavior
+    RefuseToPlay, ///< playBehavior throws; the instance stays
+    RefuseToLoad  ///< createBehavior throws
   };
 
   StandInFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal);
@@ -97,18 +99,17 @@ public:
   /// From now on ends are not reported and waits stay open, until release().
   void hold();
   void release();
-  /// The instance ends by itself; with a message: fails.
-  void end(const std::string& id, const std::optional<std::string>& failure = std::nullopt);
+  /// The instance ends by itself; with a message: fails. False when it had ended.
+  bool end(const std::string& id, const Failure& failure = std::nullopt);
 
   std::set<std::string> behaviors();
   std::size_t connections() const { return _stopped.connectionCount() + _failed.connectionCount(); }
 
 private:
-  std::string createBehavior(const std::string& directory, const std::string& file, const std::string& name);
-  void playBehavior(const std::string& id);
+  std::string create(const std::string& directory, const std::string& name);
   vu::Future<void> waitForStopped(const std::string& id);
-  void deleteBehavior(const std::string& id);
-  void report(const std::string& id, const std::optional<std::string>& failure);
+  void play(const std::string& id);
+  void report(const std::string& id, const Failure& failure);
 
   struct Instance
   {
@@ -124,34 +125,7 @@ private:
   std::map<std::string, Script> _scripts;
   std::map<std::string, Instance> _instances; // all there ever were, by id
   std::set<std::string> _held;                // those that have not ended
-  std::vector<std::pair<std::string, std::optional<std::string>>> _heldReports;
-};
-
-class StandInPackageManager final : public StandIn
-{
-public:
-  StandInPackageManager(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal, std::vector<vu::PackageInfo> packages);
-
-private:
-  std::vector<vu::PackageInfo> packages();
-  const std::vector<vu::PackageInfo> _packages;
-};
-
-/// Holds one file. Journal: "preferences read <flag>", "preferences write <flag>".
-class StandInPreferences final : public StandIn
-{
-public:
-  StandInPreferences(std::shared_ptr<ZBBroker> broker, const std::string& name, Journal& journal);
-
-  void setFile(const ZBValue& settings);
-  vu::Value file();
-
-private:
-  ZBValue readPrefFile(const std::string& name, bool flag);
-  void writePrefFile(const std::string& name, const ZBValue& settings, bool flag);
-
-  std::mutex _fileMutex; // guards _file
-  std::optional<ZBValue> _file;
+  std::vector<std::pair<std::string, Failure>> _heldReports;
 };
 
 } // namespace ZB::BehaviorManager

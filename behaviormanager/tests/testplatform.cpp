@@ -2,6 +2,8 @@
 
 #include <future>
 
+#include <zb/zberror.hpp>
+
 namespace ZB::BehaviorManager
 {
 
@@ -15,32 +17,53 @@ vu::PackageInfo TestPlatform::makePackageOf(const std::string& uuid, const std::
   return vu::PackageInfo(vu::PackageInfo::Data{uuid, {}, installer, (directory / uuid).string(), {}, {}, behaviors});
 }
 
-vu::PackageInfo TestPlatform::makePackage(const std::string& uuid, const std::vector<std::string>& paths, const std::string& installer)
+vu::PackageInfo TestPlatform::makePackage(const std::string& uuid, const std::vector<std::string>& paths)
 {
-  std::list<vu::BehaviorInfo> behaviors;
-  for (const auto& path : paths)
-    behaviors.emplace_back(path);
-  return makePackageOf(uuid, behaviors, installer);
+  return makePackageOf(uuid, {paths.begin(), paths.end()});
 }
 
-void TestPlatform::startServices(std::vector<vu::PackageInfo> packages)
+void TestPlatform::startServices(const std::vector<vu::PackageInfo>& packages)
 {
-  memory = &broker->createModule<StandInMemory>("ZBMemory", journal);
-  preferences = &broker->createModule<StandInPreferences>("ZBPreferences", journal);
-  packageManager = &broker->createModule<StandInPackageManager>("PackageManager", journal, std::move(packages));
+  using Text = const std::string&;
+  const auto offerMemory = [](StandIn& service)
+  {
+    service.offer("declareEvent", [](Text) {});
+    service.offer("raiseMicroEvent", [](Text, const ZBValue&) {});
+    for (const char* method : {"subscribeToEvent", "subscribeToMicroEvent"})
+      service.offer(method, [](Text, Text, Text, Text) {});
+  };
+  const auto offerPreferences = [this](StandIn& service)
+  {
+    service.offer("readPrefFile",
+                  [this](Text name, bool)
+                  {
+                    if (!preferenceFile)
+                      throw ZBError("ZBPreferences", "readPrefFile", "there is no file " + name);
+                    return *preferenceFile;
+                  });
+    service.offer("writePrefFile", [this](Text, const ZBValue& settings, bool) { preferenceFile = settings.value(); });
+  };
+  const auto offerPackages = [&](StandIn& service) { service.offer("packages", [packages] { return packages; }); };
+  memory = &broker->createModule<StandIn>("ZBMemory", journal, offerMemory);
+  preferences = &broker->createModule<StandIn>("ZBPreferences", journal, offerPreferences);
+  packageManager = &broker->createModule<StandIn>("PackageManager", journal, offerPackages);
   frames = &broker->createModule<StandInFrameManager>("ZBFrameManager", journal);
 }
 
-ZBBehaviorManager& TestPlatform::start(std::vector<vu::PackageInfo> packages)
+ZBBehaviorManager& TestPlatform::start(const std::vector<vu::PackageInfo>& packages)
 {
   if (!memory)
-    startServices(std::move(packages));
+    startServices(packages);
   manager = &broker->createModule<ZBBehaviorManager>("ZBBehaviorManager");
   const auto backend = broker->session()->find("ZBBehaviorManager");
   for (const auto& signal : backend->description().signals)
     backend
         ->connect(signal.name,
-                  [this, name = signal.name](const vu::Value& arguments) { journal.add("signal " + name + " " + arguments.dump()); })
+                  [this, name = signal.name](const vu::Value& arguments)
+                  {
+                    journal.add("signal " + name + " " + arguments.dump());
+                    enter(name);
+                  })
         .value();
   return *manager;
 }

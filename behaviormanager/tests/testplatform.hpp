@@ -3,6 +3,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include <vu/log.hpp>
 #include <vu/object.hpp>
 #include <zb/zbbroker.hpp>
+#include <zb/zbvalue.hpp>
 
 #include <testing/files.hpp>
 
@@ -21,9 +23,9 @@ namespace ZB::BehaviorManager
 /// The module on a real broker and middleware, between stand-in services.
 ///
 /// Its journal holds, in the order of emission, "signal <name> <arguments>"
-/// for the module's signals and "event <key> <value>" for its memory events,
-/// besides the calls that the stand-ins write down.
-class TestPlatform
+/// for the module's signals besides the calls that the stand-ins write down.
+/// A test may come in during the module's signals.
+class TestPlatform : public Interruptions
 {
 public:
   explicit TestPlatform(vu::ThreadPool::Limits pool = {});
@@ -34,12 +36,12 @@ public:
   /// A package with a directory for each behavior path.
   vu::PackageInfo makePackageOf(const std::string& uuid, const std::list<vu::BehaviorInfo>& behaviors,
                                 const std::string& installer = "user");
-  vu::PackageInfo makePackage(const std::string& uuid, const std::vector<std::string>& paths, const std::string& installer = "user");
+  vu::PackageInfo makePackage(const std::string& uuid, const std::vector<std::string>& paths);
 
   /// Creates stand-ins (once) and the module; the package manager tells `packages`.
-  ZBBehaviorManager& start(std::vector<vu::PackageInfo> packages = {});
+  ZBBehaviorManager& start(const std::vector<vu::PackageInfo>& packages = {});
   /// The stand-ins alone, for a test that prepares them.
-  void startServices(std::vector<vu::PackageInfo> packages = {});
+  void startServices(const std::vector<vu::PackageInfo>& packages = {});
   /// Removes the module.
   void stop();
 
@@ -59,10 +61,11 @@ public:
   Journal journal;
   vu::log::Capture log;
   const std::shared_ptr<ZBBroker> broker;
-  StandInMemory* memory = nullptr;
+  StandIn* memory = nullptr;
+  StandIn* packageManager = nullptr;
+  StandIn* preferences = nullptr;
   StandInFrameManager* frames = nullptr;
-  StandInPackageManager* packageManager = nullptr;
-  StandInPreferences* preferences = nullptr;
+  std::optional<vu::Value> preferenceFile; // tests and module use it one after the other
   ZBBehaviorManager* manager = nullptr;
 };
 
