@@ -246,6 +246,7 @@ TEST_F(EndToEnd, callPassesJsonAndStringsWhateverTheyLookLike)
 {
   const std::vector<std::tuple<std::string, std::string, std::string>> cases{{"Test/Value", R"(["a", {"b": -1}])", R"(["a",{"b":-1}])"},
                                                                              {"Test/Number", "-1.5", "-1.5"},
+                                                                             {"Test/Half", "[1,", "\"[1,\""},
                                                                              {"list", "run", "\"run\""},
                                                                              {"\"--json\"", "--text", "\"--text\""}};
   for (const auto& [key, value, stored] : cases)

@@ -11,26 +11,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using vu::Value;
 
-TEST(Argument, isJsonWhereTheTextIsJsonAndElseAString)
-{
-  const std::vector<std::pair<std::string, Value>> cases{{"1", 1},
-                                                         {"-1.5", -1.5},
-                                                         {"true", true},
-                                                         {"null", nullptr},
-                                                         {"\"1\"", "1"},
-                                                         {R"(["a", [1]])", Value::array({"a", Value::array({1})})},
-                                                         {R"({"a": 1})", {{"a", 1}}},
-                                                         {"greetings/hello", "greetings/hello"},
-                                                         {"[1,", "[1,"},
-                                                         {"", ""},
-                                                         {"True", "True"}};
-  for (const auto& [text, value] : cases)
-  {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(argumentFromText(text), value);
-  }
-}
-
 TEST(Table, alignsColumnsByCharactersWithoutSpacesAtTheEndOfALine)
 {
   EXPECT_EQ(formatTable({{"NAME", "STATE", "TAGS"}, {"grüße/a", "running", ""}, {"b", "", "x, y"}}), "NAME     STATE    TAGS\n"
