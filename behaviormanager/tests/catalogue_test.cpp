@@ -75,7 +75,8 @@ TEST(BehaviorCatalogue, ResolvesEveryFormOfAName)
   {
     std::string uuid;
     std::string path;
-    const auto error = TestSupport::errorOf([&] { uuid = catalogue.xResolveBehaviorName(name, &uuid, &path) + " |" + uuid + "| " + path; });
+    const auto error =
+        TestSupport::errorOf([&, &name = name] { uuid = catalogue.xResolveBehaviorName(name, &uuid, &path) + " |" + uuid + "| " + path; });
     EXPECT_EQ(error == "no error" ? uuid : error, result) << name;
   }
   catalogue.add(package("R", {""}));
