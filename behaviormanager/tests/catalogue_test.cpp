@@ -23,28 +23,22 @@ vu::PackageInfo package(const std::string& uuid, const std::vector<std::string>&
 
 } // namespace
 
-TEST(BehaviorCatalogue, TellsOneInstallationOfAPackageFromTheNext)
-{
-  Catalogue catalogue;
-  const auto first = catalogue.add(package("P", {}, "/p"));
-  EXPECT_EQ(catalogue.add(package("P", {}, "/other")), Catalogue::noInstallation) << "it is there already";
-  auto found = Catalogue::noInstallation;
-  EXPECT_EQ(catalogue.getPackageDir("P", &found), "/p");
-  EXPECT_EQ(found, first);
-  EXPECT_TRUE(catalogue.remove("P"));
-  EXPECT_FALSE(catalogue.remove("P"));
-  EXPECT_EQ(catalogue.getPackageDir("P"), "");
-  EXPECT_NE(catalogue.add(package("P", {}, "/p")), first);
-}
-
-TEST(BehaviorCatalogue, ListsByInstallerInOrderOfArrival)
+TEST(BehaviorCatalogue, ListsByInstallerInOrderOfArrivalAndTellsInstallationsApart)
 {
   Catalogue catalogue;
   catalogue.fill([] { return std::vector{package("U", {"b"}, {}, ""), package("S", {"."}, {}, "system"), package("E", {})}; });
-  catalogue.add(package("T", {"", "z"}, {}, "System"));
+  const auto first = catalogue.add(package("T", {"", "z"}, "/t", "System"));
+  EXPECT_EQ(catalogue.add(package("T", {}, "/other")), Catalogue::noInstallation) << "it is there already";
   EXPECT_THAT(catalogue.xGetBehaviorsInPackages(Catalogue::InstallerAll), ElementsAre("U/b", "S", "T", "T/z"));
   EXPECT_THAT(catalogue.xGetBehaviorsInPackages(Catalogue::InstallerUser), ElementsAre("U/b", "T", "T/z"));
   EXPECT_THAT(catalogue.xGetBehaviorsInPackages(Catalogue::InstallerSystem), ElementsAre("S"));
+  auto found = Catalogue::noInstallation;
+  EXPECT_EQ(catalogue.getPackageDir("T", &found), "/t");
+  EXPECT_EQ(found, first);
+  EXPECT_TRUE(catalogue.remove("T"));
+  EXPECT_FALSE(catalogue.remove("T"));
+  EXPECT_EQ(catalogue.getPackageDir("T"), "");
+  EXPECT_NE(catalogue.add(package("T", {}, "/t")), first);
 }
 
 TEST(BehaviorCatalogue, ResolvesEveryFormOfAName)

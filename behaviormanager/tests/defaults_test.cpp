@@ -73,12 +73,7 @@ TEST_F(DefaultBehaviors, PlayTheStartUpBehaviorOnceAndFirst)
   std::filesystem::remove(platform.directory / "P/a");
   manager.playDefaultProject();
   platform.settle();
-  const auto created = [this](const std::string& package, const std::string& file, const std::string& path) {
-    return vu::Value::array({(platform.directory / package).string(), file, path}).dump();
-  };
-  EXPECT_THAT(platform.journal.lines("createBehavior "),
-              ElementsAre(created("Q", ".default/behavior.xar", "Q/.default"), created("P", "behavior.xar", "P/."),
-                          created("P", "b/behavior.xar", "P/b")));
+  EXPECT_THAT(platform.journal.lines("signal behaviorStarted "), ElementsAre("[\"Q/.default\"]", "[\"P/.\"]", "[\"P/b\"]"));
   EXPECT_EQ(platform.log.count(Level::Warning, ""), 0U) << "it was posted twice";
 
   manager.stopAllBehaviors();

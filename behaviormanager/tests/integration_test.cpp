@@ -18,7 +18,6 @@
 
 using namespace ZB;
 using namespace ZB::BehaviorManager;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using TestSupport::errorOf;
 using TestSupport::eventually;

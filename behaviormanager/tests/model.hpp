@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -66,18 +65,13 @@ public:
   void install(const vu::PackageInfo& package)
   {
     if (_catalogue.add(package) != Catalogue::noInstallation)
-      change(package, "Added", [this](const std::string& name) { unload(name); }); // also what an earlier removal left behind
+      change(package, true);
   }
 
   void remove(const vu::PackageInfo& package)
   {
     if (_catalogue.remove(package.uuid()))
-      change(package, "Removed",
-             [this](const std::string& name)
-             {
-               unload(name);
-               setState(name, Unknown);
-             });
+      change(package, false);
   }
 
   /// An instance ends by itself.
@@ -161,14 +155,11 @@ private:
         {"isBehaviorInstalled", [&] { return isInstalled(argument); }},
         {"isBehaviorPresent", [&] { return isInstalled(argument); }},
         {"getInstalledBehaviors", [&] { return _catalogue.xGetBehaviorsInPackages(Catalogue::InstallerAll); }},
-        {"getUserBehaviorNames", [&] { return listed(Catalogue::InstallerUser, "User/"); }},
-        {"getSystemBehaviorNames", [&] { return listed(Catalogue::InstallerSystem, "System/"); }},
+        {"getUserBehaviorNames", [&] { return listed({"User/"}); }},
+        {"getSystemBehaviorNames", [&] { return listed({"System/"}); }},
         {"getBehaviorNames",
-         [&]
-         {
-           auto names = listed(Catalogue::InstallerUser, "User/");
-           std::ranges::copy(listed(Catalogue::InstallerSystem, "System/"), std::back_inserter(names));
-           return names;
+         [&] {
+           return listed({"User/", "System/"});
          }},
         {"getBehaviorsByTag", [&] { return _catalogue.getBehaviorsByTag(argument); }},
         {"isBehaviorRunning", [&] { return _records[resolve(argument)[0]].state == Running; }},
@@ -208,12 +199,13 @@ private:
 
   bool isInstalled(const std::string& name) const { return _catalogue.isBehaviorInstalled(name); }
 
-  Names listed(Catalogue::InstallerFlag flags, const std::string& prefix) const
+  Names listed(const Names& prefixes) const
   {
-    auto listed = _catalogue.xGetBehaviorsInPackages(flags);
-    for (auto& name : listed)
-      name.insert(0, prefix);
-    return listed;
+    Names names;
+    for (const auto& prefix : prefixes)
+      for (const auto& name : _catalogue.xGetBehaviorsInPackages(prefix == "User/" ? Catalogue::InstallerUser : Catalogue::InstallerSystem))
+        names.push_back(prefix + name);
+    return names;
   }
 
   std::string behaviorOf(const std::string& id, const std::string& method)
@@ -317,13 +309,16 @@ private:
     setState(path, Stopped);
   }
 
-  void change(const vu::PackageInfo& package, const std::string& what, const std::function<void(const std::string&)>& act)
+  void change(const vu::PackageInfo& package, bool added)
   {
+    const std::string what = added ? "Added" : "Removed";
     Names names;
     for (const auto& behavior : package.behaviors())
     {
       names.push_back(package.uuid() + "/" + behavior.path());
-      act(names.back());
+      unload(names.back()); // when added: what an earlier removal left behind
+      if (!added)
+        setState(names.back(), Unknown);
       event("ZBBehaviorManager/Behavior" + what, names.back());
     }
     signal("behaviors" + what, vu::Value::array({names}));
