@@ -1,5 +1,6 @@
 #include <packages/manifest.hpp>
 #include <packages/packageerror.hpp>
+#include <vu/value.hpp>
 
 #include "input.hpp"
 
