@@ -11,6 +11,7 @@ Behaviors::Behaviors(vu::RemoteSession& session) : _object(session.service(behav
 std::vector<std::string> Behaviors::resolve(const std::vector<std::string>& names) const
 {
   std::vector<std::pair<std::string, vu::Future<std::string>>> asked;
+  asked.reserve(names.size());
   for (const auto& name : names)
     asked.emplace_back(name, _object.async<std::string>("resolveBehaviorName", name));
   std::vector<std::string> resolved;
