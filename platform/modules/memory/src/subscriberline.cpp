@@ -14,7 +14,7 @@ SubscriberLine::SubscriberLine(std::string module, std::shared_ptr<vu::LocalSess
 {
 }
 
-void SubscriberLine::push(std::shared_ptr<const Subscription> subscription, std::shared_ptr<const vu::Value> value)
+void SubscriberLine::push(const std::shared_ptr<const Subscription>& subscription, const std::shared_ptr<const vu::Value>& value)
 {
   // Holds this object, and the memory's line for the module with it, until it is done.
   if (std::shared_ptr<vu::ObjectBackend> subscriber = _session->find(_module))

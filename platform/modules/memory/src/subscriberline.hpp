@@ -38,7 +38,7 @@ public:
   SubscriberLine(std::string module, std::shared_ptr<vu::LocalSession> session, std::shared_ptr<vu::ThreadPool> pool);
 
   /// Does not block, and runs nothing on this thread.
-  void push(std::shared_ptr<const Subscription> subscription, std::shared_ptr<const vu::Value> value);
+  void push(const std::shared_ptr<const Subscription>& subscription, const std::shared_ptr<const vu::Value>& value);
 
 private:
   void deliver(vu::ObjectBackend& subscriber, const std::shared_ptr<const Subscription>& subscription, const vu::Value& value) const;
