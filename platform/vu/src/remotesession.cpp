@@ -304,7 +304,7 @@ void RemoteSession::Implementation::lookUp(const std::string& name, const Promis
           });
 }
 
-RemoteSession::RemoteSession(Options options) : _implementation(std::make_shared<Implementation>())
+RemoteSession::RemoteSession(const Options& options) : _implementation(std::make_shared<Implementation>())
 {
   auto& session = *_implementation;
   // The channel's thread may run the handlers before connect() has returned,

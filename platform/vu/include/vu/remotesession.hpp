@@ -24,7 +24,7 @@ public:
   /// Connects; throws a ServiceError of kind ConnectionLost that names the
   /// address when there is no host, NotAllowed when it refuses the token,
   /// InvalidArguments when the URL is none.
-  explicit RemoteSession(Options options);
+  explicit RemoteSession(const Options& options);
   /// Disconnects. Not to be destroyed inside one of its own callbacks.
   ~RemoteSession();
   RemoteSession(const RemoteSession&) = delete;
