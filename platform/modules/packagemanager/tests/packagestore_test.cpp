@@ -68,6 +68,8 @@ struct Change
   const char* name;
   const char* before;
   const char* after;
+
+  friend void PrintTo(const Change& change, std::ostream* out) { *out << change.name; }
 };
 constexpr Change changes[] = {{"install", "", "new"}, {"replace", "old", "new"}, {"remove", "old", ""}};
 
