@@ -97,17 +97,20 @@ function(tarvik_platform_module name)
 endfunction()
 
 # tarvik_test(NAME LABEL SOURCES... LIBRARIES ...): a test program whose tests
-# ctest runs one by one.
+# ctest runs one by one. PRECOMPILED names another kind of headers than "tests".
 function(tarvik_test name label)
-  cmake_parse_arguments(PARSE_ARGV 2 test "" "TIMEOUT" "SOURCES;LIBRARIES")
+  cmake_parse_arguments(PARSE_ARGV 2 test "" "TIMEOUT;PRECOMPILED" "SOURCES;LIBRARIES")
   if(NOT TARVIK_BUILD_TESTS)
     return()
   endif()
   if(NOT test_TIMEOUT)
     set(test_TIMEOUT 120)
   endif()
+  if(NOT test_PRECOMPILED)
+    set(test_PRECOMPILED tests)
+  endif()
   add_executable(${name} ${test_SOURCES})
   target_link_libraries(${name} PRIVATE tarvik_options tarvik_test_options ${test_LIBRARIES} tarvik::testing GTest::gmock GTest::gtest_main)
-  tarvik_precompile(${name} tests)
+  tarvik_precompile(${name} ${test_PRECOMPILED})
   gtest_discover_tests(${name} PROPERTIES LABELS ${label} TIMEOUT ${test_TIMEOUT} DISCOVERY_TIMEOUT 60)
 endfunction()

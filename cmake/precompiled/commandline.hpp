@@ -1,0 +1,6 @@
+// The same for sources that read command lines.
+#pragma once
+
+#include "all.hpp"
+
+#include <CLI/CLI.hpp>
