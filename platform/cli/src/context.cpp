@@ -26,6 +26,8 @@ void readFromRoot(HostOptions& host)
   const RootLayout layout(root);
   host.url = firstLine(layout.endpoint);
   host.tokenFile = layout.token.string();
+  if (host.url.starts_with("https:"))
+    host.certificate = layout.certificate.string();
   if (host.url.empty())
     throw CommandError("no host runs on " + root.string() + " (there is no " + layout.endpoint.string() +
                            "); start one with \"tarvikd --root " + root.string() + "\", or name another with --root or --url",
@@ -50,6 +52,8 @@ std::unique_ptr<vu::RemoteSession> Context::connect()
   vu::RemoteSession::Options options;
   options.url = host.url;
   options.token = token();
+  options.certificateAuthority = host.authority;
+  options.hostCertificate = host.certificate;
   try
   {
     return std::make_unique<vu::RemoteSession>(options);

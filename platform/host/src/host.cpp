@@ -130,10 +130,10 @@ void Host::start()
   std::tie(gateway.address, gateway.port) = parseListen(_options.listen);
   gateway.tlsCertificate = _options.tlsCertificate;
   gateway.tlsKey = _options.tlsKey;
+  gateway.certificateTaken = [&directory = running->directory](const std::string& pem) { directory.writeCertificate(pem); };
   gateway.insecure = _options.insecure;
   gateway.limits = _options.limits;
   const auto access = gateway.access;
-  access->add(running->directory.makeToken(), {"local", Role::Admin});
   gateway.upload = installUpload;
   gateway.collectors = {writeBehaviorMetrics};
   gateway.uploadDirectory = running->directory.layout().run;
@@ -157,7 +157,9 @@ void Host::start()
   _running = std::move(running);
   try
   {
-    _running->broker->createModule<Tokens>("Tokens", _running->directory.layout().tokens, access);
+    auto& directory = _running->directory; // outlives the broker
+    _running->broker->createModule<Tokens>("Tokens", directory.layout().tokens, access,
+                                           [&directory](const std::string& token) { directory.writeToken(token); });
     loadModules();
     _running->gateway->start(_running->broker);
     _running->directory.announce(_running->url);
