@@ -90,7 +90,6 @@ TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
   const std::string manager = "ZBBehaviorManager.";
   const std::vector<std::pair<Arguments, Arguments>> cases{
       {{"call", "ZBMemory.getData", "k"}, {"ZBMemory.getData"}},
-      {{"stop", "--all"}, {manager + "stopAllBehaviors"}},
       {{"token", "list"}, {"Tokens.list"}},
       {{"start", "test/a"}, {manager + "resolveBehaviorName", manager + "startBehavior"}},
       {{"status"},
@@ -106,6 +105,25 @@ TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
     EXPECT_EQ(run(arguments), 0) << error.str();
     EXPECT_EQ(host.rounds(), std::vector<Arguments>(1, calls));
   }
+}
+
+TEST_F(CommandLine, stopAllGoesOnWhenOneIsRefusedAndNamesWhatIsLeft)
+{
+  int lists = 0;
+  const auto result = [&lists](const std::string& method, const vu::Value&) -> vu::Value
+  {
+    if (method.ends_with("getRunningBehaviors"))
+      return lists++ == 0 ? vu::Value{"p/a", "p/b", "p/c"} : vu::Value{"p/b"};
+    return 1;
+  };
+  const TestSupport::StandInHost host(result);
+  TestSupport::writeFile(root / "run" / "endpoint", host.url());
+  TestSupport::writeFile(root / "run" / "token", "secret");
+  expectError({"stop", "--all"}, 1, "not everything is stopped: \"p/b\" was started meanwhile", "");
+  std::size_t stops = 0;
+  for (const auto& round : host.rounds())
+    stops += round == Arguments{"ZBBehaviorManager.stopBehavior"};
+  EXPECT_EQ(stops, 3U);
 }
 
 } // namespace Tarvik

@@ -221,6 +221,8 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   implementation.thread = std::thread([&implementation] { implementation.run(); });
 }
 
+void Gateway::post(std::function<void()> task) { asio::post(*_implementation->io, std::move(task)); }
+
 void Gateway::beginStopping()
 {
   auto& implementation = *_implementation;

@@ -515,7 +515,7 @@ void serveHttp(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::sock
   const auto peer = socket.remote_endpoint(error);
   if (error)
     return; // it has gone already
-  const auto room = server->findRoom(addressText(peer.address()));
+  const auto room = server->findRoom(addressText(peer.address()), socket.native_handle());
   if (room != Server::Room::Free)
     server->metrics->connectionRefused();
   if (room != Server::Room::NotEven)

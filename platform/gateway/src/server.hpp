@@ -101,8 +101,9 @@ struct Server
   };
   /// Whether one more connection of `peer` fits in. Where a bound is reached,
   /// the one that has been idle longest makes room: a WebSocket only when
-  /// there is nothing else.
-  Room findRoom(const std::string& peer) const;
+  /// there is nothing else. `descriptor`, its number, tells how many files this
+  /// process has open, since it is the lowest free one: the last are for work.
+  Room findRoom(const std::string& peer, int descriptor) const;
   /// False when none is idle.
   bool endLongestIdle(const std::string& peer = {}) const;
 

@@ -116,6 +116,33 @@ TEST_F(Bounds, WithoutFilesTheLongestIdleMakesRoomAndItAcceptsAgain)
   EXPECT_EQ(get("/healthz").status, 200U);
 }
 
+TEST_F(Bounds, ClientsLeaveFilesFreeForWorkAndAreRefusedBefore)
+{
+  constexpr rlim_t files = 600;
+  const auto before = limitFiles(files);
+  begin();
+  std::vector<Socket> clients;
+  for (bool room = true; room && clients.size() < files / 2;)
+  {
+    clients.push_back(connect());
+    room = ask(clients.back(), request("GET /healthz")).status == 200U;
+    const auto key = std::to_string(clients.size());
+    if (room) // and does not let it go
+    {
+      asio::write(clients.back(), asio::buffer(request("POST /rpc", {}, call("Bench.later", "[\"" + key + "\"]"))));
+      EXPECT_TRUE(bench->waitForLater(key));
+    }
+  }
+  EXPECT_GT(clients.size(), 100U);
+  std::vector<int> opened;
+  for (int file = 0; (file = ::dup(0)) >= 0;)
+    opened.push_back(file);
+  limitFiles(before);
+  EXPECT_GT(opened.size(), 200U);
+  for (const int file : opened)
+    ::close(file);
+}
+
 TEST_F(Bounds, AddressesOfVersionSixAreWrittenInBrackets)
 {
   options.address = "::1";

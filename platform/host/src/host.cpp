@@ -1,5 +1,6 @@
 #include <host/host.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <stdexcept>
 #include <tuple>
@@ -135,7 +136,7 @@ void Host::start()
   gateway.limits = _options.limits;
   const auto access = gateway.access;
   gateway.upload = installUpload;
-  gateway.collectors = {writeBehaviorMetrics};
+  gateway.collectors = {writeBehaviorMetrics, writeLogMetrics};
   gateway.uploadDirectory = running->directory.layout().run;
   running->gateway = std::make_unique<Gateway>(std::move(gateway));
   // The address is known before the modules are loaded, which may start
@@ -192,12 +193,37 @@ void Host::loadModules()
     }
 }
 
+void Host::probe(std::function<void()> done) const
+{
+  if (!_running)
+    throw std::logic_error("this host does not run");
+  _running->gateway->post(
+      [broker = _running->broker, done = std::move(done)]
+      {
+        broker->pool()->post(
+            [frames = broker->session()->find("ZBFrameManager"), done]
+            {
+              if (!frames)
+                return done();
+              frames->call("_ping", vu::Value::array()).then([done](const vu::Future<vu::Value>&) { done(); });
+            });
+      });
+}
+
 void Host::stop()
 {
   if (!_running)
     return;
   vu::log::info("host", __func__, "shutting down");
   _running.reset();
+}
+
+std::chrono::microseconds Host::stopLimit() const
+{
+  constexpr std::chrono::seconds rest(10);
+  constexpr int standardGrace = 2000;
+  const auto grace = _options.frameManager.value("terminateGraceMs", standardGrace);
+  return rest + std::max<std::chrono::microseconds>(std::chrono::milliseconds(grace), _options.limits.close);
 }
 
 const std::string& Host::url() const

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vu/log.hpp>
+
 namespace Tarvik
 {
 
@@ -20,6 +22,39 @@ namespace
 std::runtime_error failure(const std::string& what, const fs::path& file)
 {
   return std::runtime_error("cannot " + what + " " + file.string() + ": " + std::generic_category().message(errno));
+}
+
+constexpr std::size_t spareSize = 512;
+
+fs::path spareOf(const fs::path& file) { return file.parent_path() / ("." + file.filename().string() + ".spare"); }
+
+/// Gives the errno of a failure, 0 otherwise.
+int writeNew(const fs::path& file, const std::string& text)
+{
+  const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (descriptor < 0)
+    return errno;
+  errno = ENOSPC; // of a write that is cut short
+  const bool written = ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  const int reason = errno;
+  ::close(descriptor);
+  if (written)
+    return 0;
+  ::unlink(file.c_str());
+  return reason;
+}
+
+/// What is on the disk already is written over, which takes no room.
+bool writeOver(const fs::path& file, const std::string& text)
+{
+  const int descriptor = ::open(file.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (descriptor < 0)
+    return false;
+  const auto size = static_cast<ssize_t>(text.size());
+  const bool written =
+      ::fchmod(descriptor, 0600) == 0 && ::pwrite(descriptor, text.data(), text.size(), 0) == size && ::ftruncate(descriptor, size) == 0;
+  ::close(descriptor);
+  return written;
 }
 
 void create(const fs::path& directory)
@@ -89,7 +124,7 @@ RunDirectory::RunDirectory(const fs::path& root) : _layout(root)
 RunDirectory::~RunDirectory()
 {
   for (const auto& file : {_layout.endpoint, _layout.certificate, _layout.token})
-    ::unlink(file.c_str());
+    withdraw(file);
   ::close(_lock);
 }
 
@@ -97,17 +132,38 @@ void RunDirectory::announce(const std::string& url) { write(_layout.endpoint, ur
 
 void RunDirectory::write(const fs::path& file, const std::string& line) const
 {
+  const auto text = line + "\n";
+  const auto spare = spareOf(file);
   auto fresh = file;
   fresh += ".new";
   ::unlink(fresh.c_str());
-  const int descriptor = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (descriptor < 0)
+  if (const int reason = writeNew(fresh, text); reason == ENOSPC || reason == EDQUOT)
+  {
+    if (!fs::exists(spare))
+      ::rename(file.c_str(), spare.c_str()); // a killed host's
+    if (!writeOver(spare, text) || ::rename(spare.c_str(), file.c_str()) != 0)
+      vu::log::error("host", "RunDirectory",
+                     "the disk is full, and " + file.string() +
+                         " could not be written, by which this machine's clients and programs find the host; behaviors run. Make "
+                         "room, and start the host anew");
+    return;
+  }
+  else if (reason != 0)
+  {
+    errno = reason;
     throw failure("create", fresh);
-  const auto text = line + "\n";
-  const bool written = ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(descriptor);
-  if (!written || ::rename(fresh.c_str(), file.c_str()) != 0)
+  }
+  if (::rename(fresh.c_str(), file.c_str()) != 0)
     throw failure("write", file);
+  if (!fs::exists(spare))
+    (void)writeNew(spare, std::string(spareSize, '\n'));
+}
+
+void RunDirectory::withdraw(const fs::path& file) const
+{
+  const auto spare = spareOf(file);
+  if (fs::exists(spare) || !writeOver(file, "\n") || ::rename(file.c_str(), spare.c_str()) != 0)
+    ::unlink(file.c_str());
 }
 
 } // namespace Tarvik

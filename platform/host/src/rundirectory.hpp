@@ -10,6 +10,10 @@ namespace Tarvik
 
 /// The claim of one host on a root: holds its lock, and what clients need to
 /// find the host. Gives all back when it dies.
+///
+/// Beside each of its files a spare one is kept, whose room on the disk takes
+/// the line when there is no other. Where not even that is possible, the host
+/// goes on without the file, and the log tells.
 class RunDirectory
 {
 public:
@@ -35,6 +39,8 @@ public:
 private:
   /// Readable for the owner only, and whole at every moment.
   void write(const std::filesystem::path& file, const std::string& line) const;
+  /// What the file leaves behind is the next one's spare.
+  void withdraw(const std::filesystem::path& file) const;
 
   const RootLayout _layout;
   int _lock = -1;

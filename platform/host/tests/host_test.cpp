@@ -174,7 +174,21 @@ TEST_F(HostInProcess, TellsOfItsBehaviorsInFigures)
   EXPECT_EQ(play("<fail reason=\"no arm\"/>", "runEnded")["message"], "no arm");
   MetricsText text;
   writeBehaviorMetrics(*host.broker(), text);
-  for (const std::string figure : {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1",
-                                   "tarvik_behavior_ends_total{outcome=\"failed\"} 1", "tarvik_behavior_run_duration_seconds_count 1"})
+  writeLogMetrics(*host.broker(), text);
+  for (const std::string figure :
+       {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1", "tarvik_behavior_ends_total{outcome=\"failed\"} 1",
+        "tarvik_behavior_run_duration_seconds_count 1", "tarvik_log_lines_dropped_total 0", "tarvik_behavior_lines_dropped_total 0"})
     EXPECT_THAT(text.text(), HasSubstr("\n" + figure + "\n"));
+}
+
+TEST_F(HostInProcess, AnswersTheWatchdogWithAndWithoutBehaviorsThatPlay)
+{
+  Host host(options);
+  EXPECT_THROW(host.probe([] {}), std::logic_error);
+  host.start();
+  TestSupport::Event answered(2);
+  host.probe([&answered] { answered.set(); });
+  play("<wait seconds=\"1000\"/>", "runBegan");
+  host.probe([&answered] { answered.set(); });
+  EXPECT_TRUE(answered.wait());
 }

@@ -87,6 +87,10 @@ public:
   /// Begins to answer for `broker`; after listen(), once.
   void start(std::shared_ptr<ZB::ZBBroker> broker);
 
+  /// Runs `task`, which is brief, on the gateway's thread: never, should that
+  /// hang. From start() to stop().
+  void post(std::function<void()> task);
+
   /// Begins what stop() does, and returns at once: what completes from then on
   /// is not told to clients any more.
   void beginStopping();

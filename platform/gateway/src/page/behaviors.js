@@ -150,9 +150,18 @@ export class BehaviorList {
     this.host.catalogue.refresh(changed);
   }
 
+  /** One that is refused keeps no other one running. */
   async #stopAll() {
     this.#failures.delete("");
-    await this.host.connection.call("ZBBehaviorManager.stopAllBehaviors").catch((error) => this.#failures.set("", `Not everything is stopped: ${error.message}`));
+    const call = (method, ...parameters) => this.host.connection.call(`ZBBehaviorManager.${method}`, ...parameters);
+    try {
+      const refusals = new Map();
+      await Promise.all((await call("getRunningBehaviors")).map((name) => call("stopBehavior", name).catch((error) => refusals.set(name, error.message))));
+      const left = await call("getRunningBehaviors");
+      if (left.length) this.#failures.set("", `Not everything is stopped: ${left.map((name) => `${shownName(name)} (${refusals.get(name) ?? "started meanwhile"})`).join(", ")}`);
+    } catch (error) {
+      this.#failures.set("", `Not everything is stopped: ${error.message}`);
+    }
     this.draw();
   }
 

@@ -33,26 +33,24 @@ bool BehaviorInstance::play(std::chrono::milliseconds limit)
 
 void BehaviorInstance::stop(Ending::Kind kind, const std::string& by)
 {
-  boost::asio::post(_strand, [self = shared_from_this(), ending = Ending{kind, {}, by}] { self->xStop(ending); });
+  boost::asio::post(_strand, [self = shared_from_this(), ending = Ending{kind, {}, by, {}}] { self->xStop(ending); });
 }
 
 void BehaviorInstance::begin(const std::string& caller)
 {
   if (_stop)
     return;
-  const auto play = std::make_shared<const Play>(Play{_settings, _project, _name, caller, _strand});
+  const auto output = std::make_shared<OutputBudget>(_strand, _name, _settings->linesLeftOut);
+  const auto play = std::make_shared<const Play>(Play{_settings, _project, _name, caller, _strand, output});
   _root = makePlayedStep(_project->root, play);
   // The root holds this instance, and this instance the root, until it ends.
   _root->start(
-      [self = shared_from_this()](const Outcome& outcome)
+      [self = shared_from_this(), leftAlone = play->leftAlone](const Outcome& outcome)
       {
         self->_root.reset();
-        if (self->_stop)
-          self->_ended.setValue(*self->_stop);
-        else if (outcome)
-          self->_ended.setValue({Ending::Kind::Failed, *outcome, {}});
-        else
-          self->_ended.setValue({});
+        auto ending = self->_stop.value_or(outcome ? Ending{Ending::Kind::Failed, *outcome, {}, {}} : Ending());
+        ending.leftAlone = *leftAlone;
+        self->_ended.setValue(ending);
       });
 }
 

@@ -24,8 +24,9 @@ struct Ending
   };
 
   Kind kind = Kind::Finished;
-  Failure failure; ///< where it failed
-  std::string by;  ///< where it was stopped: on whose behalf
+  Failure failure;       ///< where it failed
+  std::string by;        ///< where it was stopped: on whose behalf
+  std::string leftAlone; ///< what of it could not be ended, and why; most often empty
 };
 
 /// A behavior that may be played once. Thread-safe; its steps run on its strand.

@@ -10,8 +10,6 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <guardprotocol.hpp>
@@ -104,7 +102,7 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
   ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
   std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), std::to_string(vu::os::inheritedUmask()),
-                                     directory.string()};
+                                     std::to_string(vu::os::inheritedFileLimit()), directory.string()};
   arguments.insert(arguments.end(), words.begin(), words.end());
 
   // Nothing here touches what the program lies on, which may be a file system
@@ -117,16 +115,6 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
                              ", which guards programs, cannot be executed; is the installation whole?");
   else if (error != 0)
     fail(program, error);
-  // It has not been collected, so that its number still is its own. (The C
-  // library's pidfd_open() cannot be linked from C++ in glibc 2.36.)
-  child.ended = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child.guard, 0)));
-  if (!child.ended)
-  {
-    const int reason = errno;
-    control = {}; // upon which the guard ends the program and itself
-    ::waitpid(child.guard, nullptr, 0);
-    fail(program, reason);
-  }
   child.control = std::move(control[0]);
   child.output = std::move(output[0]);
   child.errors = std::move(errors[0]);

@@ -9,6 +9,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <outputbudget.hpp>
 #include <packages/project.hpp>
 #include <playsettings.hpp>
 
@@ -45,6 +46,10 @@ struct Play
   std::string name;
   std::string caller; ///< on whose behalf services are called
   Strand strand;
+  std::shared_ptr<OutputBudget> output;
+  /// Why something of it lives on; empty where nothing does. Told even where
+  /// the behavior was stopped, when failures are not.
+  std::shared_ptr<std::string> leftAlone = std::make_shared<std::string>();
 };
 
 /// A step of a project while it is played.

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -45,6 +46,7 @@ struct PlaySettings
   std::chrono::milliseconds createTimeout{10000};
   std::chrono::milliseconds playTimeout{10000};
   const std::shared_ptr<ClosingDeadline> closing = std::make_shared<ClosingDeadline>();
+  const std::shared_ptr<std::atomic<std::uint64_t>> linesLeftOut = std::make_shared<std::atomic<std::uint64_t>>(0);
 };
 
 /// From a broker's configuration; leaves out calls and gate. Throws

@@ -3,6 +3,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <boost/asio/post.hpp>
+
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -99,6 +101,15 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::beginClosing);
 
+  functionName("_ping", getName(), "Completes once the threads that behaviors play on have come to it. INTERNAL");
+  setReturn("answered", "Completes then");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &ZBFrameManager::ping);
+
+  functionName("getLinesLeftOut", getName(), "Get how many lines behaviors have printed beyond what one may");
+  setReturn("lines", "Lines that are in no log, since the start");
+  bindMethod(this, &ZBFrameManager::linesLeftOut);
+
   advertiseSignal("behaviorStopped", behaviorStopped);
   advertiseSignal("behaviorFailed", behaviorFailed);
   advertiseSignal("instanceStarted", instanceStarted);
@@ -126,6 +137,15 @@ void ZBFrameManager::beginClosing()
   for (const auto& [id, instance] : held())
     instance->stop(Ending::Kind::Shutdown);
 }
+
+vu::Future<void> ZBFrameManager::ping()
+{
+  const vu::Promise<void> answered(getParentBroker()->pool());
+  boost::asio::post(_pool.makeStrand(), [answered] { answered.setValue(); });
+  return answered.future();
+}
+
+std::int64_t ZBFrameManager::linesLeftOut() const { return static_cast<std::int64_t>(_settings->linesLeftOut->load()); }
 
 ZBFrameManager::Instances ZBFrameManager::held() const
 {
@@ -229,6 +249,8 @@ void ZBFrameManager::deleteBehavior(const std::string& id)
     throw ZBError(getName(), "deleteBehavior", "the behavior " + id + " has not ended within " + seconds(limit));
   conclude(id, deleted->ended().value());
   announced.wait(); // it may be the pool that emits the signals
+  if (const auto left = deleted->ended().value().leftAlone; !left.empty())
+    throw ZBError(getName(), "deleteBehavior", "not all of the behavior " + id + " has ended: " + left);
 }
 
 std::shared_ptr<BehaviorInstance> ZBFrameManager::instance(const std::string& id, const std::string& method) const
@@ -250,11 +272,11 @@ void ZBFrameManager::conclude(const std::string& id, const Ending& ending)
       return;
     instance = std::move(found->second.instance);
   }
-  const auto& [kind, failure, by] = ending;
+  const auto& [kind, failure, by, leftAlone] = ending;
   const bool failed = kind == Ending::Kind::Failed;
   if (failed)
     behaviorFailed(id, failure.step, failure.message);
-  instanceEnded(id, instance->name(), outcomeName(kind), failure.step, failure.message, by);
+  instanceEnded(id, instance->name(), outcomeName(kind), failure.step, failed ? failure.message : leftAlone, by);
   behaviorStopped(id);
 
   // The entry stays until here, so that whoever comes meanwhile waits for the emissions.

@@ -79,11 +79,31 @@ TEST_F(ProgramTest, TheWayItEndsDecidesTheOutcome)
 TEST_F(ProgramTest, MuchOutputComesWholeAndLongLinesInParts)
 {
   const vu::log::Capture capture;
-  EXPECT_EQ(run("<run command=\"python3 -c 'print(&quot;x&quot; * 20000); [print(i) for i in range(5000)]'\"/>"), "");
+  EXPECT_EQ(run("<run command=\"python3 -c 'print(&quot;x&quot; * 20000); [print(i) for i in range(900)]'\"/>"), "");
   const auto lines = output(capture);
-  ASSERT_EQ(lines.size(), 5003u);
+  ASSERT_EQ(lines.size(), 903u);
   EXPECT_EQ(lines.at(2).size(), std::string("demo/t: ").size() + 20000 - 2 * OutputReader::lineLimit);
-  EXPECT_EQ(lines.back(), "demo/t: 4999");
+  EXPECT_EQ(lines.back(), "demo/t: 899");
+}
+
+TEST_F(ProgramTest, WhatABehaviorPrintsBeyondItsShareIsLeftOutAndCounted)
+{
+  // More than its share of bytes, and of lines from two sources at once.
+  const std::pair<std::string, int> cases[] = {
+      {"<run command=\"python3 -c 'import os; os.write(1, (b&quot;x&quot; * 1023 + b&quot;\\n&quot;) * 1000)'\"/>", 1000},
+      {"<parallel><repeat count=\"2000\"><log message=\"tick\"/></repeat><run command=\"seq 3000\"/></parallel>", 5000}};
+  for (const auto& [steps, printed] : cases)
+  {
+    const vu::log::Capture capture;
+    const auto before = manager->linesLeftOut();
+    EXPECT_EQ(run(steps), "");
+    EXPECT_TRUE(eventually([&] { return capture.count(vu::log::Level::Warning, "lines left out") != 0; }));
+    const auto leftOut = manager->linesLeftOut() - before;
+    const auto logged = capture.count(vu::log::Level::Info, "demo/t: ");
+    EXPECT_GT(leftOut, 0);
+    EXPECT_EQ(logged + static_cast<std::size_t>(leftOut), static_cast<std::size_t>(printed));
+    EXPECT_LE(capture.count(vu::log::Level::Warning, "lines left out"), static_cast<std::size_t>(leftOut) / 2) << "one line for many";
+  }
 }
 
 TEST_F(ProgramTest, DeletionGivesItsGraceToCleanUp)

@@ -71,11 +71,12 @@ public:
   /// leaves everything as it was. The old package goes with the result.
   HiddenFolder install(StagedPackage& staged);
 
-  /// The package goes with the result.
+  /// The package goes with the result; nothing where its folder has vanished.
   HiddenFolder remove(const std::string& uuid);
 
 private:
   void recover();
+  std::filesystem::path removedName() const;
   std::filesystem::path makeHiddenFolder(const char* prefix) const;
   HiddenFolder unpackedOrCopied(const std::filesystem::path& source, const UnpackLimits& limits) const;
   void refuseOwnSurroundings(const std::filesystem::path& source) const;
