@@ -67,8 +67,8 @@ TokenDigest digestFromHexadecimal(const std::string& text)
 
 } // namespace
 
-Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs::path file, std::shared_ptr<Access> access)
-    : ZBModule(std::move(broker), name), _file(std::move(file)), _access(std::move(access))
+Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, const RootLayout& root, std::shared_ptr<Access> access)
+    : ZBModule(std::move(broker), name), _file(root.tokens), _access(std::move(access))
 {
   try
   {
@@ -83,6 +83,7 @@ Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs
   }
   for (auto& record : _records)
     record.number = _access->add(record.digest, {record.name, record.role});
+  _runs = std::make_unique<RunTokens>(root.runTokens, _access);
   bindMethods();
 }
 
@@ -106,6 +107,18 @@ void Tokens::bindMethods()
   addParam("name", "whose it is");
   setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::remove);
+
+  functionName("_beginRun", getName(), "Make a token for the programs of one run of a behavior. INTERNAL");
+  addParam("caller", "on whose behalf they call services");
+  addParam("may", "what they may call beyond what an operator may, as manifests write it");
+  setReturn("run", "{number, file}: of the token, and of the file that holds it");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::beginRun);
+
+  functionName("_endRun", getName(), "Take the token of a run back, with its file and the connections that it has opened. INTERNAL");
+  addParam("number", "of the token; one that is not there is ignored");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::endRun);
 }
 
 std::vector<Tokens::Record> Tokens::read() const
@@ -177,6 +190,19 @@ vu::Value Tokens::list()
   for (const auto& record : _records)
     result.push_back({{"name", record.name}, {"role", roleName(record.role)}, {"created", record.created}});
   return result;
+}
+
+vu::Value Tokens::beginRun(const std::string& caller, const std::vector<std::string>& may)
+{
+  try
+  {
+    const auto run = _runs->begin(caller, may);
+    return {{"number", run.number}, {"file", run.file.string()}};
+  }
+  catch (const std::exception& error)
+  {
+    throw ZBError(getName(), "_beginRun", vu::validUtf8(error.what()));
+  }
 }
 
 void Tokens::remove(const std::string& name)

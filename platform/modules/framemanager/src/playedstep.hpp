@@ -11,6 +11,7 @@
 
 #include <packages/project.hpp>
 #include <playsettings.hpp>
+#include <runtoken.hpp>
 
 namespace ZB::FrameManager
 {
@@ -43,7 +44,8 @@ struct Play
   std::shared_ptr<const PlaySettings> settings;
   std::shared_ptr<const Project> project;
   std::string name;
-  std::string caller; ///< on whose behalf services are called
+  Caller caller; ///< its programs' token is this caller's, too
+  std::shared_ptr<RunToken> token;
   Strand strand;
 };
 
