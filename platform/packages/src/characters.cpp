@@ -51,6 +51,11 @@ std::optional<BadCharacter> findBadCharacter(const std::string& text)
 {
   for (auto position = text.begin(); position != text.end();)
   {
+    if (*position > ' ' && *position < 0x7f && *position != '&') // most of a text
+    {
+      ++position;
+      continue;
+    }
     const auto offset = static_cast<std::size_t>(position - text.begin());
     const auto code = utf::utf_traits<char>::decode(position, text.end());
     if (code == utf::illegal || code == utf::incomplete)

@@ -70,7 +70,27 @@ class ManifestReader
 public:
   explicit ManifestReader(const std::string& text) : _text(text) {}
 
-  void read()
+  void read() { readPackage(parse()); }
+
+  /// Nothing but what stands in "may": for each behavior of a large package
+  /// that is loaded, the whole would be read.
+  void readRights()
+  {
+    for (const auto may : parse().children("may"))
+      readRight(may);
+  }
+
+  void findProjects(const fs::path& directory) const
+  {
+    for (const auto& [node, path] : _projects)
+      if (std::error_code error; !fs::is_regular_file(directory / path, error))
+        fail(node, "the project file " + inQuotes(path) + " is missing in the package");
+  }
+
+  vu::PackageInfo::Data& data() { return _data; }
+
+private:
+  pugi::xml_node parse()
   {
     if (const auto bad = findBadCharacter(_text))
       fail(static_cast<std::ptrdiff_t>(bad->offset), bad->text);
@@ -85,19 +105,9 @@ public:
           fail(node, "expected one element \"package\", found " + inQuotes(node.name()));
         package = node;
       }
-    readPackage(package);
+    return package;
   }
 
-  void findProjects(const fs::path& directory) const
-  {
-    for (const auto& [node, path] : _projects)
-      if (std::error_code error; !fs::is_regular_file(directory / path, error))
-        fail(node, "the project file " + inQuotes(path) + " is missing in the package");
-  }
-
-  vu::PackageInfo::Data& data() { return _data; }
-
-private:
   [[noreturn]] void fail(std::ptrdiff_t offset, const std::string& message) const
   {
     const auto position = std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(_text.size()));
@@ -147,7 +157,7 @@ private:
     {
       fail(may, error.what());
     }
-    if (std::find(_data.may.begin(), _data.may.end(), call) == _data.may.end())
+    if (_rights.insert(call).second)
       _data.may.push_back(call);
   }
 
@@ -244,6 +254,7 @@ private:
   pugi::xml_document _document;
   vu::PackageInfo::Data _data;
   std::set<std::string> _paths;
+  std::set<std::string> _rights;
   std::vector<std::pair<pugi::xml_node, std::string>> _projects;
 };
 
@@ -281,7 +292,7 @@ Rights readRights(const fs::path& directory)
   if (!text)
     return {};
   ManifestReader reader(*text);
-  reader.read();
+  reader.readRights();
   return Rights(reader.data().may);
 }
 

@@ -19,8 +19,9 @@ inline constexpr const char* projectFile = "behavior.xar";
 /// Throws a PackageError with line and offset of the fault.
 vu::PackageInfo::Data readManifest(const std::filesystem::path& directory);
 
-/// What the behaviors of the package in `directory` may call. One without a
-/// manifest asks for nothing; a manifest with a fault is a PackageError.
+/// What the behaviors of the package in `directory` may call; whatever else its
+/// manifest says is left unread. One without a manifest asks for nothing; one
+/// whose rights cannot be read is a PackageError.
 Rights readRights(const std::filesystem::path& directory);
 
 /// The first fault in each project of the package in `directory`, which is
