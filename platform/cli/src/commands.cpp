@@ -74,6 +74,9 @@ void Commands::addCommonOptions(CLI::App& application)
                   ->excludes(root);
   auto* tokenFile =
       application.add_option("--token-file", _context.host.tokenFile, "File with the token for --url")->type_name("FILE")->excludes(root);
+  application.add_option("--ca", _context.host.authority, "Certificate of an authority to trust besides the system's, with --url")
+      ->type_name("FILE")
+      ->needs(url);
   url->needs(tokenFile);
   tokenFile->needs(url);
   application.add_flag("--json", _context.json, "Answer in JSON");

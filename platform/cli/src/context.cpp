@@ -27,6 +27,8 @@ void readFromRoot(HostOptions& host)
   const RootLayout layout(root);
   host.url = firstLine(layout.endpoint);
   host.tokenFile = layout.token.string();
+  if (host.url.starts_with("https:"))
+    host.certificate = layout.certificate.string();
   if (host.url.empty())
     throw CommandError("no host runs on " + root.string() + " (there is no " + layout.endpoint.string() +
                            "); start one with \"tarvikd --root " + root.string() + "\", or name another with --root or --url",
@@ -49,6 +51,8 @@ bool readFromEnvironment(HostOptions& host)
                            std::string(host.url.empty() ? "TARVIK_TOKEN_FILE, but no TARVIK_URL" : "TARVIK_URL, but no TARVIK_TOKEN_FILE") +
                            ": set both or neither, or name the host with --root or --url",
                        ExitCode::WrongUsage);
+  if (host.authority.empty())
+    host.certificate = fromEnvironment("TARVIK_CERTIFICATE");
   return !host.url.empty();
 }
 
@@ -70,6 +74,8 @@ std::unique_ptr<vu::RemoteSession> Context::connect()
   vu::RemoteSession::Options options;
   options.url = host.url;
   options.token = token();
+  options.certificateAuthority = host.authority;
+  options.hostCertificate = host.certificate;
   try
   {
     return std::make_unique<vu::RemoteSession>(options);

@@ -133,7 +133,7 @@ TEST_F(EndToEnd, everyCommandAnswersInJsonAndInNothingElse)
       {{"services"}, R"(["PackageManager","RunHistory","Tokens","ZBBehaviorManager","ZBFrameManager","ZBMemory","ZBPreferences"])"},
       {{"describe", "ZBMemory"}, R"("name":"ZBMemory")"},
       {{"call", "ZBMemory.insertData", "k", "1"}, "null"},
-      {{"open"}, "/?token="},
+      {{"open"}, "/?code="},
       {{"token", "add", "alice", "--role", "observer"}, R"("role":"observer")"},
       {{"token", "list"}, R"("name":"alice")"},
       {{"token", "remove", "alice"}, R"({"name":"alice","state":"removed"})"},
@@ -313,13 +313,19 @@ TEST_F(EndToEnd, addressAndTokenFileReachTheHostAndAWrongTokenIsRefused)
   const auto refused = testing::Pair(1, MatchesRegex("tarvik: [^\n]*--token-file[^\n]*\n"));
   const auto alice = writeFile(directory / "alice", "wrong\n").string();
   EXPECT_THAT(with(alice), refused);
-  const auto token = tarvik({"token", "add", "alice", "--role", "observer"}).out;
+  EXPECT_EQ(tarvik({"token", "add", "alice", "--role", "observer", "--expires", "30"}).code, 2);
+  const auto token = tarvik({"token", "add", "alice", "--role", "observer", "--expires", "30d"}).out;
   writeFile(alice, token);
   EXPECT_EQ(with(alice).first, 0);
-  EXPECT_THAT(tarvik({"token", "list"}).out, MatchesRegex("NAME +ROLE +CREATED\nalice +observer +20[^ ]*Z\n"));
-  EXPECT_EQ(tarvik({"open"}).out, url + "/?token=" + readFile(root + "/run/token"));
+  EXPECT_THAT(tarvik({"token", "list"}).out,
+              MatchesRegex("NAME +ROLE +CREATED +EXPIRES +LAST USED\nalice +observer +20[^ ]*Z +20[^ ]*Z +20[^ ]*Z\n"));
+  EXPECT_THAT(tarvik({"open"}).out, MatchesRegex(url + "/\\?code=[0-9a-f]+\n"));
   EXPECT_EQ(tarvik({"token", "remove", "alice"}).code, 0);
   EXPECT_THAT(with(alice), refused);
+  const auto local = readFile(root + "/run/token");
+  EXPECT_EQ(tarvik({"token", "renew"}).code, 0);
+  EXPECT_NE(readFile(root + "/run/token"), local);
+  EXPECT_EQ(tarvik({"token", "list"}).code, 0) << "with the fresh one";
   EXPECT_EQ(_daemon.error().find(token.substr(0, 16)), std::string::npos) << "no token gets into the log";
 }
 
@@ -370,6 +376,32 @@ TEST_F(EndToEnd, faultsOfProjectsAreToldByCheckAndInstall)
   const auto installed = tarvik({"package", "install", package, "--json"});
   EXPECT_EQ(installed.code, 0);
   EXPECT_EQ(jsonLines(installed.out).back()["faults"][0]["line"], 2);
+}
+
+TEST_F(EndToEnd, hostWithTlsIsKnownByItsRootAndFromElsewhereByAnAuthority)
+{
+  const auto certificate = (directory / "host.cert").string();
+  const auto key = (directory / "host.key").string();
+  const auto secure = (directory / "secure").string();
+  const auto begin = [](std::vector<std::string> command) { return std::make_unique<Process>(command); };
+  const auto openssl =
+      ended(*begin({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "90",
+                    "-subj", "/CN=test", "-addext", "subjectAltName=DNS:localhost", "-out", certificate, "-keyout", key}));
+  ASSERT_EQ(openssl.code, 0) << openssl.error;
+  const auto host = begin({TARVIKD, "--root", secure, "--listen", "127.0.0.1:0", "--tls-cert", certificate, "--tls-key", key});
+  ASSERT_TRUE(host->waitForOutput("\n")) << host->error();
+  const auto url = firstLine(readFile(secure + "/run/endpoint"));
+  EXPECT_THAT(url, StartsWith("https://localhost:"));
+  const auto known = ended(*begin({TARVIK, "--root", secure, "services"}));
+  EXPECT_EQ(known.code, 0) << known.error;
+  std::vector<std::string> fromElsewhere{TARVIK, "services", "--url", url, "--token-file", secure + "/run/token"};
+  const auto unknown = ended(*begin(fromElsewhere));
+  EXPECT_EQ(unknown.code, 3);
+  EXPECT_THAT(unknown.error, HasSubstr("certificate"));
+  fromElsewhere.insert(fromElsewhere.end(), {"--ca", certificate});
+  EXPECT_EQ(ended(*begin(fromElsewhere)).code, 0);
+  host->signal(SIGTERM);
+  EXPECT_EQ(host->waitForEnd(), 0);
 }
 
 TEST_F(EndToEnd, hostThatVanishesEndsWhoWaitsWith3)

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include <gateway/sessions.hpp>
 #include <zb/callgate.hpp>
 #include <zb/zbbroker.hpp>
 
@@ -27,8 +28,8 @@ public:
   /// empty when nothing is to be answered.
   using Done = std::function<void(std::string answer)>;
 
-  Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::shared_ptr<const ZB::CallGate> calls)
-      : _broker(std::move(broker)), _calls(std::move(calls))
+  Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::shared_ptr<const ZB::CallGate> calls, std::shared_ptr<Sessions> sessions)
+      : _broker(std::move(broker)), _calls(std::move(calls)), _sessions(std::move(sessions))
   {
   }
 
@@ -41,6 +42,7 @@ private:
 
   const std::shared_ptr<ZB::ZBBroker> _broker;
   const std::shared_ptr<const ZB::CallGate> _calls;
+  const std::shared_ptr<Sessions> _sessions;
 };
 
 } // namespace Tarvik

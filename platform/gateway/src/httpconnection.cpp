@@ -15,6 +15,7 @@
 
 #include "admission.hpp"
 #include "callrecord.hpp"
+#include "entry.hpp"
 #include "pages.hpp"
 #include "routes.hpp"
 #include "server.hpp"
@@ -45,10 +46,10 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
 public:
   HttpConnection(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer)
       : Connection(addressText(peer.address())), _io(std::move(io)), _server(std::move(server)),
-        _stream(std::move(socket), _server->tls.get()), _deadline(*_io)
+        _stream(std::move(socket), _server->certificate ? _server->certificate->context() : nullptr), _deadline(*_io)
   {
     error_code ignored;
-    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->tls != nullptr};
+    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->certificate != nullptr};
     _client.openCalls = std::make_shared<ZB::CallBound>(_server->options.limits.openCalls);
     _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
@@ -72,10 +73,10 @@ public:
 
   void shutdown() override { endWith(HttpAnswer::text(503, "the host is shutting down")); }
   void abort() override { end(); }
-  void revoke(std::uint64_t identity) override
+  void revoke(std::uint64_t identity, const std::string& reason) override
   {
     if (_client.identity.number == identity)
-      endWith(HttpAnswer::text(401, "the token was removed"));
+      endWith(HttpAnswer::text(401, reason));
   }
   bool isWebSocket() const override { return false; }
   std::optional<Clock::time_point> idleSince() const override
@@ -186,14 +187,16 @@ private:
   {
     const auto& header = _header->get();
     _last = !header.keep_alive();
-    auto admitted = admit(header, _door, *_server->options.access);
+    // A browser would keep it for all that is on this machine.
+    _strictTransport = _door.secure && !beast::string_view(header[http::field::host]).starts_with("localhost");
+    auto admitted = admit(header, _door, *_server->options.access, *_server->sessions);
     if (auto* const page = std::get_if<HttpAnswer>(&admitted))
     {
-      if (page->status >= 400)
-        vu::log::info("gateway", "refuse",
-                      _client.address + ": " + std::to_string(page->status) + " " + page->body.substr(0, page->body.size() - 1));
+      logRefusal(*page);
       return answerEarly(std::move(*page));
     }
+    if (std::holds_alternative<EntryForm>(admitted))
+      return beginBody(Entry::longestForm, [this] { readMessage(&HttpConnection::handleForm); });
     _client.identity = std::get<Identity>(std::move(admitted));
     auto route = findRoute(header, _client, *_server->broker);
     if (auto* const page = std::get_if<HttpAnswer>(&route))
@@ -219,7 +222,13 @@ private:
     if (std::holds_alternative<FileUpload>(route))
       return _server->options.upload ? beginBody(_server->options.limits.uploadBytes, [this] { beginUpload(); })
                                      : answerEarly(HttpAnswer::text(404, "this host takes no files"));
-    beginBody(_server->options.limits.messageBytes, [this] { readMessage(); });
+    beginBody(_server->options.limits.messageBytes, [this] { readMessage(&HttpConnection::handleMessage); });
+  }
+
+  void logRefusal(const HttpAnswer& page) const
+  {
+    if (page.status >= 400)
+      vu::log::info("gateway", "refuse", _client.address + ": " + std::to_string(page.status) + " " + page.summary());
   }
 
   /// An answer that does not wait for the body, which then ends the connection.
@@ -243,16 +252,22 @@ private:
                       [self = shared_from_this(), read](error_code error, std::size_t) { error ? self->end() : read(); });
   }
 
-  void readMessage()
+  void readMessage(void (HttpConnection::*handle)())
   {
     _message.emplace(std::move(*_header));
     if (_message->is_done())
-      return handleMessage();
+      return (this->*handle)();
     expect(_server->options.limits.body);
     http::async_read(_stream, _buffer, *_message,
-                     [self = shared_from_this()](error_code error, std::size_t) {
-                       error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(&HttpConnection::handleMessage);
-                     });
+                     [self = shared_from_this(), handle](error_code error, std::size_t)
+                     { error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(handle); });
+  }
+
+  void handleForm()
+  {
+    auto page = Entry::answerForm(_message->release().body(), _door, *_server->sessions);
+    logRefusal(page);
+    answer(std::move(page));
   }
 
   void handleMessage()
@@ -411,7 +426,7 @@ private:
     _state = State::Sending;
     _deadline.cancel();
     _server->metrics->answered(page.status);
-    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last));
+    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last, _strictTransport));
     _stream.next_layer().expires_after(_server->options.limits.send);
     http::async_write(_stream, *response,
                       [self = shared_from_this(), response](error_code error, std::size_t)
@@ -486,9 +501,10 @@ private:
   std::uint64_t _turn = 0;
   State _state = State::Idle;
   Clock::time_point _idleSince = Clock::now();
-  bool _crowded = false; ///< there is no room for it
-  bool _late = false;    ///< what was expected did not come in time
-  bool _last = false;    ///< the connection ends with the next answer
+  bool _crowded = false;         ///< there is no room for it
+  bool _late = false;            ///< what was expected did not come in time
+  bool _strictTransport = false; ///< browsers are told to come by TLS alone
+  bool _last = false;            ///< the connection ends with the next answer
 };
 
 } // namespace

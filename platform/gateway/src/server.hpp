@@ -9,7 +9,6 @@
 #include <string>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 
@@ -17,6 +16,7 @@
 #include <network/stream.hpp>
 
 #include "admission.hpp"
+#include "certificate.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
 
@@ -45,7 +45,7 @@ public:
   /// Ends at once.
   virtual void abort() = 0;
   /// Ends, with the reason, when it was let in by the token of that number.
-  virtual void revoke(std::uint64_t identity) = 0;
+  virtual void revoke(std::uint64_t identity, const std::string& reason) = 0;
 
   /// Since when nobody has wanted anything of it; none while somebody does.
   virtual std::optional<Clock::time_point> idleSince() const = 0;
@@ -66,7 +66,8 @@ private:
 struct Server
 {
   Gateway::Options options;
-  std::unique_ptr<boost::asio::ssl::context> tls;
+  std::shared_ptr<Sessions> sessions;
+  std::shared_ptr<Certificate> certificate; ///< null: no TLS
   std::shared_ptr<ZB::ZBBroker> broker;
   /// Of all that comes over a wire.
   std::shared_ptr<const ZB::CallGate> calls;

@@ -158,10 +158,10 @@ void Host::start()
   std::tie(gateway.address, gateway.port) = parseListen(_options.listen);
   gateway.tlsCertificate = _options.tlsCertificate;
   gateway.tlsKey = _options.tlsKey;
+  gateway.certificateTaken = [&directory = running->directory](const std::string& pem) { directory.writeCertificate(pem); };
   gateway.insecure = _options.insecure;
   gateway.limits = _options.limits;
   const auto access = gateway.access;
-  access->add(running->directory.makeToken(), {"local", Role::Admin});
   gateway.upload = installUpload;
   gateway.collectors = {writeBehaviorMetrics};
   gateway.uploadDirectory = running->directory.layout().run;
@@ -180,11 +180,15 @@ void Host::start()
                           {"packageLimits", {{"bytes", _options.packageBytes}, {"entries", _options.packageEntries}}},
                           {"history", {{"runs", _options.runs}}},
                           {"framemanager", _options.frameManager}};
+  if (!_options.tlsCertificate.empty())
+    broker.configuration["certificate"] = running->directory.layout().certificate.string();
   running->broker = ZB::ZBBroker::create(std::move(broker));
   _running = std::move(running);
   try
   {
-    _running->broker->createModule<Tokens>("Tokens", _running->directory.layout(), access);
+    auto& directory = _running->directory; // outlives the broker
+    _running->broker->createModule<Tokens>("Tokens", directory.layout(), access,
+                                           [&directory](const std::string& token) { directory.writeToken(token); });
     loadModules();
     _running->gateway->start(_running->broker);
     _running->directory.announce(_running->url);

@@ -8,9 +8,11 @@
 
 #include <host/commandline.hpp>
 #include <host/watchdog.hpp>
+#include <vu/os.hpp>
 
 int main(int argc, char** argv)
 {
+  vu::os::restrictNewFiles();
   int exitCode = 1;
   const auto commandLine = Tarvik::parseCommandLine(argc, argv, std::cout, std::cerr, exitCode);
   if (!commandLine)

@@ -84,7 +84,7 @@ void RunTokens::end(std::uint64_t number)
       return;
   }
   ::unlink(fileOf(number).c_str());
-  _access->remove(number);
+  _access->remove(number, "the run has ended");
 }
 
 } // namespace Tarvik

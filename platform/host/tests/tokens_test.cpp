@@ -21,12 +21,13 @@ protected:
   {
     broker->removeModule("Tokens");
     access = std::make_shared<Access>();
-    return broker->createModule<Tokens>("Tokens", RootLayout(root), access);
+    return broker->createModule<Tokens>("Tokens", RootLayout(root), access, [this](const std::string& token) { local = token; });
   }
   std::string file() const { return readFile(root / "tokens"); }
 
   const std::shared_ptr<ZB::ZBBroker> broker = ZB::ZBBroker::create();
   std::shared_ptr<Access> access;
+  std::string local;
 };
 
 TEST_F(TokensService, TokenIsKnownByItsDigestAloneAndOutlivesTheHost)
@@ -71,6 +72,10 @@ TEST_F(TokensService, RefusalNamesTheFaultAndChangesNothing)
       {"host", "admin", "\"host\" is reserved"},
       {"system", "observer", "\"system\" is reserved"},
       {"Tokens", "admin", "\"Tokens\" is reserved"},
+      {"TOKENS", "admin", "\"TOKENS\" is reserved"},
+      {"Host", "admin", "\"Host\" is reserved"},
+      {"ADMIN", "admin", "\"ADMIN\" is reserved"},
+      {"tarvik", "admin", "\"tarvik\" is reserved"},
       {"bob", "root", "there is no role \"root\": give observer, operator or admin"},
       {"alice", "admin", "already"},
   };
@@ -83,9 +88,62 @@ TEST_F(TokensService, RefusalNamesTheFaultAndChangesNothing)
   std::filesystem::remove(root / "tokens");
   std::filesystem::create_directory(root / "tokens"); // which no file can replace
   EXPECT_THAT(errorOf([&] { tokens.add("bob", "admin"); }), HasSubstr("was not made"));
-  EXPECT_THAT(errorOf([&] { tokens.remove("alice"); }), HasSubstr("still good"));
   EXPECT_TRUE(access->identify(token));
   EXPECT_EQ(tokens.list().size(), 1U);
+}
+
+TEST_F(TokensService, RemovalCountsAtOnceAndIsWrittenAsSoonAsItCanBe)
+{
+  auto& tokens = load();
+  const auto token = tokens.add("alice", "admin");
+  tokens.add("bob", "observer");
+  EXPECT_EQ(tokens.remove("bob"), (vu::Value{{"durable", true}, {"reason", ""}}));
+  std::filesystem::rename(root / "tokens", root / "kept");
+  std::filesystem::create_directory(root / "tokens"); // which no file can replace
+  const auto outcome = tokens.remove("alice");
+  EXPECT_FALSE(outcome["durable"]);
+  EXPECT_THAT(outcome["reason"].get<std::string>(), HasSubstr("tokens"));
+  EXPECT_FALSE(access->identify(token));
+  EXPECT_TRUE(tokens.list().empty());
+  std::filesystem::remove(root / "tokens");
+  std::filesystem::rename(root / "kept", root / "tokens");
+  EXPECT_THAT(file(), HasSubstr("alice"));
+  EXPECT_TRUE(eventually([this] { return file().find("alice") == std::string::npos; }));
+  load();
+  EXPECT_FALSE(access->identify(token));
+}
+
+TEST_F(TokensService, EndAndLastUseAreToldAndOutliveTheHost)
+{
+  const auto token = load().addTemporary("guest", "operator", 3600);
+  load();
+  EXPECT_EQ(access->identify(token)->name, "guest");
+  const auto told = load().list()[0];
+  EXPECT_THAT(told["lastUsed"].get<std::string>(), testing::MatchesRegex("20..-..-..T..:..:..Z")) << "written at the end";
+  EXPECT_GT(told["expires"].get<std::string>(), told["created"].get<std::string>());
+  auto past = file();
+  past.replace(past.find("\"20", past.find("expires\":")), 22, "\"2001-02-03T04:05:06Z\"");
+  broker->removeModule("Tokens");
+  writeFile(root / "tokens", past);
+  auto& tokens = load();
+  EXPECT_FALSE(access->identify(token));
+  EXPECT_EQ(tokens.list()[0]["expires"], "2001-02-03T04:05:06Z") << "it is told why nobody comes in";
+  EXPECT_TRUE(access->identify(tokens.add("guest", "observer"))) << "its name is free again";
+  EXPECT_EQ(tokens.list().size(), 1U);
+  for (const int seconds : {0, -1, 400000000})
+    EXPECT_THAT(errorOf([&] { tokens.addTemporary("x", "observer", seconds); }), HasSubstr("seconds"));
+}
+
+TEST_F(TokensService, LocalTokenIsRenewedWhileTheHostRuns)
+{
+  auto& tokens = load();
+  const auto old = local;
+  EXPECT_EQ(access->identify(old)->role, Role::Admin);
+  tokens.renew();
+  EXPECT_NE(local, old);
+  EXPECT_EQ(access->identify(local)->name, "local");
+  EXPECT_TRUE(eventually([&] { return !access->identify(old); }));
+  EXPECT_TRUE(access->identify(local));
 }
 
 TEST_F(TokensService, FileThatIsDamagedIsNamedAtTheStart)
@@ -156,7 +214,7 @@ TEST_F(RootFixture, TokenOfARunLetsInWithTheRightsOfItsBehaviorUntilTheRunEnds)
   for (int i = 0; i < 2; ++i)
     local->call("Tokens._endRun", vu::Value::array({run["number"]})).value();
   ASSERT_TRUE(reason.future().wait(TestSupport::patience));
-  EXPECT_EQ(reason.future().value(), "the token was removed");
+  EXPECT_EQ(reason.future().value(), "the run has ended");
   EXPECT_FALSE(exists(file));
   EXPECT_THROW(connect(token), vu::ServiceError);
 }

@@ -2,11 +2,21 @@
 
 #include <cstdlib>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace vu::os
 {
+
+namespace
+{
+int startUmask = -1;
+} // namespace
+
+void restrictNewFiles() { startUmask = static_cast<int>(::umask(077)); }
+
+int inheritedUmask() { return startUmask; }
 
 std::string home()
 {

@@ -1,6 +1,7 @@
 // Installing packages, from a file that is chosen or dropped, and removing them.
 
 import { byId, element, setText } from "./dom.js";
+import { bearer } from "./session.js";
 
 /** Makes the page take packages; gives what takes that back. */
 export function offerInstallation(host) {
@@ -81,6 +82,7 @@ function send(file, tell) {
     };
     request.onerror = () => reject(new Error("it could not be sent. Is it a zip archive that can be read, and not too large for this host?"));
     request.open("POST", "packages");
+    request.setRequestHeader("Authorization", bearer);
     request.setRequestHeader("Content-Type", "application/zip");
     request.send(file);
   });

@@ -12,6 +12,7 @@
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -200,13 +201,16 @@ private:
 
 } // namespace ZB::FrameManager
 
-/// tarvik-guard GRACE DIRECTORY PROGRAM [ARGUMENT...], with the socket of guardprotocol.hpp.
+/// tarvik-guard GRACE UMASK DIRECTORY PROGRAM [ARGUMENT...], with the socket of
+/// guardprotocol.hpp. A negative umask stays as it is.
 int main(int argc, char** argv)
 {
-  if (argc < 4)
+  if (argc < 5)
   {
     std::fputs("tarvik-guard belongs to the frame manager, which runs programs with it\n", stderr);
     return 2;
   }
-  return ZB::FrameManager::Guard(std::chrono::milliseconds(std::atol(argv[1]))).run(argv[2], argv + 3);
+  if (const int mask = std::atoi(argv[2]); mask >= 0)
+    ::umask(static_cast<mode_t>(mask));
+  return ZB::FrameManager::Guard(std::chrono::milliseconds(std::atol(argv[1]))).run(argv[3], argv + 4);
 }

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <guardprotocol.hpp>
+#include <vu/os.hpp>
 
 namespace ZB::FrameManager
 {
@@ -101,7 +102,8 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
   ::posix_spawnattr_setsigdefault(&attributes.value, &all);
   ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), directory.string()};
+  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), std::to_string(vu::os::inheritedUmask()),
+                                     directory.string()};
   arguments.insert(arguments.end(), words.begin(), words.end());
 
   // Nothing here touches what the program lies on, which may be a file system

@@ -87,6 +87,8 @@ PlaySettings readSettings(const vu::Value& configuration)
   settings.environment = inheritedEnvironment(variables);
   if (configuration.contains("url"))
     settings.environment.push_back("TARVIK_URL=" + configuration.at("url").get<std::string>());
+  if (configuration.contains("certificate"))
+    settings.environment.push_back("TARVIK_CERTIFICATE=" + configuration.at("certificate").get<std::string>());
   if (settings.guard.empty())
     settings.guard = findGuard();
   return settings;

@@ -34,7 +34,8 @@ namespace ZB
 /// whoever plays it, and so may its programs: a token that the service
 /// "Tokens" makes for the run, where there is one, lets them in at "url".
 ///
-/// Configuration: "url" for the processes' environment;
+/// Configuration: "url", and the file "certificate" that it is known by, for the
+/// processes' environment;
 /// "framemanager": {"terminateGraceMs": milliseconds between SIGTERM and
 /// SIGKILL, "createTimeoutMs", "playTimeoutMs": the longest that
 /// createBehavior() and playBehavior() may take, "guard": the path of
