@@ -51,8 +51,7 @@ bool readFromEnvironment(HostOptions& host)
                            std::string(host.url.empty() ? "TARVIK_TOKEN_FILE, but no TARVIK_URL" : "TARVIK_URL, but no TARVIK_TOKEN_FILE") +
                            ": set both or neither, or name the host with --root or --url",
                        ExitCode::WrongUsage);
-  if (host.authority.empty())
-    host.certificate = fromEnvironment("TARVIK_CERTIFICATE");
+  host.certificate = fromEnvironment("TARVIK_CERTIFICATE");
   return !host.url.empty();
 }
 

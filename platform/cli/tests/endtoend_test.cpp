@@ -366,7 +366,7 @@ TEST_F(EndToEnd, programReachesItsOwnHostAndMayThereWhatItsPackageAsksFor)
                     HasSubstr("manifest does not say <may call=\"Tokens.add\"/>")));
 }
 
-TEST_F(EndToEnd, faultsOfProjectsAreToldByCheckAndInstall)
+TEST_F(EndToEnd, rightsAndFaultsAreToldByCheckAndInstallationsOfEitherKind)
 {
   writeFile(package / "short" / "behavior.xar", "<project format='1'>\n<fly/></project>");
   const auto checked = tarvik({"package", "check", package});
@@ -376,6 +376,27 @@ TEST_F(EndToEnd, faultsOfProjectsAreToldByCheckAndInstall)
   const auto installed = tarvik({"package", "install", package, "--json"});
   EXPECT_EQ(installed.code, 0);
   EXPECT_EQ(jsonLines(installed.out).back()["faults"][0]["line"], 2);
+
+  // The same as an archive in the place of what is there.
+  EXPECT_EQ(tarvik({"start", "test/endless"}).code, 0);
+  auto manifest = readFile(package / "manifest.xml");
+  writeFile(package / "manifest.xml", manifest.replace(manifest.find("<behavior"), 0, "<may call='Tokens.*'/>"));
+  Process upload({"/usr/bin/python3", "-c", R"(
+import io, pathlib, sys, urllib.request, zipfile
+root, package, archive = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), io.BytesIO()
+with zipfile.ZipFile(archive, "w") as zip:
+    for file in package.rglob("*"):
+        zip.write(file, file.relative_to(package))
+headers = {"Authorization": "Bearer " + (root / "run/token").read_text().strip()}
+url = (root / "run/endpoint").read_text().strip() + "/packages"
+print(urllib.request.urlopen(urllib.request.Request(url, archive.getvalue(), headers)).read().decode())
+)",
+                  root, package});
+  EXPECT_EQ(upload.waitForEnd(), 0) << upload.error();
+  auto answer = Value::parse(upload.output());
+  EXPECT_THAT(answer["faults"][0]["text"].get<std::string>(), HasSubstr("<fly> is not known"));
+  answer["faults"] = answer["faults"].size();
+  EXPECT_EQ(answer, Value::parse(R"({"uuid": "test", "replaced": "1.0", "stopped": ["test/endless"], "may": ["Tokens.*"], "faults": 1})"));
 }
 
 TEST_F(EndToEnd, hostWithTlsIsKnownByItsRootAndFromElsewhereByAnAuthority)
@@ -394,6 +415,10 @@ TEST_F(EndToEnd, hostWithTlsIsKnownByItsRootAndFromElsewhereByAnAuthority)
   EXPECT_THAT(url, StartsWith("https://localhost:"));
   const auto known = ended(*begin({TARVIK, "--root", secure, "services"}));
   EXPECT_EQ(known.code, 0) << known.error;
+  TestSupport::writePackage(package, "test", {{"asks", std::string("<run command=\"") + TARVIK + " services\"/>"}});
+  EXPECT_EQ(ended(*begin({TARVIK, "--root", secure, "package", "install", package})).code, 0);
+  const auto asked = ended(*begin({TARVIK, "--root", secure, "run", "test/asks"}));
+  EXPECT_EQ(asked.code, 0) << "programs know the certificate: " << asked.error << host->error();
   std::vector<std::string> fromElsewhere{TARVIK, "services", "--url", url, "--token-file", secure + "/run/token"};
   const auto unknown = ended(*begin(fromElsewhere));
   EXPECT_EQ(unknown.code, 3);

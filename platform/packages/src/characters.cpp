@@ -51,7 +51,7 @@ std::optional<BadCharacter> findBadCharacter(const std::string& text)
 {
   for (auto position = text.begin(); position != text.end();)
   {
-    if (*position > ' ' && *position < 0x7f && *position != '&') // most of a text
+    if (*position >= ' ' && *position < 0x7f && *position != '&') // most of a text
     {
       ++position;
       continue;
