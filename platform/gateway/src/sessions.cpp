@@ -94,7 +94,10 @@ std::optional<Identity> Sessions::identify(std::string_view cookie) const
     return std::nullopt;
   auto identity = _access->find(found->secret);
   if (identity)
+  {
     identity->role = std::min(identity->role, Role::Operator);
+    identity->rights = {};
+  }
   return identity;
 }
 
