@@ -21,11 +21,6 @@ Rights rightsOf(vu::Role role)
   };
 }
 
-Rights everyRight()
-{
-  return [](const Call&, vu::Role) { return std::nullopt; };
-}
-
 /// What a call holds from its beginning to its end.
 class CallGate::Passage
 {

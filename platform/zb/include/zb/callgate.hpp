@@ -31,7 +31,6 @@ struct Call
 using Rights = std::function<std::optional<std::string>(const Call& call, vu::Role least)>;
 
 Rights rightsOf(vu::Role role);
-Rights everyRight();
 
 /// The calls that one connection may have open at a time. They may outlive it.
 struct CallBound
