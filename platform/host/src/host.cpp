@@ -160,7 +160,7 @@ void Host::start()
   {
     auto& directory = _running->directory; // outlives the broker
     _running->broker->createModule<Tokens>("Tokens", directory.layout().tokens, access,
-                                           [&directory](const std::string& token) { directory.writeToken(token); });
+                                           [&directory](const std::string& token) { return directory.writeToken(token); });
     loadModules();
     _running->gateway->start(_running->broker);
     _running->directory.announce(_running->url);

@@ -63,7 +63,7 @@ Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs
   }
   for (auto& record : _records)
     record.number = _access->add(record.digest, {record.name, record.role}, record.end);
-  _local = makeLocal();
+  _local = makeLocal().first; // where nobody can be told, behaviors run all the same
   bindMethods();
   writeUsesLater();
 }
@@ -118,21 +118,20 @@ void Tokens::bindMethods()
   bindMethod(this, &Tokens::renew);
 }
 
-std::uint64_t Tokens::makeLocal() const
+std::pair<std::uint64_t, bool> Tokens::makeLocal() const
 {
   const auto token = makeToken();
   // Known before anybody can read it.
   const auto number = _access->add(token, {"local", Role::Admin});
   try
   {
-    _writeLocal(token);
+    return {number, _writeLocal(token)};
   }
   catch (...)
   {
     _access->remove(number);
     throw;
   }
-  return number;
 }
 
 std::vector<TokenRecord> Tokens::current() const
@@ -295,7 +294,13 @@ void Tokens::renew()
   const std::lock_guard lock(_renewal);
   try
   {
-    const auto old = std::exchange(_local, makeLocal());
+    const auto [fresh, written] = makeLocal();
+    if (!written)
+    {
+      _access->remove(fresh);
+      throw std::runtime_error("the disk is full");
+    }
+    const auto old = std::exchange(_local, fresh);
     later(renewalGrace, [access = _access, old] { access->remove(old, "the token was renewed"); });
   }
   catch (const std::runtime_error& error)
