@@ -36,11 +36,11 @@ const showsState = (name, state, where = page) => until(`${name} is shown as ${s
 const isIn = (phase, where = page) => until(`the page is ${phase}`, async () => (await where.locator("body").getAttribute("data-phase")) === phase);
 const shows = (selector, text, where = page) => until(`${selector} shows ${text}`, async () => text.test((await where.locator(selector).allTextContents()).join("\n")));
 
-/** A zip archive of a package whose project is this text. */
-function archive(uuid, project) {
+/** A zip archive of a package whose project is this text, and which asks for these rights. */
+function archive(uuid, project, rights = "") {
   const directory = path.join(host.root, "archives", uuid);
   mkdirSync(path.join(directory, "main"), { recursive: true });
-  writeFileSync(path.join(directory, "manifest.xml"), `<package uuid="${uuid}" version="2.1"><behavior path="main"/></package>`);
+  writeFileSync(path.join(directory, "manifest.xml"), `<package uuid="${uuid}" version="2.1">${rights}<behavior path="main"/></package>`);
   writeFileSync(path.join(directory, "main/behavior.xar"), project);
   execFileSync("python3", ["-m", "zipfile", "-c", `${directory}.zip`, "manifest.xml", "main"], { cwd: directory });
   return `${directory}.zip`;
@@ -119,8 +119,9 @@ test("the time line tells why a run ended", options, async () => {
 });
 
 test("a package is chosen or dropped, a bad one is refused in words, and removal asks first", options, async () => {
-  await page.setInputFiles("input[type=file]", archive("uploaded", '<project format="1" name="main"><wait seconds="60"/></project>'));
-  await shows("#upload", /Installed the package uploaded/);
+  await page.setInputFiles("input[type=file]", archive("uploaded", '<project format="1" name="main"><wait seconds="60"/></project>', '<may call="Tokens.list"/>'));
+  await shows("#upload", /Installed the package uploaded\. May call Tokens\.list\./);
+  await shows("#packages .rights", /May call Tokens\.list\./, observer);
   await showsState("uploaded/main", "installed", observer);
 
   const dropped = archive("broken", '<project format="1" name="main"><fly/></project>');
@@ -131,6 +132,7 @@ test("a package is chosen or dropped, a bad one is refused in words, and removal
     return data;
   }, execFileSync("base64", ["-w0", dropped]).toString());
   await page.dispatchEvent("#behaviors", "drop", { dataTransfer: transfer });
+  await shows("#upload", /Installed the package broken\. main\/behavior\.xar:1: <fly> is not known/);
   await shows("#upload", /notes\.zip is not installed: .*(archive|zip|manifest)/);
   await row("broken/main").getByRole("button", { name: "Start broken/main" }).click();
   await shows('[data-behavior="broken/main"] .error', /behavior\.xar.*fly/);

@@ -1,5 +1,6 @@
 #include "context.hpp"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -34,6 +35,26 @@ void readFromRoot(HostOptions& host)
                        ExitCode::NoHost);
 }
 
+std::string fromEnvironment(const char* name)
+{
+  const char* const value = std::getenv(name);
+  return value ? value : "";
+}
+
+/// What a host sets for the programs of its behaviors; false where it is not set.
+bool readFromEnvironment(HostOptions& host)
+{
+  host.url = fromEnvironment("TARVIK_URL");
+  host.tokenFile = fromEnvironment("TARVIK_TOKEN_FILE");
+  if (host.url.empty() != host.tokenFile.empty())
+    throw CommandError("the environment has " +
+                           std::string(host.url.empty() ? "TARVIK_TOKEN_FILE, but no TARVIK_URL" : "TARVIK_URL, but no TARVIK_TOKEN_FILE") +
+                           ": set both or neither, or name the host with --root or --url",
+                       ExitCode::WrongUsage);
+  host.certificate = fromEnvironment("TARVIK_CERTIFICATE");
+  return !host.url.empty();
+}
+
 } // namespace
 
 std::string Context::token() const
@@ -47,7 +68,7 @@ std::string Context::token() const
 
 std::unique_ptr<vu::RemoteSession> Context::connect()
 {
-  if (host.url.empty())
+  if (host.url.empty() && (!host.root.empty() || !readFromEnvironment(host)))
     readFromRoot(host);
   vu::RemoteSession::Options options;
   options.url = host.url;
@@ -60,6 +81,8 @@ std::unique_ptr<vu::RemoteSession> Context::connect()
   }
   catch (const vu::ServiceError& error)
   {
+    if (error.kind() == vu::ServiceError::Kind::InvalidArguments)
+      throw CommandError(error.description(), ExitCode::WrongUsage);
     if (error.kind() != vu::ServiceError::Kind::ConnectionLost)
       throw;
     throw CommandError(error.description() + "; start one with \"tarvikd\", or name another with --root or --url", ExitCode::NoHost);

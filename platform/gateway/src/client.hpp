@@ -16,7 +16,7 @@ struct Client
   std::string address;                      ///< "127.0.0.1:41234"
   std::shared_ptr<ZB::CallBound> openCalls; ///< of the connection
 
-  ZB::Caller caller() const { return {identity.name, ZB::rightsOf(identity.role), address, openCalls}; }
+  ZB::Caller caller() const { return {identity.name, identity.rights ? identity.rights : ZB::rightsOf(identity.role), address, openCalls}; }
 };
 
 } // namespace Tarvik

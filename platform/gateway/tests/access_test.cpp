@@ -93,6 +93,8 @@ TEST(Sessions, HalvesLetInForTheirTimeAndNoLongerThanTheirToken)
   for (const auto* const wrong : {"", "alice-toke", first.cookie.c_str(), first.secret.c_str()})
     EXPECT_FALSE(sessions.beginWithToken(wrong)) << wrong;
   EXPECT_THROW(sessions.makeCode(first.identity), vu::ServiceError) << "it would prolong itself";
+  access->add("run-token", {"b for alice", Role::Operator, 0, ZB::everyRight()});
+  EXPECT_FALSE(sessions.beginWithToken("run-token"));
 
   const auto holder = *access->identify("alice-token");
   const auto code = sessions.makeCode(holder);

@@ -46,9 +46,9 @@ bool isOver(const TokenRecord& record) { return record.end && *record.end <= Acc
 
 } // namespace
 
-Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs::path file, std::shared_ptr<Access> access,
+Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, const RootLayout& root, std::shared_ptr<Access> access,
                WriteLocal writeLocal)
-    : ZBModule(std::move(broker), name), _file(std::move(file)), _access(std::move(access)), _writeLocal(std::move(writeLocal))
+    : ZBModule(std::move(broker), name), _file(root.tokens), _access(std::move(access)), _writeLocal(std::move(writeLocal))
 {
   try
   {
@@ -63,6 +63,7 @@ Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs
   }
   for (auto& record : _records)
     record.number = _access->add(record.digest, {record.name, record.role}, record.end);
+  _runs = std::make_unique<RunTokens>(root.runTokens, _access);
   _local = makeLocal().first; // where nobody can be told, behaviors run all the same
   bindMethods();
   writeUsesLater();
@@ -116,6 +117,18 @@ void Tokens::bindMethods()
   functionName("renew", getName(), "Write a fresh token for the host's own user, and end the old one and its connections within seconds");
   setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::renew);
+
+  functionName("_beginRun", getName(), "Make a token for the programs of one run of a behavior. INTERNAL");
+  addParam("caller", "on whose behalf they call services");
+  addParam("may", "what they may call beyond what an operator may, as manifests write it");
+  setReturn("run", "{number, file}: of the token, and of the file that holds it");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::beginRun);
+
+  functionName("_endRun", getName(), "Take the token of a run back, with its file and the connections that it has opened. INTERNAL");
+  addParam("number", "of the token; one that is not there is ignored");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::endRun);
 }
 
 std::pair<std::uint64_t, bool> Tokens::makeLocal() const
@@ -258,6 +271,19 @@ vu::Value Tokens::list()
                       {"expires", TokenFile::timeValue(record.end)},
                       {"lastUsed", TokenFile::timeValue(record.lastUse)}});
   return result;
+}
+
+vu::Value Tokens::beginRun(const std::string& caller, const std::vector<std::string>& may)
+{
+  try
+  {
+    const auto run = _runs->begin(caller, may);
+    return {{"number", run.number}, {"file", run.file.string()}};
+  }
+  catch (const std::exception& error)
+  {
+    throw ZBError(getName(), "_beginRun", vu::validUtf8(error.what()));
+  }
 }
 
 vu::Value Tokens::remove(const std::string& name)

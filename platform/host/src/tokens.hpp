@@ -9,9 +9,11 @@
 #include <vector>
 
 #include <gateway/access.hpp>
+#include <root/root.hpp>
 #include <vu/gate.hpp>
 #include <zb/zbmodule.hpp>
 
+#include "runtokens.hpp"
 #include "tokenfile.hpp"
 
 namespace Tarvik
@@ -19,7 +21,7 @@ namespace Tarvik
 
 /// The service "Tokens": gives out tokens, each with a name and a role, and
 /// takes them back. A file keeps who has one; the gateway's Access is kept like
-/// it.
+/// it. Those of single runs are in no list: nobody gives them out.
 class Tokens final : public ZB::ZBModule
 {
 public:
@@ -29,7 +31,7 @@ public:
 
   /// Reads the file, where there is one; throws a ZBError that names it when it
   /// cannot be read whole. Makes a fresh token "local".
-  Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, std::filesystem::path file, std::shared_ptr<Access> access,
+  Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, const RootLayout& root, std::shared_ptr<Access> access,
          WriteLocal writeLocal);
   /// Writes down when tokens were used.
   ~Tokens() override;
@@ -46,6 +48,10 @@ public:
   /// Makes a fresh token "local" and ends the old one, a moment later, so that
   /// whoever has asked with it hears of it.
   void renew();
+
+  /// A token for the programs of one run, see RunTokens: {number, file}.
+  vu::Value beginRun(const std::string& caller, const std::vector<std::string>& may);
+  void endRun(const std::uint64_t& number) { _runs->end(number); }
 
 private:
   using Time = TokenRecord::Time;
@@ -65,6 +71,7 @@ private:
   const std::filesystem::path _file;
   const std::shared_ptr<Access> _access;
   const WriteLocal _writeLocal;
+  std::unique_ptr<RunTokens> _runs;
   const std::shared_ptr<vu::Gate> _gate = std::make_shared<vu::Gate>();
   std::mutex _mutex; // guards the file and the members below
   std::vector<TokenRecord> _records;

@@ -81,7 +81,6 @@ TEST_F(HostInProcess, GivesEverySettingToWhomItIsFor)
   EXPECT_EQ(configuration, (vu::Value{{"root", root.string()},
                                       {"systemPackages", {"/system"}},
                                       {"url", host.url()},
-                                      {"tokenFile", (root / "run/token").string()},
                                       {"packageLimits", {{"bytes", 11}, {"entries", 22}}},
                                       {"history", {{"runs", 33}}},
                                       {"framemanager", {{"terminateGraceMs", 77}}}}));

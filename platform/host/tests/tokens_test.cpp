@@ -21,7 +21,7 @@ protected:
   {
     broker->removeModule("Tokens");
     access = std::make_shared<Access>();
-    return broker->createModule<Tokens>("Tokens", root / "tokens", access,
+    return broker->createModule<Tokens>("Tokens", RootLayout(root), access,
                                         [this](const std::string& token)
                                         {
                                           local = full ? local : token;
@@ -196,6 +196,36 @@ TEST_F(RootFixture, TokensOfARunningHostLetInAndOutAgain)
   host.stop();
   writeFile(root / "tokens", "nonsense");
   EXPECT_THAT(errorOf([&] { host.start(); }), HasSubstr((root / "tokens").string()));
+}
+
+TEST_F(RootFixture, TokenOfARunLetsInWithTheRightsOfItsBehaviorUntilTheRunEnds)
+{
+  const auto left = writeFile(root / "run/behaviors/99", "left by a host that was killed");
+  Host host(options);
+  host.start();
+  EXPECT_FALSE(std::filesystem::exists(left));
+  EXPECT_EQ(mode("run/behaviors"), 0700U);
+  const auto local = connect();
+  const auto run = local->call("Tokens._beginRun", {"demo/t for alice", {"Tokens.list"}}).value();
+  const auto file = std::filesystem::path(run["file"].get<std::string>()).lexically_relative(root.path()).string();
+  EXPECT_EQ(mode(file), 0600U);
+  const auto token = line(file);
+  const auto program = connect(token);
+  EXPECT_EQ(program->call("session.whoami", vu::Value::array()).value()["name"], "demo/t for alice");
+  EXPECT_EQ(program->call("Tokens.list", vu::Value::array()).value(), vu::Value::array()) << "runs are not in it";
+  program->call("ZBMemory.insertData", {"k", 1}).value();
+  const auto refused = TestSupport::serviceErrorOf([&] { program->call("Tokens.add", {"eve", "admin"}).value(); });
+  EXPECT_EQ(refused.kind(), vu::ServiceError::Kind::NotAllowed);
+  EXPECT_THAT(refused.description(), HasSubstr("does not say <may call=\"Tokens.add\"/>"));
+  EXPECT_THAT(errorOf([&] { local->call("Tokens._beginRun", {"x", {"Tokens"}}).value(); }), HasSubstr("\"Tokens\" is neither"));
+  const vu::Promise<std::string> reason;
+  program->setClosedCallback([reason](const std::string& text) { reason.setValue(text); });
+  for (int i = 0; i < 2; ++i)
+    local->call("Tokens._endRun", vu::Value::array({run["number"]})).value();
+  ASSERT_TRUE(reason.future().wait(TestSupport::patience));
+  EXPECT_EQ(reason.future().value(), "the run has ended");
+  EXPECT_FALSE(exists(file));
+  EXPECT_THROW(connect(token), vu::ServiceError);
 }
 
 } // namespace

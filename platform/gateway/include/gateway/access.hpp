@@ -12,6 +12,7 @@
 
 #include <vu/role.hpp>
 #include <vu/signal.hpp>
+#include <zb/callgate.hpp>
 
 namespace Tarvik
 {
@@ -24,6 +25,7 @@ struct Identity
   std::string name;
   Role role = Role::Observer;
   std::uint64_t number = 0; ///< of the token, given by Access
+  ZB::Rights rights = {};   ///< what it may call, where that is not what its role may
 };
 
 /// SHA-256 of a token, which is all that is kept of it: a token is random, so

@@ -1,6 +1,5 @@
 #include <childprocess.hpp>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -126,19 +125,6 @@ std::string cannotStart(const std::string& program, int error, const std::filesy
   std::error_code ignored;
   return "cannot start " + program + ": " + std::generic_category().message(error) +
          (std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
-}
-
-std::vector<std::string> environmentWith(const std::vector<std::string>& values)
-{
-  auto result = values;
-  for (char** entry = environ; entry && *entry; ++entry)
-  {
-    const std::string text = *entry;
-    const auto name = text.substr(0, text.find('=') + 1);
-    if (std::none_of(values.begin(), values.end(), [&name](const auto& value) { return value.compare(0, name.size(), name) == 0; }))
-      result.push_back(text);
-  }
-  return result;
 }
 
 } // namespace ZB::FrameManager
