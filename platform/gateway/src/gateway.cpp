@@ -164,7 +164,8 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
     throw std::logic_error("a gateway starts once, after it has begun to listen");
   auto& server = *implementation.server;
   server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics));
-  server.dispatcher.emplace(broker, server.calls);
+  server.backlog = std::make_shared<Backlog>(server.options.limits.unsentBytesInAll);
+  server.dispatcher.emplace(broker, server.calls, server.options.limits.unsentBytes);
   server.broker = std::move(broker);
   // What was let in before the removal entered its connection on the gateway's
   // thread before this is posted there.

@@ -49,13 +49,15 @@ public:
   {
     error_code ignored;
     _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->tls != nullptr};
-    _client.openCalls = std::make_shared<ZB::CallBound>(_server->options.limits.openCalls);
+    const auto& limits = _server->options.limits;
+    _client.openCalls = std::make_shared<ZB::ConnectionCalls>(ZB::ConnectionCalls::Limits{limits.openCalls, limits.runningCalls});
     _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
 
   void start(bool crowded)
   {
     _crowded = crowded;
+    _client.unsent = _server->backlog->open([io = _io, weak = weak_from_this()] { asio::post(*io, [weak] { tooMuchUnsent(weak); }); });
     _server->enter(shared_from_this());
     const auto begin = [self = shared_from_this()]
     {
@@ -257,14 +259,46 @@ private:
 
   void handleMessage()
   {
-    const auto request = _message->release();
+    auto text = _message->release().body();
     const auto turn = await();
-    _server->dispatcher->handle(JsonRpc::parse(request.body()), _client, {},
+    const auto bytes = text.size();
+    if (bytes <= JsonRpc::longMessage)
+    {
+      auto message = JsonRpc::parse(text);
+      return dispatch(message, bytes, turn);
+    }
+    const auto message = std::make_shared<std::shared_ptr<JsonRpc::Message>>();
+    onPool([message, text = std::move(text)] { *message = std::make_shared<JsonRpc::Message>(JsonRpc::parse(text)); },
+           [message, bytes, turn](HttpConnection& self, const std::exception_ptr& failure)
+           {
+             if (self._state != State::Waiting || self._turn != turn)
+               return;
+             if (failure)
+               return self.answer(Pages::failure(failure));
+             self.dispatch(**message, bytes, turn);
+             // Letting go of it takes as long as reading it.
+             self._server->broker->pool()->post([rest = std::move(*message)] {});
+           });
+  }
+
+  void dispatch(JsonRpc::Message& message, std::size_t bytes, std::uint64_t turn)
+  {
+    _server->dispatcher->handle(message, bytes, _client, {},
                                 [io = _io, self = weak_from_this(), turn](std::string text)
                                 {
                                   HttpAnswer page{text.empty() ? 204u : 200u, "application/json", std::move(text)};
                                   asio::post(*io, [self, turn, page = std::move(page)]() mutable { finish(self, turn, std::move(page)); });
                                 });
+  }
+
+  static void tooMuchUnsent(const std::weak_ptr<HttpConnection>& connection)
+  {
+    const auto self = connection.lock();
+    if (!self || self->_state == State::Ended)
+      return;
+    self->_server->metrics->queueDropped();
+    vu::log::info("gateway", "send", self->_client.address + " is disconnected: the host has too much to send, and most to this client");
+    self->end();
   }
 
   void beginUpload()
@@ -412,10 +446,13 @@ private:
     _deadline.cancel();
     _server->metrics->answered(page.status);
     const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last));
+    const auto bytes = response->body().size();
+    _client.unsent->add(bytes);
     _stream.next_layer().expires_after(_server->options.limits.send);
     http::async_write(_stream, *response,
-                      [self = shared_from_this(), response](error_code error, std::size_t)
+                      [self = shared_from_this(), response, bytes](error_code error, std::size_t)
                       {
+                        self->_client.unsent->remove(bytes);
                         if (error == beast::error::timeout)
                           vu::log::info("gateway", "send", self->_client.address + " is disconnected: it does not take its answer");
                         if (error)
@@ -468,6 +505,7 @@ private:
   void leave()
   {
     _state = State::Ended;
+    _client.openCalls->close();
     _server->leave(this);
   }
 

@@ -76,6 +76,7 @@ struct Server
   /// Keeps them alive, also while one only waits for a service's answer.
   std::map<Connection*, std::shared_ptr<Connection>> connections;
   std::function<void()> connectionEnded;
+  std::shared_ptr<Backlog> backlog; ///< of all connections, once the gateway has begun
   const std::shared_ptr<Metrics> metrics = std::make_shared<Metrics>();
 
   void enter(const std::shared_ptr<Connection>& connection)

@@ -105,6 +105,7 @@ void Tokens::bindMethods()
   functionName("remove", getName(), "Take a token back and end the connections that it has opened");
   addParam("name", "whose it is");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &Tokens::remove);
 }
 

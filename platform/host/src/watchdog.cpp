@@ -17,7 +17,7 @@ void Watchdog::wait()
   if (_progress->exchange(false))
   {
     _alive();
-    _pool->post([progress = _progress] { *progress = true; });
+    _pool->postUrgent([progress = _progress] { *progress = true; });
   }
   _timer.expires_after(_interval);
   _timer.async_wait(

@@ -44,6 +44,21 @@ TEST(ThreadPool, GrowsWhenAllThreadsAreBlockedAndShrinksUnderASteadyLoadAndNone)
   EXPECT_TRUE(TestSupport::eventually([&] { return pool.threadCount() == 2; })) << "and without any load";
 }
 
+TEST(ThreadPool, UrgentTasksGoAheadButNotForEver)
+{
+  ThreadPool pool({1, 1, 4096, 1s});
+  std::latch release(1);
+  pool.post([&] { release.wait(); });
+  std::string order;
+  for (int i = 0; i < 3; ++i)
+    pool.post([&order] { order += 'u'; });
+  for (int i = 0; i < 40; ++i)
+    pool.postUrgent([&order] { order += '!'; });
+  release.count_down();
+  pool.waitUntilIdle();
+  EXPECT_EQ(order, std::string(16, '!') + 'u' + std::string(16, '!') + 'u' + std::string(8, '!') + 'u');
+}
+
 TEST(ThreadPool, TimersRunWhileAllThreadsAreBlocked)
 {
   ThreadPool pool({1, 4, 16, 1s});

@@ -93,6 +93,7 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   functionName("deleteBehavior", getName(), "Stops an instance, ends its processes and lets go of it; returns when this is done");
   addParam("id", "Id of the instance");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &ZBFrameManager::deleteBehavior);
 
   functionName("_beginClosing", getName(), "Stops all instances and refuses further ones, for a host that shuts down. INTERNAL");
