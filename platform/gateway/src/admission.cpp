@@ -7,6 +7,8 @@
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/field.hpp>
 
+#include <vu/text.hpp>
+
 namespace Tarvik
 {
 
@@ -38,6 +40,8 @@ std::vector<std::string> allowedHosts(const Door& door)
   return hosts;
 }
 
+std::string shown(string_view text) { return vu::shortened({text.data(), text.size()}); }
+
 /// Why a request must not be carried out, whoever sent it: its Host header
 /// does not name this gateway (somebody else's name leads here), or another
 /// site's page sent it. None when all is well.
@@ -47,13 +51,13 @@ std::optional<std::string> findForeign(const http::fields& header, const Door& d
   const auto given = header[http::field::host];
   if (header.count(http::field::host) != 1 ||
       std::none_of(hosts.begin(), hosts.end(), [given](const std::string& host) { return iequals(given, host); }))
-    return "the Host header '" + std::string(given) + "' does not name this host: use " + hosts.front();
+    return "the Host header '" + shown(given) + "' does not name this host: use " + hosts.front();
   if (header.count(http::field::origin) == 0)
     return std::nullopt;
   const auto origin = header[http::field::origin];
   const auto own = (door.secure ? "https://" : "http://") + std::string(given);
   if (header.count(http::field::origin) != 1 || !iequals(origin, own))
-    return "a page of '" + std::string(origin) + "' may not use this host";
+    return "a page of '" + shown(origin) + "' may not use this host";
   return std::nullopt;
 }
 

@@ -4,6 +4,7 @@
 
 #include <vu/caller.hpp>
 #include <vu/future.hpp>
+#include <vu/text.hpp>
 
 namespace Tarvik
 {
@@ -13,6 +14,7 @@ namespace
 
 constexpr std::size_t longestText = 32;
 constexpr std::size_t mostArguments = 8;
+constexpr std::size_t longestOutcome = 500;
 
 std::string shortened(const vu::Value& value)
 {
@@ -39,10 +41,29 @@ std::string argumentList(const vu::Value& arguments)
   return text;
 }
 
+/// Whether no service had anything to do with it: such calls cost a client
+/// nothing, and come in any number.
+bool isRefusal(const std::exception_ptr& failure)
+{
+  try
+  {
+    std::rethrow_exception(failure);
+  }
+  catch (const vu::ServiceError& error)
+  {
+    return error.kind() != vu::ServiceError::Kind::Service;
+  }
+  catch (...)
+  {
+    return false;
+  }
+}
+
 class CallRecord final : public ZB::CallWatch
 {
 public:
-  CallRecord(std::shared_ptr<Metrics> metrics, LoggedRequest logged) : _metrics(std::move(metrics)), _logged(std::move(logged))
+  CallRecord(std::shared_ptr<Metrics> metrics, std::shared_ptr<RefusalLog> refusals, LoggedRequest logged)
+      : _metrics(std::move(metrics)), _refusals(std::move(refusals)), _logged(std::move(logged))
   {
     _metrics->callBegan();
   }
@@ -56,7 +77,9 @@ public:
   void ended(const std::exception_ptr& failure) override
   {
     _metrics->callEnded(_begin, failure);
-    if (!_underWay)
+    if (!_underWay && failure && isRefusal(failure))
+      _logged.refused(vu::errorText(failure), *_refusals);
+    else if (!_underWay)
       _logged.ended(failure ? vu::errorText(failure) : "ok");
     else if (failure)
       _logged.ended("begun, then: " + vu::errorText(failure));
@@ -65,6 +88,7 @@ public:
 private:
   const Metrics::Clock::time_point _begin = Metrics::Clock::now();
   const std::shared_ptr<Metrics> _metrics;
+  const std::shared_ptr<RefusalLog> _refusals;
   const LoggedRequest _logged;
   bool _underWay = false;
 };
@@ -72,7 +96,7 @@ private:
 } // namespace
 
 LoggedRequest::LoggedRequest(const ZB::Caller& caller, const ZB::Call& call, vu::Role least)
-    : _name(caller.name), _address(caller.address), _what(call.fullName()),
+    : _name(caller.name), _address(caller.address), _what(vu::shortened(call.fullName())),
       _level(least == vu::Role::Observer ? vu::log::Level::Debug : vu::log::Level::Info)
 {
   if (_level == vu::log::Level::Info)
@@ -87,13 +111,20 @@ LoggedRequest::LoggedRequest(const Client& client, std::string what)
 void LoggedRequest::ended(const std::string& outcome) const
 {
   const vu::CallerScope caller(_name); // which the line tells
-  vu::log::write(_level, "gateway", "call", _what + " from " + _address + ": " + outcome);
+  vu::log::write(_level, "gateway", "call", _what + " from " + _address + ": " + vu::shortened(outcome, longestOutcome));
 }
 
-ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics)
+void LoggedRequest::refused(const std::string& outcome, RefusalLog& refusals) const
 {
-  return [metrics = std::move(metrics)](const ZB::Call& call, const ZB::Caller& caller, vu::Role least)
-  { return std::make_shared<CallRecord>(metrics, LoggedRequest(caller, call, least)); };
+  // What is not written anyway is not left out either.
+  if (_level > vu::log::level() || refusals.admits(_address.substr(0, _address.rfind(':'))))
+    ended(outcome);
+}
+
+ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics, std::shared_ptr<RefusalLog> refusals)
+{
+  return [metrics = std::move(metrics), refusals = std::move(refusals)](const ZB::Call& call, const ZB::Caller& caller, vu::Role least)
+  { return std::make_shared<CallRecord>(metrics, refusals, LoggedRequest(caller, call, least)); };
 }
 
 } // namespace Tarvik

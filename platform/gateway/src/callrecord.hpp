@@ -8,6 +8,7 @@
 
 #include "client.hpp"
 #include "metrics.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
@@ -24,6 +25,8 @@ public:
   LoggedRequest(const Client& client, std::string what);
 
   void ended(const std::string& outcome) const;
+  /// The same, unless the log has enough of the client's refused requests.
+  void refused(const std::string& outcome, RefusalLog& refusals) const;
 
 private:
   std::string _name;
@@ -33,6 +36,6 @@ private:
 };
 
 /// Counts and logs every call that comes over a wire.
-ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics);
+ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics, std::shared_ptr<RefusalLog> refusals);
 
 } // namespace Tarvik

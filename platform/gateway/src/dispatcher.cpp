@@ -111,7 +111,7 @@ void Dispatcher::dispatch(JsonRpc::Request& request, std::size_t bytes, const Cl
   {
     const auto failure = std::current_exception();
     const ZB::Call asked{request.service, request.method, std::move(request.params)};
-    LoggedRequest(client.caller(), asked, vu::leastRoleByName(asked.method)).ended(vu::errorText(failure));
+    LoggedRequest(client.caller(), asked, vu::leastRoleByName(asked.method)).refused(vu::errorText(failure), *_refusals);
     done(JsonRpc::error(request.id, request.service, request.method, failure));
   }
 }

@@ -12,6 +12,7 @@
 #include "client.hpp"
 #include "descriptiontexts.hpp"
 #include "jsonrpc.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
@@ -29,8 +30,9 @@ public:
   using Done = std::function<void(std::string answer)>;
 
   /// `batchBytes` is what the answers of one batch may come to.
-  Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::shared_ptr<const ZB::CallGate> calls, std::size_t batchBytes)
-      : _broker(std::move(broker)), _calls(std::move(calls)), _batchBytes(batchBytes)
+  Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::shared_ptr<const ZB::CallGate> calls, std::size_t batchBytes,
+             std::shared_ptr<RefusalLog> refusals)
+      : _broker(std::move(broker)), _calls(std::move(calls)), _batchBytes(batchBytes), _refusals(std::move(refusals))
   {
   }
 
@@ -46,6 +48,7 @@ private:
   const std::shared_ptr<ZB::ZBBroker> _broker;
   const std::shared_ptr<const ZB::CallGate> _calls;
   const std::size_t _batchBytes;
+  const std::shared_ptr<RefusalLog> _refusals;
   DescriptionTexts _descriptions;
 };
 

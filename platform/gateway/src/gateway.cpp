@@ -45,7 +45,32 @@ std::unique_ptr<asio::ssl::context> loadTls(const Gateway::Options& options)
 
 struct Gateway::Implementation
 {
-  explicit Implementation(Options options) : acceptor(*io), deadline(*io), pause(*io) { server->options = std::move(options); }
+  explicit Implementation(Options options) : acceptor(*io), deadline(*io), pause(*io)
+  {
+    server->options = std::move(options);
+    // Calls that are under way outlive the gateway, and may be refused.
+    server->refusals = std::make_shared<RefusalLog>(
+        [io = std::weak_ptr(io), server = std::weak_ptr(server), second = std::weak_ptr(second)]
+        {
+          if (const auto context = io.lock())
+            asio::post(*context, [server, second] { tellRefusals(server, second); });
+        });
+  }
+
+  static void tellRefusals(const std::weak_ptr<Server>& weakServer, const std::weak_ptr<asio::steady_timer>& weakSecond)
+  {
+    const auto server = weakServer.lock();
+    const auto second = weakSecond.lock();
+    if (!server || !second || *server->stopped)
+      return;
+    second->expires_after(std::chrono::seconds(1));
+    second->async_wait(
+        [weakServer](error_code error)
+        {
+          if (const auto alive = weakServer.lock(); alive && !error)
+            alive->refusals->tell();
+        });
+  }
 
   void accept()
   {
@@ -58,7 +83,7 @@ struct Gateway::Implementation
           {
             // Out of files, most likely: what is open must end first.
             if (error == asio::error::no_descriptors)
-              server->endLongestIdle();
+              server->endOne();
             vu::log::warning("gateway", "accept", error.message());
             pause.expires_after(std::chrono::milliseconds(100));
             pause.async_wait(
@@ -93,6 +118,7 @@ struct Gateway::Implementation
     error_code ignored;
     acceptor.close(ignored);
     pause.cancel();
+    second->cancel();
     deadline.expires_after(server->options.limits.close);
     deadline.async_wait(
         [this](error_code error)
@@ -112,6 +138,8 @@ struct Gateway::Implementation
 
   const std::shared_ptr<asio::io_context> io = std::make_shared<asio::io_context>(1);
   const std::shared_ptr<Server> server = std::make_shared<Server>();
+  /// Until what the log leaves out is told.
+  const std::shared_ptr<asio::steady_timer> second = std::make_shared<asio::steady_timer>(*io);
   tcp::acceptor acceptor;
   asio::steady_timer deadline;
   asio::steady_timer pause;
@@ -163,9 +191,9 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   if (!implementation.acceptor.is_open() || implementation.thread.joinable())
     throw std::logic_error("a gateway starts once, after it has begun to listen");
   auto& server = *implementation.server;
-  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics));
+  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics, server.refusals));
   server.backlog = std::make_shared<Backlog>(server.options.limits.unsentBytesInAll);
-  server.dispatcher.emplace(broker, server.calls, server.options.limits.unsentBytes);
+  server.dispatcher.emplace(broker, server.calls, server.options.limits.unsentBytes, server.refusals);
   server.broker = std::move(broker);
   // What was let in before the removal entered its connection on the gateway's
   // thread before this is posted there.

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <limits>
@@ -15,6 +16,7 @@
 
 #include "admission.hpp"
 #include "callrecord.hpp"
+#include "framing.hpp"
 #include "pages.hpp"
 #include "routes.hpp"
 #include "server.hpp"
@@ -36,6 +38,9 @@ std::string addressText(const asio::ip::address& address)
   return address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
 }
 
+constexpr std::chrono::milliseconds refusalPause(100);
+constexpr std::size_t readAtOnce = 64 << 10;
+
 std::string seconds(std::chrono::milliseconds time) { return std::to_string(time.count() / 1000) + " s"; }
 
 /// Reads requests from one client and answers them, one after the other; what
@@ -54,22 +59,14 @@ public:
     _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
 
-  void start(bool crowded)
+  void start()
   {
-    _crowded = crowded;
     _client.unsent = _server->backlog->open([io = _io, weak = weak_from_this()] { asio::post(*io, [weak] { tooMuchUnsent(weak); }); });
     _server->enter(shared_from_this());
-    const auto begin = [self = shared_from_this()]
-    {
-      if (!self->_crowded)
-        return self->readHeader();
-      self->_last = true;
-      self->answer(HttpAnswer::text(503, "this host has as many connections as it takes: try again later"));
-    };
     if (!_stream.isSecure())
-      return begin();
+      return readHeader();
     _stream.next_layer().expires_after(_server->options.limits.header);
-    _stream.acceptHandshake([self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
+    _stream.acceptHandshake([self = shared_from_this()](error_code error) { error ? self->end() : self->readHeader(); });
   }
 
   void shutdown() override { endWith(HttpAnswer::text(503, "the host is shutting down")); }
@@ -80,12 +77,10 @@ public:
       endWith(HttpAnswer::text(401, "the token was removed"));
   }
   bool isWebSocket() const override { return false; }
-  std::optional<Clock::time_point> idleSince() const override
-  {
-    return _state == State::Idle && !_crowded ? std::optional(_idleSince) : std::nullopt;
-  }
+  std::optional<Clock::time_point> idleSince() const override { return _state == State::Idle ? std::optional(_idleSince) : std::nullopt; }
   void makeRoom() override { end(); }
-  bool isEnding() const override { return _crowded || _state == State::HangingUp; }
+  bool isEnding() const override { return _state == State::HangingUp; }
+  const Identity& identity() const override { return _client.identity; }
 
 private:
   enum class State
@@ -137,6 +132,8 @@ private:
   {
     const auto& limits = _server->options.limits;
     _header.emplace();
+    _chunkBound.reset();
+    _buffer.max_size(std::max({limits.headerBytes, readAtOnce, _buffer.size()}));
     _header->header_limit(static_cast<std::uint32_t>(limits.headerBytes));
     _header->body_limit(std::numeric_limits<std::uint64_t>::max()); // bounded when it is known what the body is
     expect(limits.header);
@@ -154,7 +151,10 @@ private:
   void unreadable(error_code error, std::chrono::milliseconds time)
   {
     _last = true;
-    if (error == http::error::header_limit)
+    if (_state == State::Body && (error == http::error::header_limit || error == http::error::buffer_overflow))
+      answer(HttpAnswer::text(400, "chunk extensions and trailers may not come to more than " +
+                                       std::to_string(_server->options.limits.headerBytes) + " bytes"));
+    else if (error == http::error::header_limit || error == http::error::buffer_overflow)
       answer(HttpAnswer::text(431, "the header is larger than " + std::to_string(_server->options.limits.headerBytes) + " bytes"));
     else if (error == http::error::body_limit)
       answer(tooLarge());
@@ -188,28 +188,40 @@ private:
   {
     const auto& header = _header->get();
     _last = !header.keep_alive();
+    if (const auto reason = findBadFraming(header))
+    {
+      _last = true;
+      return refuse(HttpAnswer::text(400, *reason));
+    }
     auto admitted = admit(header, _door, *_server->options.access);
     if (auto* const page = std::get_if<HttpAnswer>(&admitted))
-    {
-      if (page->status >= 400)
-        vu::log::info("gateway", "refuse",
-                      _client.address + ": " + std::to_string(page->status) + " " + page->body.substr(0, page->body.size() - 1));
-      return answerEarly(std::move(*page));
-    }
-    _client.identity = std::get<Identity>(std::move(admitted));
+      return page->status >= 400 ? refuse(std::move(*page)) : answerEarly(std::move(*page));
+    auto& identity = std::get<Identity>(admitted);
+    if (identity.number != _client.identity.number)
+      if (const auto reason = _server->findPlace(*this, identity))
+      {
+        _server->metrics->connectionRefused();
+        _last = true;
+        return answer(HttpAnswer::text(503, *reason));
+      }
+    _client.identity = std::move(identity);
     auto route = findRoute(header, _client, *_server->broker);
     if (auto* const page = std::get_if<HttpAnswer>(&route))
       return answerEarly(std::move(*page));
     if (std::holds_alternative<MetricsRequest>(route))
-      route = Work{[metrics = _server->metrics, collectors = _server->options.collectors](ZB::ZBBroker& broker, const Client&)
-                   { return Pages::metrics(broker, *metrics, collectors); }};
+      route = Work{[metrics = _server->metrics, backlog = _server->backlog, collectors = _server->options.collectors](
+                       ZB::ZBBroker& broker, const Client&) { return Pages::metrics(broker, *metrics, *backlog, collectors); }};
+    bool urgent = false;
     if (auto* const evaluation = std::get_if<Evaluation>(&route))
+    {
+      urgent = Pages::isUrgent(*_server->broker, evaluation->expression);
       route = Work{[calls = _server->calls, expression = std::move(evaluation->expression)](ZB::ZBBroker& broker, const Client& client)
                    { return Pages::evaluate(broker, *calls, expression, client); }};
+    }
     if (auto* const work = std::get_if<Work>(&route))
     {
       _last = _last || !_header->is_done();
-      return onPool(std::move(*work));
+      return onPool(std::move(*work), urgent);
     }
     if (std::holds_alternative<WebSocketHandshake>(route))
     {
@@ -222,6 +234,27 @@ private:
       return _server->options.upload ? beginBody(_server->options.limits.uploadBytes, [this] { beginUpload(); })
                                      : answerEarly(HttpAnswer::text(404, "this host takes no files"));
     beginBody(_server->options.limits.messageBytes, [this] { readMessage(); });
+  }
+
+  /// Where an address is refused so often that the log leaves lines out, its
+  /// answers take their time, too.
+  void refuse(HttpAnswer page)
+  {
+    if (_server->refusals->admits(peer()))
+    {
+      vu::log::info("gateway", "refuse",
+                    _client.address + ": " + std::to_string(page.status) + " " + page.body.substr(0, page.body.size() - 1));
+      return answerEarly(std::move(page));
+    }
+    _last = true;
+    const auto turn = await();
+    _deadline.expires_after(refusalPause);
+    _deadline.async_wait(
+        [self = weak_from_this(), turn, page = std::move(page)](error_code error) mutable
+        {
+          if (!error)
+            finish(self, turn, std::move(page));
+        });
   }
 
   /// An answer that does not wait for the body, which then ends the connection.
@@ -238,6 +271,14 @@ private:
       return answerEarly(tooLarge());
     _header->body_limit(limit);
     _state = State::Body;
+    // What stands between the chunks and after them is no body; the parser
+    // wants a chunk's line, and the trailers, whole.
+    if (_header->chunked())
+    {
+      _chunkBound.emplace(_server->options.limits.headerBytes);
+      _chunkBound->watch(*_header);
+      _buffer.max_size(std::max(_server->options.limits.headerBytes, _buffer.size()));
+    }
     if (_header->is_done() || !beast::iequals(_header->get()[http::field::expect], "100-continue"))
       return read();
     _stream.next_layer().expires_after(_server->options.limits.send);
@@ -248,6 +289,8 @@ private:
   void readMessage()
   {
     _message.emplace(std::move(*_header));
+    if (_chunkBound)
+      _chunkBound->watch(*_message);
     if (_message->is_done())
       return handleMessage();
     expect(_server->options.limits.body);
@@ -304,6 +347,8 @@ private:
   void beginUpload()
   {
     _upload = std::make_shared<UploadBody>(std::move(*_header), _server->options.uploadDirectory);
+    if (_chunkBound)
+      _upload->watch(*_chunkBound);
     storeUpload(); // makes the file
   }
 
@@ -342,7 +387,7 @@ private:
                 { return Pages::upload(broker, upload->path(), client, take); }});
   }
 
-  void onPool(Work work)
+  void onPool(Work work, bool urgent = false)
   {
     const auto turn = await();
     const auto page = std::make_shared<std::optional<HttpAnswer>>();
@@ -357,36 +402,38 @@ private:
           // None when the gateway has stopped, which tells the client so.
           if (self._state == State::Waiting && self._turn == turn && (failure || *page))
             self.answer(failure ? Pages::failure(failure) : **page);
-        });
+        },
+        urgent);
   }
 
   /// `work` blocks and knows nothing of this connection; `then` runs back on
   /// the gateway's thread, if the connection is still there, with what the
   /// work has thrown.
-  template <typename Function, typename Then> void onPool(Function work, Then then)
+  template <typename Function, typename Then> void onPool(Function work, Then then, bool urgent = false)
   {
     const vu::CallerScope caller(_client.identity.name);
     try
     {
-      _server->broker->pool()->postCall(
-          [io = _io, weak = weak_from_this(), work = std::move(work), then]
-          {
-            std::exception_ptr failure;
-            try
-            {
-              work();
-            }
-            catch (...)
-            {
-              failure = std::current_exception();
-            }
-            asio::post(*io,
-                       [weak, then, failure]
-                       {
-                         if (const auto self = weak.lock())
-                           then(*self, failure);
-                       });
-          });
+      const auto& pool = _server->broker->pool();
+      auto task = [io = _io, weak = weak_from_this(), work = std::move(work), then]
+      {
+        std::exception_ptr failure;
+        try
+        {
+          work();
+        }
+        catch (...)
+        {
+          failure = std::current_exception();
+        }
+        asio::post(*io,
+                   [weak, then, failure]
+                   {
+                     if (const auto self = weak.lock())
+                       then(*self, failure);
+                   });
+      };
+      urgent ? pool->postUrgent(std::move(task)) : pool->postCall(std::move(task));
     }
     catch (const vu::ServiceError&) // the pool is overloaded
     {
@@ -519,14 +566,14 @@ private:
   std::optional<http::request_parser<http::empty_body>> _header;
   std::optional<http::request_parser<http::string_body>> _message;
   std::shared_ptr<UploadBody> _upload; ///< also the pool's while it writes
+  std::optional<ChunkBound> _chunkBound;
   std::size_t _bodyLimit = 0;
   std::array<char, 4096> _waste{};
   std::uint64_t _turn = 0;
   State _state = State::Idle;
   Clock::time_point _idleSince = Clock::now();
-  bool _crowded = false; ///< there is no room for it
-  bool _late = false;    ///< what was expected did not come in time
-  bool _last = false;    ///< the connection ends with the next answer
+  bool _late = false; ///< what was expected did not come in time
+  bool _last = false; ///< the connection ends with the next answer
 };
 
 } // namespace
@@ -537,11 +584,10 @@ void serveHttp(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::sock
   const auto peer = socket.remote_endpoint(error);
   if (error)
     return; // it has gone already
-  const auto room = server->findRoom(addressText(peer.address()));
-  if (room != Server::Room::Free)
+  if (server->welcomes(addressText(peer.address())))
+    std::make_shared<HttpConnection>(std::move(server), std::move(io), std::move(socket), peer)->start();
+  else
     server->metrics->connectionRefused();
-  if (room != Server::Room::NotEven)
-    std::make_shared<HttpConnection>(std::move(server), std::move(io), std::move(socket), peer)->start(room == Server::Room::None);
 }
 
 } // namespace Tarvik

@@ -19,6 +19,7 @@
 #include "admission.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
@@ -57,8 +58,13 @@ public:
   /// Ends already, and counts no more.
   virtual bool isEnding() const = 0;
 
+  /// Whose it is; its number is 0 until a token was shown.
+  virtual const Identity& identity() const = 0;
+  Clock::time_point began() const { return _began; }
+
 private:
   const std::string _peer;
+  const Clock::time_point _began = Clock::now();
 };
 
 /// What all connections of a gateway share; it lives as long as any of them.
@@ -77,6 +83,7 @@ struct Server
   std::map<Connection*, std::shared_ptr<Connection>> connections;
   std::function<void()> connectionEnded;
   std::shared_ptr<Backlog> backlog; ///< of all connections, once the gateway has begun
+  std::shared_ptr<RefusalLog> refusals;
   const std::shared_ptr<Metrics> metrics = std::make_shared<Metrics>();
 
   void enter(const std::shared_ptr<Connection>& connection)
@@ -93,18 +100,18 @@ struct Server
       connectionEnded();
   }
 
-  enum class Room
-  {
-    Free,
-    None,   ///< the client is to be told so
-    NotEven ///< to tell it so
-  };
-  /// Whether one more connection of `peer` fits in. Where a bound is reached,
-  /// the one that has been idle longest makes room: a WebSocket only when
-  /// there is nothing else.
-  Room findRoom(const std::string& peer) const;
-  /// False when none is idle.
-  bool endLongestIdle(const std::string& peer = {}) const;
+  /// Whether one more connection of `peer`, of which nothing more is known,
+  /// may come in. Those without a token make room for each other: the first of
+  /// the address that has most of them.
+  bool welcomes(const std::string& peer) const;
+  /// Whether a connection has a place now that its client has said to be
+  /// `identity`; else why not. Where a bound is reached, the one among those
+  /// it counts that has been idle longest makes room: a WebSocket only when
+  /// there is nothing else, and an admin's last.
+  std::optional<std::string> findPlace(const Connection& connection, const Identity& identity) const;
+  /// When the system has no room: whoever has no token, or is idle. False
+  /// when there is nobody.
+  bool endOne() const;
 
   /// Calls a member function of each connection; they may leave meanwhile.
   template <typename... Parameters, typename... Arguments>
@@ -120,8 +127,8 @@ struct Server
 /// which keeps the context, and reaches the connection weakly.
 using IoContext = std::shared_ptr<boost::asio::io_context>;
 
-/// Begins to read requests from a connection just accepted. One for which
-/// there is no room is told so and closed.
+/// Begins to read requests from a connection just accepted; one for which there
+/// is no room is closed.
 void serveHttp(std::shared_ptr<Server> server, IoContext io, boost::asio::ip::tcp::socket socket);
 
 /// Takes over a connection whose `request` asks for a WebSocket.

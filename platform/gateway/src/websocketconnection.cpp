@@ -76,6 +76,7 @@ public:
   }
   void makeRoom() override { close(websocket::close_code::try_again_later, "the host needs this idle connection for another client"); }
   bool isEnding() const override { return _closing; }
+  const Identity& identity() const override { return _client.identity; }
 
 private:
   struct Link

@@ -98,9 +98,9 @@ TEST_F(Fairness, ClientThatLeavesItsAnswersUnreadGetsThemAllWhenItDoesReadAndNoC
 {
   options.limits.unsentBytes = 1 << 20;
   begin();
-  constexpr int calls = 64;
+  constexpr int calls = 48;
   auto slow = open();
-  bench->filler = std::string(1 << 20, 'x');
+  bench->filler = std::string(400000, 'x');
   for (int i = 0; i < calls; ++i)
     slow.send(call("Bench.fill"));
   ASSERT_TRUE(eventually([this] { return bench->filled > 0; }));
@@ -108,5 +108,5 @@ TEST_F(Fairness, ClientThatLeavesItsAnswersUnreadGetsThemAllWhenItDoesReadAndNoC
     rpc(call("Bench.add", "[1,2]"));
   EXPECT_LT(bench->filled, calls) << "the network holds a part of them, the host as much as it may";
   for (int i = 0; i < calls; ++i)
-    ASSERT_EQ(slow.receive()["result"].get_ref<const std::string&>().size(), 1u << 20);
+    ASSERT_EQ(slow.receive()["result"].get_ref<const std::string&>().size(), bench->filler.size());
 }

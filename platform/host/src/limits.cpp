@@ -25,6 +25,9 @@ void readLimits(const vu::Value& settings, Host::Options& options)
   const std::map<std::string, std::variant<std::size_t*, std::chrono::milliseconds*>> known{
       {"connections", &limits.connections},
       {"connections-per-peer", &limits.connectionsPerPeer},
+      {"connections-per-token", &limits.connectionsPerToken},
+      {"connections-for-admins", &limits.connectionsForAdmins},
+      {"connections-without-token", &limits.connectionsWithoutToken},
       {"header-bytes", &limits.headerBytes},
       {"message-bytes", &limits.messageBytes},
       {"upload-bytes", &limits.uploadBytes},

@@ -20,8 +20,7 @@ std::string validUtf8(std::string_view text) { return Value::parse(inQuotes(text
 
 bool steersOutput(char32_t character)
 {
-  constexpr std::array<std::pair<char32_t, char32_t>, 7> ranges{
-      {{0x00, 0x1F}, {0x7F, 0x9F}, {0x061C, 0x061C}, {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}, {0xFEFF, 0xFEFF}}};
+  constexpr std::array<std::pair<char32_t, char32_t>, 4> ranges{{{0x00, 0x1F}, {0x7F, 0x9F}, {0x2028, 0x202E}, {0x2066, 0x2069}}};
   return std::any_of(ranges.begin(), ranges.end(),
                      [character](const auto& range) { return character >= range.first && character <= range.second; });
 }

@@ -21,7 +21,12 @@ namespace Tarvik
 struct GatewayLimits
 {
   std::size_t connections = 1024;
-  std::size_t connectionsPerPeer = 512; ///< from one address
+  std::size_t connectionsPerPeer = 512;  ///< from one address
+  std::size_t connectionsPerToken = 256; ///< that one token has let in
+  /// Of those in all and from one address, a quarter at most, kept for admins.
+  std::size_t connectionsForAdmins = 16;
+  /// That have not shown a token, and count among no others.
+  std::size_t connectionsWithoutToken = 128;
   std::size_t headerBytes = 16 << 10;
   std::size_t messageBytes = 4 << 20;       ///< of a request's body or a WebSocket message
   std::size_t uploadBytes = 256 << 20;      ///< of a file sent to "POST /packages"

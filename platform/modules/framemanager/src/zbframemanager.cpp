@@ -63,7 +63,7 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
 
 ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name)
     : ZBModule(std::move(broker), name), _gate(std::make_shared<vu::Gate>()), _settings(makeSettings(*getParentBroker(), _gate)),
-      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool())), _pool(threads)
+      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool(), "ends of behaviors")), _pool(threads)
 {
   setModuleDescription("Plays behaviors from their project files");
 

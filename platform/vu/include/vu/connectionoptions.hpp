@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 namespace vu
@@ -16,6 +17,8 @@ struct ConnectionOptions
   std::string certificateAuthority;
   /// Without a sign of life of the host, which is pinged in between, until the connection counts as lost.
   std::chrono::milliseconds idle{60000};
+  /// Of calls that may wait to be sent; one more is refused as Overloaded.
+  std::size_t outgoingBytes = 64 << 20;
 };
 
 } // namespace vu

@@ -15,7 +15,8 @@ std::string inQuotes(std::string_view text);
 std::string validUtf8(std::string_view text);
 
 /// Whether a character steers a terminal or turns the reading direction: C0,
-/// DEL, C1, line and paragraph separators, bidirectional controls.
+/// DEL, C1, line and paragraph separators, bidirectional embeddings, overrides
+/// and isolates.
 bool steersOutput(char32_t character);
 
 /// The first character of a text, and how many bytes it takes; U+FFFD for one

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace Tarvik
+{
+
+/// Keeps refused requests from filling the log: of each address some lines a
+/// second are written, and then one that tells how many were left out.
+/// Thread-safe.
+class RefusalLog
+{
+public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t linesPerSecond = 10;
+  static constexpr std::size_t addresses = 1000; ///< beyond them all others are taken for one
+
+  /// `leftOut` is called, on any thread, when something was left out; then
+  /// tell() is due a second later.
+  explicit RefusalLog(std::function<void()> leftOut) : _leftOut(std::move(leftOut)) {}
+
+  /// Whether one more line about `address` is to be written.
+  bool admits(std::string address, Clock::time_point now = Clock::now());
+  /// Writes what was left out in the seconds that are over.
+  void tell(Clock::time_point now = Clock::now());
+
+private:
+  struct Second
+  {
+    Clock::time_point begin;
+    std::size_t lines = 0;
+  };
+
+  const std::function<void()> _leftOut;
+  std::mutex _mutex;                      // guards the members below
+  std::map<std::string, Second> _seconds; ///< by address
+  bool _telling = false;                  ///< tell() is due
+};
+
+} // namespace Tarvik
