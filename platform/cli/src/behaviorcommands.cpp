@@ -4,6 +4,7 @@
 #include <cli/text.hpp>
 
 #include "behaviors.hpp"
+#include "stopall.hpp"
 
 namespace Tarvik
 {
@@ -97,11 +98,7 @@ void stop(Context& context, const std::string& name, bool all)
     return callFor(context, "stopBehavior", name, "stopped");
   if (!all)
     throw CommandError("stop: name a behavior, or write --all; \"tarvik --help\" tells how it is used", ExitCode::WrongUsage);
-  const auto session = context.connect();
-  Behaviors(*session).object().call<void>("stopAllBehaviors");
-  if (context.json)
-    return context.print({{"state", "stopped"}});
-  context.out << "all behaviors stopped\n";
+  stopAll(context);
 }
 
 void tags(Context& context, const std::string& name)

@@ -67,13 +67,18 @@ void Context::print(const vu::Value& value) const { out << value.dump(-1, ' ', f
 
 void Commands::addCommonOptions(CLI::App& application)
 {
-  auto* root =
-      application.add_option("--root", _context.host.root, "Root of the host; else $TARVIK_ROOT, else the user's own")->type_name("DIR");
+  auto* root = application
+                   .add_option("--root", _context.host.root,
+                               "Root of the host; else $TARVIK_URL with $TARVIK_TOKEN_FILE, else $TARVIK_ROOT, else the user's own")
+                   ->type_name("DIR");
   auto* url = application.add_option("--url", _context.host.url, "Address of the host, such as http://127.0.0.1:7110")
                   ->type_name("URL")
                   ->excludes(root);
   auto* tokenFile =
       application.add_option("--token-file", _context.host.tokenFile, "File with the token for --url")->type_name("FILE")->excludes(root);
+  application.add_option("--ca", _context.host.authority, "Certificate of an authority to trust besides the system's, with --url")
+      ->type_name("FILE")
+      ->needs(url);
   url->needs(tokenFile);
   tokenFile->needs(url);
   application.add_flag("--json", _context.json, "Answer in JSON");

@@ -1,8 +1,10 @@
 #include <cli/text.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <ctime>
 #include <iomanip>
+#include <map>
 #include <sstream>
 
 #include <vu/value.hpp>
@@ -97,6 +99,18 @@ std::string formatDuration(std::chrono::milliseconds duration)
   if (seconds < 86400)
     return two(seconds / 3600, " h ", seconds / 60 % 60, " min");
   return two(seconds / 86400, " d ", seconds / 3600 % 24, " h");
+}
+
+std::optional<std::chrono::seconds> parseDuration(const std::string& text)
+{
+  std::uint32_t number = 0; // times a day, it is far from overflowing
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || rest + 1 != end || number == 0)
+    return std::nullopt;
+  const std::map<char, std::int64_t> units{{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+  const auto unit = units.find(*rest);
+  return unit == units.end() ? std::nullopt : std::optional(std::chrono::seconds(number * unit->second));
 }
 
 std::string singleLine(const std::string& text)

@@ -85,12 +85,32 @@ TEST_F(CommandLine, withoutAHostExitsWith3AndTellsHowToStartOne)
   expectError({"status"}, 3, "no host reached at http://127.0.0.1:1", "tarvikd");
 }
 
+TEST_F(CommandLine, environmentOfAProgramGoesBeforeTheRootAndComesWhole)
+{
+  const auto file = TestSupport::writeFile(root / "secret", "secret").string();
+  const auto with = [](const char* url, const std::string& tokenFile)
+  {
+    setenv("TARVIK_URL", url, 1);
+    setenv("TARVIK_TOKEN_FILE", tokenFile.c_str(), 1);
+  };
+  with("http://127.0.0.1:1", file);
+  expectError({"status"}, 3, "no host reached at http://127.0.0.1:1", "tarvikd");
+  expectError({"status", "--root", root.string()}, 3, "no host runs on " + root.string(), "");
+  with("http://127.0.0.1:1", "");
+  expectError({"status"}, 2, "the environment has TARVIK_URL, but no TARVIK_TOKEN_FILE", "--root or --url");
+  with("", file);
+  expectError({"status"}, 2, "the environment has TARVIK_TOKEN_FILE, but no TARVIK_URL", "--root or --url");
+  with("robot", file);
+  expectError({"status"}, 2, "'robot' is no host's address", "http://ADDRESS:PORT");
+  unsetenv("TARVIK_URL");
+  unsetenv("TARVIK_TOKEN_FILE");
+}
+
 TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
 {
   const std::string manager = "ZBBehaviorManager.";
   const std::vector<std::pair<Arguments, Arguments>> cases{
       {{"call", "ZBMemory.getData", "k"}, {"ZBMemory.getData"}},
-      {{"stop", "--all"}, {manager + "stopAllBehaviors"}},
       {{"token", "list"}, {"Tokens.list"}},
       {{"start", "test/a"}, {manager + "resolveBehaviorName", manager + "startBehavior"}},
       {{"status"},
@@ -106,6 +126,25 @@ TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
     EXPECT_EQ(run(arguments), 0) << error.str();
     EXPECT_EQ(host.rounds(), std::vector<Arguments>(1, calls));
   }
+}
+
+TEST_F(CommandLine, stopAllGoesOnWhenOneIsRefusedAndNamesWhatIsLeft)
+{
+  int lists = 0;
+  const auto result = [&lists](const std::string& method, const vu::Value&) -> vu::Value
+  {
+    if (method.ends_with("getRunningBehaviors"))
+      return lists++ == 0 ? vu::Value{"p/a", "p/b", "p/c"} : vu::Value{"p/b"};
+    return 1;
+  };
+  const TestSupport::StandInHost host(result);
+  TestSupport::writeFile(root / "run" / "endpoint", host.url());
+  TestSupport::writeFile(root / "run" / "token", "secret");
+  expectError({"stop", "--all"}, 1, "not everything is stopped: \"p/b\" was started meanwhile", "");
+  std::size_t stops = 0;
+  for (const auto& round : host.rounds())
+    stops += round == Arguments{"ZBBehaviorManager.stopBehavior"};
+  EXPECT_EQ(stops, 3U);
 }
 
 } // namespace Tarvik

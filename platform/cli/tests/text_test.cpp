@@ -37,6 +37,15 @@ TEST(Duration, isToldInItsTwoLargestUnits)
     EXPECT_EQ(formatDuration(std::chrono::milliseconds(milliseconds)), text);
 }
 
+TEST(Duration, isReadWithOneUnit)
+{
+  const std::vector<std::pair<std::string, int>> cases{{"45s", 45}, {"10m", 600}, {"12h", 43200}, {"30d", 2592000}};
+  for (const auto& [text, seconds] : cases)
+    EXPECT_EQ(parseDuration(text), std::chrono::seconds(seconds)) << text;
+  for (const auto* const text : {"", "s", "30", "0s", "-1s", "1.5h", "1w", "1hh", " 1h", "1 h", "4294967296s"})
+    EXPECT_FALSE(parseDuration(text)) << text;
+}
+
 TEST(Value, isShownBareAsStringAndNotAtAllAsNull)
 {
   EXPECT_EQ(formatValue("a \"b\""), "a \"b\"\n");

@@ -19,7 +19,7 @@ struct Client
   std::shared_ptr<ZB::ConnectionCalls> openCalls; ///< of the connection
   std::shared_ptr<Backlog::Share> unsent;         ///< what waits to be sent to it
 
-  ZB::Caller caller() const { return {identity.name, ZB::rightsOf(identity.role), address, openCalls}; }
+  ZB::Caller caller() const { return {identity.name, identity.rights ? identity.rights : ZB::rightsOf(identity.role), address, openCalls}; }
 };
 
 } // namespace Tarvik

@@ -140,6 +140,11 @@ std::string Dispatcher::session(const JsonRpc::Request& request, const Client& c
                                         {"version", TARVIK_VERSION},
                                         {"time", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}});
   }
+  if (request.method == "code")
+  {
+    wantsParams(0);
+    return JsonRpc::result(request.id, {{"code", _sessions->makeCode(client.identity)}, {"seconds", Sessions::codeLife.count()}});
+  }
   if (request.method == "describe")
   {
     wantsParams(1);

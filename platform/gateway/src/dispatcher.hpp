@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include <gateway/sessions.hpp>
 #include <zb/callgate.hpp>
 #include <zb/zbbroker.hpp>
 
@@ -31,8 +32,9 @@ public:
 
   /// `batchBytes` is what the answers of one batch may come to.
   Dispatcher(std::shared_ptr<ZB::ZBBroker> broker, std::shared_ptr<const ZB::CallGate> calls, std::size_t batchBytes,
-             std::shared_ptr<RefusalLog> refusals)
-      : _broker(std::move(broker)), _calls(std::move(calls)), _batchBytes(batchBytes), _refusals(std::move(refusals))
+             std::shared_ptr<RefusalLog> refusals, std::shared_ptr<Sessions> sessions)
+      : _broker(std::move(broker)), _calls(std::move(calls)), _batchBytes(batchBytes), _refusals(std::move(refusals)),
+        _sessions(std::move(sessions))
   {
   }
 
@@ -49,6 +51,7 @@ private:
   const std::shared_ptr<const ZB::CallGate> _calls;
   const std::size_t _batchBytes;
   const std::shared_ptr<RefusalLog> _refusals;
+  const std::shared_ptr<Sessions> _sessions;
   DescriptionTexts _descriptions;
 };
 

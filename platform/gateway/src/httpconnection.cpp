@@ -16,6 +16,7 @@
 
 #include "admission.hpp"
 #include "callrecord.hpp"
+#include "entry.hpp"
 #include "framing.hpp"
 #include "pages.hpp"
 #include "routes.hpp"
@@ -50,36 +51,47 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
 public:
   HttpConnection(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer)
       : Connection(addressText(peer.address())), _io(std::move(io)), _server(std::move(server)),
-        _stream(std::move(socket), _server->tls.get()), _deadline(*_io)
+        _stream(std::move(socket), _server->certificate ? _server->certificate->context() : nullptr), _deadline(*_io)
   {
     error_code ignored;
-    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->tls != nullptr};
+    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->certificate != nullptr};
     const auto& limits = _server->options.limits;
     _client.openCalls = std::make_shared<ZB::ConnectionCalls>(ZB::ConnectionCalls::Limits{limits.openCalls, limits.runningCalls});
     _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
 
-  void start()
+  void start(bool crowded)
   {
+    _crowded = crowded;
     _client.unsent = _server->backlog->open([io = _io, weak = weak_from_this()] { asio::post(*io, [weak] { tooMuchUnsent(weak); }); });
     _server->enter(shared_from_this());
+    const auto begin = [self = shared_from_this()]
+    {
+      if (!self->_crowded)
+        return self->readHeader();
+      self->_last = true;
+      self->answer(HttpAnswer::text(503, "this host has as many connections as it takes: try again later"));
+    };
     if (!_stream.isSecure())
-      return readHeader();
+      return begin();
     _stream.next_layer().expires_after(_server->options.limits.header);
-    _stream.acceptHandshake([self = shared_from_this()](error_code error) { error ? self->end() : self->readHeader(); });
+    _stream.acceptHandshake([self = shared_from_this(), begin](error_code error) { error ? self->end() : begin(); });
   }
 
   void shutdown() override { endWith(HttpAnswer::text(503, "the host is shutting down")); }
   void abort() override { end(); }
-  void revoke(std::uint64_t identity) override
+  void revoke(std::uint64_t identity, const std::string& reason) override
   {
     if (_client.identity.number == identity)
-      endWith(HttpAnswer::text(401, "the token was removed"));
+      endWith(HttpAnswer::text(401, reason));
   }
   bool isWebSocket() const override { return false; }
-  std::optional<Clock::time_point> idleSince() const override { return _state == State::Idle ? std::optional(_idleSince) : std::nullopt; }
+  std::optional<Clock::time_point> idleSince() const override
+  {
+    return _state == State::Idle && !_crowded ? std::optional(_idleSince) : std::nullopt;
+  }
   void makeRoom() override { end(); }
-  bool isEnding() const override { return _state == State::HangingUp; }
+  bool isEnding() const override { return _crowded || _state == State::HangingUp; }
   const Identity& identity() const override { return _client.identity; }
 
 private:
@@ -188,14 +200,18 @@ private:
   {
     const auto& header = _header->get();
     _last = !header.keep_alive();
+    // A browser would keep it for all that is on this machine.
+    _strictTransport = _door.secure && !beast::string_view(header[http::field::host]).starts_with("localhost");
     if (const auto reason = findBadFraming(header))
     {
       _last = true;
       return refuse(HttpAnswer::text(400, *reason));
     }
-    auto admitted = admit(header, _door, *_server->options.access);
+    auto admitted = admit(header, _door, *_server->options.access, *_server->sessions);
     if (auto* const page = std::get_if<HttpAnswer>(&admitted))
       return page->status >= 400 ? refuse(std::move(*page)) : answerEarly(std::move(*page));
+    if (std::holds_alternative<EntryForm>(admitted))
+      return beginBody(Entry::longestForm, [this] { readMessage(&HttpConnection::handleForm); });
     auto& identity = std::get<Identity>(admitted);
     if (identity.number != _client.identity.number)
       if (const auto reason = _server->findPlace(*this, identity))
@@ -233,18 +249,17 @@ private:
     if (std::holds_alternative<FileUpload>(route))
       return _server->options.upload ? beginBody(_server->options.limits.uploadBytes, [this] { beginUpload(); })
                                      : answerEarly(HttpAnswer::text(404, "this host takes no files"));
-    beginBody(_server->options.limits.messageBytes, [this] { readMessage(); });
+    beginBody(_server->options.limits.messageBytes, [this] { readMessage(&HttpConnection::handleMessage); });
   }
 
   /// Where an address is refused so often that the log leaves lines out, its
   /// answers take their time, too.
-  void refuse(HttpAnswer page)
+  void refuse(HttpAnswer page, bool isWhole = false)
   {
     if (_server->refusals->admits(peer()))
     {
-      vu::log::info("gateway", "refuse",
-                    _client.address + ": " + std::to_string(page.status) + " " + page.body.substr(0, page.body.size() - 1));
-      return answerEarly(std::move(page));
+      vu::log::info("gateway", "refuse", _client.address + ": " + std::to_string(page.status) + " " + page.summary());
+      return isWhole ? answer(std::move(page)) : answerEarly(std::move(page));
     }
     _last = true;
     const auto turn = await();
@@ -286,18 +301,23 @@ private:
                       [self = shared_from_this(), read](error_code error, std::size_t) { error ? self->end() : read(); });
   }
 
-  void readMessage()
+  void readMessage(void (HttpConnection::*handle)())
   {
     _message.emplace(std::move(*_header));
     if (_chunkBound)
       _chunkBound->watch(*_message);
     if (_message->is_done())
-      return handleMessage();
+      return (this->*handle)();
     expect(_server->options.limits.body);
     http::async_read(_stream, _buffer, *_message,
-                     [self = shared_from_this()](error_code error, std::size_t) {
-                       error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(&HttpConnection::handleMessage);
-                     });
+                     [self = shared_from_this(), handle](error_code error, std::size_t)
+                     { error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(handle); });
+  }
+
+  void handleForm()
+  {
+    auto page = Entry::answerForm(_message->release().body(), _door, *_server->sessions);
+    page.status >= 400 ? refuse(std::move(page), true) : answer(std::move(page));
   }
 
   void handleMessage()
@@ -492,7 +512,7 @@ private:
     _state = State::Sending;
     _deadline.cancel();
     _server->metrics->answered(page.status);
-    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last));
+    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last, _strictTransport));
     const auto bytes = response->body().size();
     _client.unsent->add(bytes);
     _stream.next_layer().expires_after(_server->options.limits.send);
@@ -572,8 +592,10 @@ private:
   std::uint64_t _turn = 0;
   State _state = State::Idle;
   Clock::time_point _idleSince = Clock::now();
-  bool _late = false; ///< what was expected did not come in time
-  bool _last = false; ///< the connection ends with the next answer
+  bool _crowded = false;         ///< there is no room for it
+  bool _late = false;            ///< what was expected did not come in time
+  bool _strictTransport = false; ///< browsers are told to come by TLS alone
+  bool _last = false;            ///< the connection ends with the next answer
 };
 
 } // namespace
@@ -584,10 +606,11 @@ void serveHttp(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::sock
   const auto peer = socket.remote_endpoint(error);
   if (error)
     return; // it has gone already
-  if (server->welcomes(addressText(peer.address())))
-    std::make_shared<HttpConnection>(std::move(server), std::move(io), std::move(socket), peer)->start();
-  else
+  const auto room = server->findRoom(socket.native_handle());
+  if (room != Server::Room::Free)
     server->metrics->connectionRefused();
+  if (room != Server::Room::NotEven)
+    std::make_shared<HttpConnection>(std::move(server), std::move(io), std::move(socket), peer)->start(room == Server::Room::None);
 }
 
 } // namespace Tarvik

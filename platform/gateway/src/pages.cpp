@@ -75,6 +75,8 @@ HttpAnswer Pages::module(ZB::ZBBroker& broker, const std::string& name)
     HttpAnswer page;
     page.body = broker.httpGet(name);
     page.policy = HttpAnswer::modulePolicy;
+    // Where nothing else tells it, its calls tell by this whose they are.
+    page.headers.emplace_back("Referrer-Policy", "same-origin");
     return page.body.empty() ? HttpAnswer::text(404, "the module " + name + " has no page") : page;
   }
   catch (...)

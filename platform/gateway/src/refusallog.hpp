@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -20,13 +19,10 @@ public:
   static constexpr std::size_t linesPerSecond = 10;
   static constexpr std::size_t addresses = 1000; ///< beyond them all others are taken for one
 
-  /// `leftOut` is called, on any thread, when something was left out; then
-  /// tell() is due a second later.
-  explicit RefusalLog(std::function<void()> leftOut) : _leftOut(std::move(leftOut)) {}
-
   /// Whether one more line about `address` is to be written.
   bool admits(std::string address, Clock::time_point now = Clock::now());
-  /// Writes what was left out in the seconds that are over.
+  /// Writes what was left out in the seconds that are over; to be called once
+  /// a second.
   void tell(Clock::time_point now = Clock::now());
 
 private:
@@ -36,10 +32,8 @@ private:
     std::size_t lines = 0;
   };
 
-  const std::function<void()> _leftOut;
-  std::mutex _mutex;                      // guards the members below
+  std::mutex _mutex;                      // guards the member below
   std::map<std::string, Second> _seconds; ///< by address
-  bool _telling = false;                  ///< tell() is due
 };
 
 } // namespace Tarvik

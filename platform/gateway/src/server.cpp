@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <tuple>
 
+#include <sys/resource.h>
+
 namespace Tarvik
 {
 
@@ -11,6 +13,18 @@ namespace
 
 /// Connections beyond the bounds that are being told why they end.
 constexpr std::size_t waitingRoom = 64;
+
+/// Files for installations and programs, which clients leave free; none where
+/// there are hardly more.
+constexpr std::size_t filesForWork = 256;
+
+/// How many files may be open when a client comes in.
+std::size_t filesForClients()
+{
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_cur - (limit.rlim_cur > 2 * filesForWork ? filesForWork : 0);
+}
 
 using Connections = std::map<Connection*, std::shared_ptr<Connection>>;
 
@@ -62,12 +76,15 @@ bool endFirstStranger(const Connections& connections)
 
 } // namespace
 
-bool Server::welcomes(const std::string& peer) const
+Server::Room Server::findRoom(int descriptor) const
 {
   const auto& limits = options.limits;
+  const auto files = static_cast<std::size_t>(descriptor);
+  if (const auto most = filesForClients(); files >= most)
+    return files >= most + waitingRoom ? Room::NotEven : endOne() ? Room::Free : Room::None;
   if (connections.size() >= limits.connections + limits.connectionsWithoutToken + waitingRoom)
-    return false;
-  return count(connections, isStranger) < limits.connectionsWithoutToken || endFirstStranger(connections);
+    return Room::NotEven;
+  return count(connections, isStranger) < limits.connectionsWithoutToken || endFirstStranger(connections) ? Room::Free : Room::None;
 }
 
 std::optional<std::string> Server::findPlace(const Connection& connection, const Identity& identity) const

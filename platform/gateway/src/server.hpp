@@ -9,7 +9,6 @@
 #include <string>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 
@@ -17,6 +16,7 @@
 #include <network/stream.hpp>
 
 #include "admission.hpp"
+#include "certificate.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
 #include "refusallog.hpp"
@@ -46,7 +46,7 @@ public:
   /// Ends at once.
   virtual void abort() = 0;
   /// Ends, with the reason, when it was let in by the token of that number.
-  virtual void revoke(std::uint64_t identity) = 0;
+  virtual void revoke(std::uint64_t identity, const std::string& reason) = 0;
 
   /// Since when nobody has wanted anything of it; none while somebody does.
   virtual std::optional<Clock::time_point> idleSince() const = 0;
@@ -72,7 +72,8 @@ private:
 struct Server
 {
   Gateway::Options options;
-  std::unique_ptr<boost::asio::ssl::context> tls;
+  std::shared_ptr<Sessions> sessions;
+  std::shared_ptr<Certificate> certificate; ///< null: no TLS
   std::shared_ptr<ZB::ZBBroker> broker;
   /// Of all that comes over a wire.
   std::shared_ptr<const ZB::CallGate> calls;
@@ -100,10 +101,17 @@ struct Server
       connectionEnded();
   }
 
-  /// Whether one more connection of `peer`, of which nothing more is known,
-  /// may come in. Those without a token make room for each other: the first of
-  /// the address that has most of them.
-  bool welcomes(const std::string& peer) const;
+  enum class Room
+  {
+    Free,
+    None,   ///< the client is to be told so
+    NotEven ///< to tell it so
+  };
+  /// Whether one more connection, of which nothing is known, may come in.
+  /// Those without a token make room for each other: the first of the address
+  /// that has most of them. `descriptor`, its number, tells how many files this
+  /// process has open, since it is the lowest free one: the last are for work.
+  Room findRoom(int descriptor) const;
   /// Whether a connection has a place now that its client has said to be
   /// `identity`; else why not. Where a bound is reached, the one among those
   /// it counts that has been idle longest makes room: a WebSocket only when

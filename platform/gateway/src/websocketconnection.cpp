@@ -3,6 +3,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
+#include <boost/beast/http/rfc7230.hpp>
 #include <boost/beast/websocket.hpp>
 
 #include <vu/log.hpp>
@@ -44,6 +45,10 @@ public:
     _webSocket.set_option(websocket::stream_base::timeout{limits.close, limits.idle, true});
     _webSocket.read_message_max(limits.messageBytes);
     _webSocket.text(true);
+    // A browser that has offered protocols wants to hear of one.
+    if (beast::http::token_list(request[beast::http::field::sec_websocket_protocol]).exists("tarvik"))
+      _webSocket.set_option(websocket::stream_base::decorator([](websocket::response_type& response)
+                                                              { response.set(beast::http::field::sec_websocket_protocol, "tarvik"); }));
     _webSocket.async_accept(request,
                             [self = shared_from_this()](error_code error)
                             {
@@ -63,10 +68,10 @@ public:
     end();
   }
 
-  void revoke(std::uint64_t identity) override
+  void revoke(std::uint64_t identity, const std::string& reason) override
   {
     if (_client.identity.number == identity)
-      _accepted ? close(websocket::close_code::policy_error, "the token was removed") : abort();
+      _accepted ? close(websocket::close_code::policy_error, reason) : abort();
   }
   bool isWebSocket() const override { return true; }
   std::optional<Clock::time_point> idleSince() const override

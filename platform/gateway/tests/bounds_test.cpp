@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -99,6 +100,7 @@ TEST_F(Bounds, WithoutFilesTheLongestIdleMakesRoomAndItAcceptsAgain)
 {
   if (TestSupport::sanitized)
     GTEST_SKIP() << "a sanitizer opens files of its own for its checks";
+  options.limits.idle = std::chrono::hours(1); // it does not go for that reason
   begin();
   auto longest = idle("/healthz");
   auto late = Socket(io, asio::ip::tcp::v4());
@@ -106,10 +108,39 @@ TEST_F(Bounds, WithoutFilesTheLongestIdleMakesRoomAndItAcceptsAgain)
   ::close(free);
   const auto before = limitFiles(static_cast<rlim_t>(free));
   late.connect(longest.remote_endpoint());
-  EXPECT_EQ(ask(late, request("GET /healthz")).status, 200U);
+  pollfd end{longest.native_handle(), POLLIN, 0};
+  ASSERT_EQ(::poll(&end, 1, static_cast<int>(milliseconds(TestSupport::patience).count())), 1);
   EXPECT_TRUE(hasEnded(longest));
+  EXPECT_EQ(ask(late, request("GET /healthz")).status, 200U);
   limitFiles(before);
   EXPECT_EQ(get("/healthz").status, 200U);
+}
+
+TEST_F(Bounds, ClientsLeaveFilesFreeForWorkAndAreRefusedBefore)
+{
+  constexpr rlim_t files = 600;
+  const auto before = limitFiles(files);
+  begin();
+  std::vector<Socket> clients;
+  for (bool room = true; room && clients.size() < files / 2;)
+  {
+    clients.push_back(connect());
+    room = ask(clients.back(), request("GET /healthz")).status == 200U;
+    const auto key = std::to_string(clients.size());
+    if (room) // and does not let it go
+    {
+      asio::write(clients.back(), asio::buffer(request("POST /rpc", {}, call("Bench.later", "[\"" + key + "\"]"))));
+      EXPECT_TRUE(bench->waitForLater(key));
+    }
+  }
+  EXPECT_GT(clients.size(), 100U);
+  std::vector<int> opened;
+  for (int file = 0; (file = ::dup(0)) >= 0;)
+    opened.push_back(file);
+  limitFiles(before);
+  EXPECT_GT(opened.size(), 200U);
+  for (const int file : opened)
+    ::close(file);
 }
 
 TEST_F(Bounds, AddressesOfVersionSixAreWrittenInBrackets)

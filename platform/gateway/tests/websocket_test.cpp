@@ -253,6 +253,28 @@ TEST_F(WebSocket, RemovedTokenEndsItsConnectionsWithTheReasonAndNoOthers)
   EXPECT_EQ(other.service("Bench").value().call<int>("add", 2, 3), 5);
 }
 
+TEST_F(WebSocket, ConnectionEndsWithTheTimeOfItsToken)
+{
+  begin();
+  // Longer each time, for a machine that is too slow to come in at first.
+  for (std::chrono::milliseconds time(500); time < patience; time *= 2)
+    try
+    {
+      const auto name = "brief-" + std::to_string(time.count());
+      options.access->add(name, {"guest", Tarvik::Role::Admin}, std::chrono::system_clock::now() + time);
+      Journal reasons;
+      RemoteSession session(remote(name));
+      session.setClosedCallback([&](const std::string& reason) { reasons.add(reason); });
+      EXPECT_TRUE(reasons.waitFor("the token has expired", patience));
+      EXPECT_EQ(kindOf([&] { RemoteSession again(remote(name)); }), Kind::NotAllowed);
+      return;
+    }
+    catch (const vu::ServiceError&)
+    {
+    }
+  FAIL() << "not let in in time";
+}
+
 TEST_F(WebSocket, BadMessagesAreAnsweredAndTooLargeOnesEndTheConnection)
 {
   options.limits.messageBytes = 10000;

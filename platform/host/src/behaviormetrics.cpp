@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <vu/log.hpp>
 #include <zb/zbproxy.hpp>
 
 namespace Tarvik
@@ -53,6 +54,17 @@ void writeBehaviorMetrics(ZB::ZBBroker& broker, MetricsText& text)
     writeStates(*manager, text);
   if (const auto history = broker.getProxy("RunHistory"))
     writeRuns(*history, text);
+}
+
+void writeLogMetrics(ZB::ZBBroker& broker, MetricsText& text)
+{
+  text.family("tarvik_log_lines_dropped_total", "counter", "Lines that are not in the log, since whoever reads it did not keep up.");
+  text.sample({}, static_cast<double>(vu::log::linesLeftOut()));
+  const auto frames = broker.getProxy("ZBFrameManager");
+  if (!frames)
+    return;
+  text.family("tarvik_behavior_lines_dropped_total", "counter", "Lines that behaviors have printed beyond what one may.");
+  text.sample({}, frames->call<double>("getLinesLeftOut"));
 }
 
 } // namespace Tarvik

@@ -10,4 +10,7 @@ namespace Tarvik
 /// service that is not there is left out.
 void writeBehaviorMetrics(ZB::ZBBroker& broker, MetricsText& text);
 
+/// Writes how much of what was said nobody was told.
+void writeLogMetrics(ZB::ZBBroker& broker, MetricsText& text);
+
 } // namespace Tarvik

@@ -7,10 +7,12 @@
 #include <systemd/sd-daemon.h>
 
 #include <host/commandline.hpp>
+#include <host/surroundings.hpp>
 #include <host/watchdog.hpp>
 
 int main(int argc, char** argv)
 {
+  Tarvik::prepareProcess();
   int exitCode = 1;
   const auto commandLine = Tarvik::parseCommandLine(argc, argv, std::cout, std::cerr, exitCode);
   if (!commandLine)
@@ -18,10 +20,13 @@ int main(int argc, char** argv)
   vu::log::setLevel(commandLine->logLevel);
   try
   {
+    const vu::log::Background background;
     // Handled, not blocked: a blocked signal would stay so in the programs
     // that behaviors start. One that comes early waits in the set.
     boost::asio::io_context io;
     boost::asio::signal_set signals(io, SIGTERM, SIGINT);
+    if (Tarvik::endsOnHangup())
+      signals.add(SIGHUP);
     signals.async_wait([&io](auto, int) { io.stop(); });
     Tarvik::Host host(commandLine->host);
     host.start();
@@ -29,11 +34,15 @@ int main(int argc, char** argv)
     sd_notify(0, "READY=1");
     std::optional<Tarvik::Watchdog> watchdog;
     if (std::uint64_t limit = 0; sd_watchdog_enabled(0, &limit) > 0)
-      watchdog.emplace(io, host.broker()->pool(), std::chrono::microseconds(limit), [] { sd_notify(0, "WATCHDOG=1"); });
+      watchdog.emplace(
+          io, std::chrono::microseconds(limit), [&host](auto done) { host.probe(std::move(done)); }, [] { sd_notify(0, "WATCHDOG=1"); });
     io.run();
-    signals.clear(); // a second one ends the process at once
+    // A second one of these ends the process at once; a terminal that goes
+    // away sends SIGHUP more than once.
+    signals.remove(SIGTERM);
+    signals.remove(SIGINT);
     watchdog.reset();
-    sd_notify(0, "STOPPING=1");
+    sd_notifyf(0, "STOPPING=1\nEXTEND_TIMEOUT_USEC=%lld", static_cast<long long>(host.stopLimit().count()));
     host.stop();
     return 0;
   }

@@ -5,9 +5,8 @@
 namespace Tarvik
 {
 
-Watchdog::Watchdog(boost::asio::io_context& io, std::shared_ptr<vu::ThreadPool> pool, std::chrono::microseconds limit,
-                   std::function<void()> alive)
-    : _timer(io), _pool(std::move(pool)), _interval(limit / 2), _alive(std::move(alive))
+Watchdog::Watchdog(boost::asio::io_context& io, std::chrono::microseconds limit, Probe probe, std::function<void()> alive)
+    : _timer(io), _interval(limit / 2), _probe(std::move(probe)), _alive(std::move(alive))
 {
   wait();
 }
@@ -17,7 +16,7 @@ void Watchdog::wait()
   if (_progress->exchange(false))
   {
     _alive();
-    _pool->postUrgent([progress = _progress] { *progress = true; });
+    _probe([progress = _progress] { *progress = true; });
   }
   _timer.expires_after(_interval);
   _timer.async_wait(

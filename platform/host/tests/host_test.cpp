@@ -1,5 +1,7 @@
 #include "fixture.hpp"
 
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 
 #include <behaviormetrics.hpp>
@@ -8,6 +10,7 @@
 
 using namespace Tarvik;
 using namespace HostTest;
+namespace fs = std::filesystem;
 using HostInProcess = RootFixture;
 using testing::HasSubstr;
 
@@ -78,7 +81,6 @@ TEST_F(HostInProcess, GivesEverySettingToWhomItIsFor)
   EXPECT_EQ(configuration, (vu::Value{{"root", root.string()},
                                       {"systemPackages", {"/system"}},
                                       {"url", host.url()},
-                                      {"tokenFile", (root / "run/token").string()},
                                       {"packageLimits", {{"bytes", 11}, {"entries", 22}}},
                                       {"history", {{"runs", 33}}},
                                       {"framemanager", {{"terminateGraceMs", 77}}}}));
@@ -120,6 +122,36 @@ TEST_F(HostInProcess, FailedStartNamesTheFaultAndLeavesNothingBehind)
   EXPECT_TRUE(host.url().starts_with("http://[::1]:"));
 }
 
+TEST_F(HostInProcess, WhatOthersCouldChangeIsRefusedByName)
+{
+  {
+    Host host(options);
+    host.start();
+    connect()->call("Tokens.add", {"alice", "observer"}).value();
+  }
+  const auto start = [this] { return errorOf([this] { Host(options).start(); }); };
+  for (const auto* const name : {".", "packages", "preferences", "run", "tokens"})
+    for (const auto access : {fs::perms::group_write, fs::perms::others_write})
+    {
+      const auto file = (root / name).lexically_normal();
+      const auto mode = fs::status(file).permissions();
+      fs::permissions(file, mode | access);
+      const auto text = start();
+      EXPECT_THAT(text, HasSubstr("\"chmod go-w " + root.string())) << name;
+      EXPECT_THAT(text, HasSubstr(std::string(name) == "." ? "" : name));
+      fs::permissions(file, mode);
+    }
+  if (::geteuid() == 0) // nobody else may give files away
+    for (const auto* const name : {"tokens", "."})
+    {
+      ASSERT_EQ(::chown((root / name).c_str(), 12345, 12345), 0);
+      EXPECT_THAT(start(), HasSubstr("belongs to another account (user 12345)"));
+      ASSERT_EQ(::chown((root / name).c_str(), 0, 0), 0);
+    }
+  Host host(options);
+  host.start();
+}
+
 TEST_F(HostInProcess, ModuleThatCannotBeLoadedOrThrowsIsNamedAndTheRestWorks)
 {
   const auto noLibrary = writeFile(root / "libnothing.so", "nothing");
@@ -141,7 +173,21 @@ TEST_F(HostInProcess, TellsOfItsBehaviorsInFigures)
   EXPECT_EQ(play("<fail reason=\"no arm\"/>", "runEnded")["message"], "no arm");
   MetricsText text;
   writeBehaviorMetrics(*host.broker(), text);
-  for (const std::string figure : {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1",
-                                   "tarvik_behavior_ends_total{outcome=\"failed\"} 1", "tarvik_behavior_run_duration_seconds_count 1"})
+  writeLogMetrics(*host.broker(), text);
+  for (const std::string figure :
+       {"tarvik_behaviors{state=\"running\"} 0", "tarvik_behavior_starts_total 1", "tarvik_behavior_ends_total{outcome=\"failed\"} 1",
+        "tarvik_behavior_run_duration_seconds_count 1", "tarvik_log_lines_dropped_total 0", "tarvik_behavior_lines_dropped_total 0"})
     EXPECT_THAT(text.text(), HasSubstr("\n" + figure + "\n"));
+}
+
+TEST_F(HostInProcess, AnswersTheWatchdogWithAndWithoutBehaviorsThatPlay)
+{
+  Host host(options);
+  EXPECT_THROW(host.probe([] {}), std::logic_error);
+  host.start();
+  TestSupport::Event answered(2);
+  host.probe([&answered] { answered.set(); });
+  play("<wait seconds=\"1000\"/>", "runBegan");
+  host.probe([&answered] { answered.set(); });
+  EXPECT_TRUE(answered.wait());
 }

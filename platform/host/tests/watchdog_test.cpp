@@ -19,7 +19,8 @@ TEST(Watchdog, FallsSilentWhileThePoolIsStuckAndComesBack)
   boost::asio::io_context io;
   const auto pool = std::make_shared<vu::ThreadPool>(vu::ThreadPool::Limits{1, 1, 64, 1s});
   int signs = 0;
-  Tarvik::Watchdog watchdog(io, pool, 4ms, [&signs] { ++signs; });
+  const auto probe = [&pool](const std::function<void()>& done) { pool->post(done); };
+  Tarvik::Watchdog watchdog(io, 4ms, probe, [&signs] { ++signs; });
   const auto more = [&](int wanted)
   {
     return eventually(
@@ -75,7 +76,7 @@ TEST_F(Notify, TheServiceManagerHearsOfTheStartOfLifeAndOfTheEnd)
   auto last = hear();
   while (last == "WATCHDOG=1")
     last = hear();
-  EXPECT_EQ(last, "STOPPING=1");
+  EXPECT_EQ(last, "STOPPING=1\nEXTEND_TIMEOUT_USEC=12000000") << "the grace of programs, and ten seconds";
   EXPECT_EQ(daemon.waitForEnd(), 0) << daemon.error();
   ::close(listener);
 }

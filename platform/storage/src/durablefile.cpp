@@ -133,6 +133,15 @@ std::size_t removeTemporaryFiles(const fs::path& directory)
   return removed;
 }
 
+fs::path nameForDamaged(const fs::path& file)
+{
+  auto name = file;
+  name += ".damaged";
+  for (int number = 2; fs::exists(fs::symlink_status(name)); ++number)
+    name = file.string() + ".damaged." + std::to_string(number);
+  return name;
+}
+
 std::string readFile(const fs::path& file, std::uintmax_t limit)
 {
   // Without O_NONBLOCK a pipe that bears the name would be waited for for ever.

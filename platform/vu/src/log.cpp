@@ -3,14 +3,20 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <stdexcept>
+#include <utility>
 
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <vu/caller.hpp>
 #include <vu/error.hpp>
 #include <vu/text.hpp>
+
+#include "logwriter.hpp"
 
 namespace vu::log
 {
@@ -26,24 +32,68 @@ namespace
 
 constexpr std::array<std::string_view, 7> levelNames{"silent", "fatal", "error", "warning", "info", "verbose", "debug"};
 
+constexpr const char* linePattern = "%Y-%m-%dT%H:%M:%S.%e %v";
+constexpr std::chrono::seconds lastWordsLimit(1);
+
 std::atomic<Level> maximum{Level::Info};
+std::atomic<std::uint64_t> leftOut{0};
 
 std::mutex capturesMutex; // guards captures
 std::vector<std::shared_ptr<Capture::Store>> captures;
 std::atomic<bool> capturing{false};
 
-spdlog::logger& output()
+std::string leftOutNotice(std::uint64_t lines)
 {
-  // Never destroyed: late threads may still log while the process ends.
-  static auto* const logger = []
+  spdlog::memory_buf_t text;
+  spdlog::pattern_formatter(linePattern)
+      .format({"tarvik", spdlog::level::info,
+               fmt::format("[warning] log.write: {} line{} left out: whoever reads the log did not keep up", lines, lines == 1 ? "" : "s")},
+              text);
+  return fmt::to_string(text);
+}
+
+/// Writes to stderr: at once, or through a writer while it has one.
+class Output final : public spdlog::sinks::base_sink<std::mutex>
+{
+public:
+  void setWriter(std::shared_ptr<LogWriter> writer)
   {
-    auto* made = new spdlog::logger("tarvik", std::make_shared<spdlog::sinks::stderr_sink_mt>());
-    made->set_level(spdlog::level::trace);
-    made->set_pattern("%Y-%m-%dT%H:%M:%S.%e %v");
-    made->flush_on(spdlog::level::trace);
-    return made;
+    const std::lock_guard lock(mutex_);
+    std::swap(_writer, writer);
+  }
+
+private:
+  void sink_it_(const spdlog::details::log_msg& message) override
+  {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    if (_writer)
+      _writer->push(fmt::to_string(line));
+    else if (!writeWhole(STDERR_FILENO, {line.data(), line.size()}))
+      ++leftOut;
+  }
+  void flush_() override {}
+
+  std::shared_ptr<LogWriter> _writer; // guarded by mutex_
+};
+
+// Neither is ever destroyed: late threads may still log while the process ends.
+const std::shared_ptr<Output>& output()
+{
+  static const auto* const sink = new std::shared_ptr<Output>(std::make_shared<Output>());
+  return *sink;
+}
+
+spdlog::logger& logger()
+{
+  static auto* const made = []
+  {
+    auto* logger = new spdlog::logger("tarvik", output());
+    logger->set_level(spdlog::level::trace);
+    logger->set_pattern(linePattern);
+    return logger;
   }();
-  return *logger;
+  return *made;
 }
 
 /// One line stays one line, whatever a behavior prints or a client sends.
@@ -82,8 +132,23 @@ void write(Level level, std::string_view category, std::string_view function, st
   if (level > maximum.load() || level == Level::Silent)
     return;
   const auto& caller = currentCaller();
-  output().info("[{}] {}.{}{}{}: {}", levelNames[static_cast<std::size_t>(level)], category, function, caller.empty() ? "" : " for ",
+  logger().info("[{}] {}.{}{}{}: {}", levelNames[static_cast<std::size_t>(level)], category, function, caller.empty() ? "" : " for ",
                 oneLine(caller), oneLine(message));
+}
+
+std::uint64_t linesLeftOut() { return leftOut; }
+
+Background::Background()
+    : _writer(std::make_shared<LogWriter>(STDERR_FILENO, LogWriter::Limits(), LogWriter::Notice(leftOutNotice), leftOut))
+{
+  output()->setWriter(_writer);
+}
+
+Background::~Background()
+{
+  // Where the reader still stands, later lines are better lost than waited for.
+  if (_writer->flush(lastWordsLimit))
+    output()->setWriter(nullptr);
 }
 
 void callbackError(std::string_view where) noexcept

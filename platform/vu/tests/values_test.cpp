@@ -44,7 +44,8 @@ TEST(PackageInfo, ConvertsToAValueAndBackOrNamesTheMemberThatDoesNotFit)
 {
   const auto value = Value::parse(R"({"uuid": "greetings", "version": "1.2.0", "installer": "alice", "path": "/p/greetings",
     "names": {"en_US": "Greetings"}, "descriptions": {"en_US": "Says hello"}, "behaviors": [
-      {"path": "hello", "nature": "solitary", "tags": {"en_US": ["b", "a"], "fr": []}}, {"path": ".", "nature": "", "tags": {}}]})");
+      {"path": "hello", "nature": "solitary", "tags": {"en_US": ["b", "a"], "fr": []}}, {"path": ".", "nature": "", "tags": {}}],
+    "may": ["Tokens.add"]})");
   EXPECT_EQ(Value(fromValue<PackageInfo>(value)), value);
   EXPECT_TRUE(PackageInfo(Value{{"uuid", "small"}}).behaviors().empty());
 

@@ -60,6 +60,9 @@ public:
     std::shared_ptr<Access> access = std::make_shared<Access>();
     std::string tlsCertificate; ///< PEM file with the chain; empty: no TLS
     std::string tlsKey;         ///< PEM file
+    /// Told the certificate that is served from now on, as PEM text: by
+    /// listen(), and later on the broker's pool, when its file has changed.
+    std::function<void(const std::string& pem)> certificateTaken;
     /// Allows to listen without TLS where others can listen in.
     bool insecure = false;
     GatewayLimits limits;
@@ -83,13 +86,18 @@ public:
   Gateway& operator=(const Gateway&) = delete;
 
   /// Takes the port and tells the address, "http://127.0.0.1:7110", which for
-  /// a listener on every address is this machine's own. Clients
+  /// a listener on every address is this machine's own, and with TLS has a name
+  /// that the certificate is good for, where there is one. Clients
   /// may connect from then on and wait for start(). Throws std::runtime_error
   /// that names the address, or the file, and the reason.
   std::string listen();
 
   /// Begins to answer for `broker`; after listen(), once.
   void start(std::shared_ptr<ZB::ZBBroker> broker);
+
+  /// Runs `task`, which is brief, on the gateway's thread: never, should that
+  /// hang. From start() to stop().
+  void post(std::function<void()> task);
 
   /// Begins what stop() does, and returns at once: what completes from then on
   /// is not told to clients any more.

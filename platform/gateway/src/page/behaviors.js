@@ -2,7 +2,7 @@
 
 import { arrange, byId, clock, element, setAttribute, setText, shownName, timeOfDay, visible } from "./dom.js";
 import { outcomes, reason } from "./history.js";
-import { removeButton } from "./packages.js";
+import { mayText, removeButton } from "./packages.js";
 
 const stateGlyphs = { installed: "○", loaded: "◐", running: "●" };
 
@@ -72,16 +72,18 @@ export class BehaviorList {
   #group(each, shown) {
     let group = this.#groups.get(each.uuid);
     if (!group) {
-      const parts = { title: element("span", { class: "title" }), about: element("span", { class: "muted" }), remove: element("span"), description: element("p", { class: "muted" }), list: element("ul") };
+      const parts = { title: element("span", { class: "title" }), about: element("span", { class: "muted" }), remove: element("span"), description: element("p", { class: "muted" }), rights: element("p", { class: "muted rights" }), list: element("ul") };
       const node = element("section", { class: "package" },
         element("div", { class: "bar" }, element("h3", {}, parts.title, " ", parts.about), element("span", { class: "space" }), parts.remove),
-        parts.description, parts.list);
+        parts.description, parts.rights, parts.list);
       group = { ...parts, node };
       this.#groups.set(each.uuid, group);
     }
     setText(group.title, each.title || each.uuid);
     setText(group.about, [each.title && each.title !== each.uuid ? each.uuid : "", each.version, each.installer === "system" ? "system" : ""].filter(Boolean).join(" · "));
     setText(group.description, each.behaviors.length ? each.description : "This package has no behaviors.");
+    setText(group.rights, mayText(each.may));
+    group.rights.hidden = !each.may.length;
     if (group.record !== JSON.stringify(each)) {
       group.record = JSON.stringify(each);
       group.remove.replaceChildren(...(this.host.mayInstall && each.installer !== "system" ? [removeButton(this.host, each)] : []));
@@ -150,9 +152,18 @@ export class BehaviorList {
     this.host.catalogue.refresh(changed);
   }
 
+  /** One that is refused keeps no other one running. */
   async #stopAll() {
     this.#failures.delete("");
-    await this.host.connection.call("ZBBehaviorManager.stopAllBehaviors").catch((error) => this.#failures.set("", `Not everything is stopped: ${error.message}`));
+    const call = (method, ...parameters) => this.host.connection.call(`ZBBehaviorManager.${method}`, ...parameters);
+    try {
+      const refusals = new Map();
+      await Promise.all((await call("getRunningBehaviors")).map((name) => call("stopBehavior", name).catch((error) => refusals.set(name, error.message))));
+      const left = await call("getRunningBehaviors");
+      if (left.length) this.#failures.set("", `Not everything is stopped: ${left.map((name) => `${shownName(name)} (${refusals.get(name) ?? "started meanwhile"})`).join(", ")}`);
+    } catch (error) {
+      this.#failures.set("", `Not everything is stopped: ${error.message}`);
+    }
     this.draw();
   }
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -50,10 +52,18 @@ public:
   /// module's constructor throws, and leaves nothing behind then.
   void start();
 
+  /// Calls `done`, on some thread, when the gateway's thread, the broker's pool
+  /// and the threads that behaviors play on have each got something done, one
+  /// after the other. Of the started host.
+  void probe(std::function<void()> done) const;
+
   /// Sends the clients away, stops all behaviors, ends the modules in reverse
   /// order, and gives the root free. Waits for calls under way. A second call
   /// does nothing.
   void stop();
+
+  /// What stop() may take with these settings; far more than it does.
+  std::chrono::microseconds stopLimit() const;
 
   /// Of the started host, "http://127.0.0.1:7110".
   const std::string& url() const;

@@ -8,30 +8,31 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include <vu/threadpool.hpp>
-
 namespace Tarvik
 {
 
 /// Tells a service manager regularly that the host is alive, as long as its
-/// pool makes progress: each time, the task that was posted the time before
-/// must have run. A host whose threads are all stuck falls silent and is
+/// threads make progress: each time, the probe that was sent the time before
+/// must have come back. A host of which a part is stuck falls silent and is
 /// started anew.
 ///
 /// Runs on the io context's thread, which also destroys it.
 class Watchdog
 {
 public:
+  /// Calls what it is given when all parts have got something done; on any thread.
+  using Probe = std::function<void(std::function<void()> done)>;
+
   /// `alive` is called every half of `limit`, the time after which the
   /// service manager loses its patience.
-  Watchdog(boost::asio::io_context& io, std::shared_ptr<vu::ThreadPool> pool, std::chrono::microseconds limit, std::function<void()> alive);
+  Watchdog(boost::asio::io_context& io, std::chrono::microseconds limit, Probe probe, std::function<void()> alive);
 
 private:
   void wait();
 
   boost::asio::steady_timer _timer;
-  const std::shared_ptr<vu::ThreadPool> _pool;
   const std::chrono::microseconds _interval;
+  const Probe _probe;
   const std::function<void()> _alive;
   const std::shared_ptr<std::atomic<bool>> _progress = std::make_shared<std::atomic<bool>>(true);
 };

@@ -5,19 +5,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
-#include <set>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <descendants.hpp>
 #include <guardprotocol.hpp>
 
-#include "descendants.hpp"
 #include "program.hpp"
 
 namespace ZB::FrameManager
@@ -130,7 +131,7 @@ private:
     if (_program.pid != 0) // while it is not collected, the number is its own
     {
       _asked = _program.pid;
-      signalGroup(_asked);
+      signalGroup(_asked, _signal);
       *_sweepAt += sweepDelay;
     }
   }
@@ -146,31 +147,13 @@ private:
     }
     if (!_sweepAt || now < *_sweepAt)
       return;
-    sweep();
+    signalDescendants(::getpid(), _signal, _asked);
     _sweepAt.reset();
     if (_signal == SIGKILL)
     {
       _sweepAt = now + _delay;
       _delay = std::min(2 * _delay, longestSweepDelay);
     }
-  }
-
-  /// A group is signalled as a whole, which no fork escapes. As this process
-  /// leads a session of its own, only descendants can be in a descendant's group.
-  void sweep() const
-  {
-    std::set<pid_t> groups{_asked, ::getpgrp()};
-    for (const auto& process : descendantsOf(::getpid()))
-      if (process.group == ::getpgrp())
-        ::kill(process.pid, _signal);
-      else if (groups.insert(process.group).second)
-        signalGroup(process.group);
-  }
-
-  void signalGroup(pid_t group) const
-  {
-    ::kill(-group, _signal);
-    ::kill(-group, SIGCONT); // a halted process would not get it
   }
 
   int untilNext() const
@@ -200,13 +183,20 @@ private:
 
 } // namespace ZB::FrameManager
 
-/// tarvik-guard GRACE DIRECTORY PROGRAM [ARGUMENT...], with the socket of guardprotocol.hpp.
+/// tarvik-guard GRACE UMASK FILES DIRECTORY PROGRAM [ARGUMENT...], with the
+/// socket of guardprotocol.hpp. A negative umask stays as it is.
 int main(int argc, char** argv)
 {
-  if (argc < 4)
+  if (argc < 6)
   {
     std::fputs("tarvik-guard belongs to the frame manager, which runs programs with it\n", stderr);
     return 2;
   }
-  return ZB::FrameManager::Guard(std::chrono::milliseconds(std::atol(argv[1]))).run(argv[2], argv + 3);
+  if (const int mask = std::atoi(argv[2]); mask >= 0)
+    ::umask(static_cast<mode_t>(mask));
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::strtoull(argv[3], nullptr, 10);
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  return ZB::FrameManager::Guard(std::chrono::milliseconds(std::atol(argv[1]))).run(argv[4], argv + 5);
 }

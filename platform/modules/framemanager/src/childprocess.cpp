@@ -1,6 +1,5 @@
 #include <childprocess.hpp>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -10,11 +9,10 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <guardprotocol.hpp>
+#include <vu/os.hpp>
 
 namespace ZB::FrameManager
 {
@@ -102,7 +100,8 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
   ::posix_spawnattr_setsigdefault(&attributes.value, &all);
   ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), directory.string()};
+  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), std::to_string(vu::os::inheritedUmask()),
+                                     std::to_string(vu::os::inheritedFileLimit()), directory.string()};
   arguments.insert(arguments.end(), words.begin(), words.end());
 
   // Nothing here touches what the program lies on, which may be a file system
@@ -115,16 +114,6 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
                              ", which guards programs, cannot be executed; is the installation whole?");
   else if (error != 0)
     fail(program, error);
-  // It has not been collected, so that its number still is its own. (The C
-  // library's pidfd_open() cannot be linked from C++ in glibc 2.36.)
-  child.ended = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child.guard, 0)));
-  if (!child.ended)
-  {
-    const int reason = errno;
-    control = {}; // upon which the guard ends the program and itself
-    ::waitpid(child.guard, nullptr, 0);
-    fail(program, reason);
-  }
   child.control = std::move(control[0]);
   child.output = std::move(output[0]);
   child.errors = std::move(errors[0]);
@@ -136,19 +125,6 @@ std::string cannotStart(const std::string& program, int error, const std::filesy
   std::error_code ignored;
   return "cannot start " + program + ": " + std::generic_category().message(error) +
          (std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
-}
-
-std::vector<std::string> environmentWith(const std::vector<std::string>& values)
-{
-  auto result = values;
-  for (char** entry = environ; entry && *entry; ++entry)
-  {
-    const std::string text = *entry;
-    const auto name = text.substr(0, text.find('=') + 1);
-    if (std::none_of(values.begin(), values.end(), [&name](const auto& value) { return value.compare(0, name.size(), name) == 0; }))
-      result.push_back(text);
-  }
-  return result;
 }
 
 } // namespace ZB::FrameManager

@@ -13,13 +13,13 @@ namespace ZB::FrameManager
 {
 
 /// A program that runs under a guard of its own (see guardprotocol.hpp), and
-/// what the guard's starter holds of both. Whoever starts it has to collect
-/// the guard, which ends when nothing is left of the program.
+/// what the guard's starter holds of both, as few descriptors as can be. Whoever
+/// starts it has to collect the guard, which ends when nothing is left of the
+/// program.
 struct ChildProcess
 {
   pid_t guard = 0;
-  FileDescriptor ended;   ///< a pidfd of the guard: readable when it has ended
-  FileDescriptor control; ///< the socket to the guard
+  FileDescriptor control; ///< the socket to the guard; at its end when that has gone
   FileDescriptor output;
   FileDescriptor errors;
 };
@@ -35,9 +35,5 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
 
 /// Why a program could not be started in `directory`, for a person.
 std::string cannotStart(const std::string& program, int error, const std::filesystem::path& directory);
-
-/// This process's environment with `values` ("NAME=value") in the place of
-/// those of the same names.
-std::vector<std::string> environmentWith(const std::vector<std::string>& values);
 
 } // namespace ZB::FrameManager

@@ -8,7 +8,7 @@
 /// To the guard go milliseconds, as a std::int32_t: ask everything to end now,
 /// and kill what is left after that time. The end of the socket means that the
 /// frame manager has gone. From the guard come GuardReports, and its own end,
-/// which means that nothing is left.
+/// and the socket's with it, which means that nothing is left.
 namespace ZB::FrameManager
 {
 

@@ -9,8 +9,10 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <outputbudget.hpp>
 #include <packages/project.hpp>
 #include <playsettings.hpp>
+#include <runtoken.hpp>
 
 namespace ZB::FrameManager
 {
@@ -43,8 +45,13 @@ struct Play
   std::shared_ptr<const PlaySettings> settings;
   std::shared_ptr<const Project> project;
   std::string name;
-  std::string caller; ///< on whose behalf services are called
+  Caller caller; ///< its programs' token is this caller's, too
+  std::shared_ptr<RunToken> token;
   Strand strand;
+  std::shared_ptr<OutputBudget> output;
+  /// Why something of it lives on; empty where nothing does. Told even where
+  /// the behavior was stopped, when failures are not.
+  std::shared_ptr<std::string> leftAlone = std::make_shared<std::string>();
 };
 
 /// A step of a project while it is played.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,9 @@ namespace ZB::FrameManager
 /// stop, on a time-out, and when the program ends by itself.
 ///
 /// The step ends with the guard, and so when nothing of the program is left.
+/// From the moment when the guard has to end everything, it is looked after: a
+/// program can halt it. What it has not ended a while after the grace is killed
+/// from here, and what nobody can kill is given up in the end, and told.
 class PlayedProgram final : public PlayedStep
 {
 public:
@@ -27,27 +31,36 @@ private:
   using Error = const boost::system::error_code&;
 
   void begin() override;
-  void letGo() override { terminate(); }
+  void letGo() override;
+  /// With the run's token, empty where there is none.
+  void launch(const std::string& tokenFile);
   std::shared_ptr<OutputReader> makeReader(FileDescriptor pipe, bool isError);
 
   void waitForReport();
   void reported(Error error);
   /// False at the end of the socket.
   bool takeReports();
-  void waitForGuard();
-  void guardEnded(Error error);
+  /// The guard has gone, or is about to.
+  void collectGuard(Error error = {});
   void timedOut(Error error);
   void terminate();
-  void killOver(Error error);
+  /// Everything is to have gone within that time.
+  void expectEnd(std::chrono::milliseconds grace);
+  void lookAfterGuard(Error error);
+  void giveUp();
   void conclude();
   /// Why it failed; empty where it did not.
+  std::string failure() const;
+  /// The same with what was left alone.
   std::string message() const;
 
   const ProgramStep& _step;
-  boost::asio::posix::stream_descriptor _ended; ///< of the guard
+  using Clock = std::chrono::steady_clock;
+
   boost::asio::posix::stream_descriptor _control;
   boost::asio::steady_timer _limit;
-  boost::asio::steady_timer _giveUp;
+  boost::asio::steady_timer _collecting;
+  boost::asio::steady_timer _lookingAfter;
   std::shared_ptr<OutputReader> _output;
   std::shared_ptr<OutputReader> _errors;
   pid_t _guard = 0;
@@ -56,6 +69,8 @@ private:
   std::optional<int> _status;
   bool _timedOut = false;
   bool _terminating = false;
+  Clock::time_point _killAt = Clock::time_point::max(); ///< when the guard begins to kill
+  std::string _leftAlone;
 };
 
 } // namespace ZB::FrameManager

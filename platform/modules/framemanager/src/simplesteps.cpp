@@ -1,7 +1,5 @@
 #include <simplesteps.hpp>
 
-#include <vu/log.hpp>
-
 namespace ZB::FrameManager
 {
 
@@ -26,7 +24,7 @@ void PlayedWait::elapsed(const boost::system::error_code&) { end(); }
 
 void PlayedLog::begin()
 {
-  vu::log::info("framemanager", "log", play().name + ": " + _step.message);
+  play().output->log(vu::log::Level::Info, "log", _step.message);
   end();
 }
 

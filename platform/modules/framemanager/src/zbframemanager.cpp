@@ -3,6 +3,9 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <boost/asio/post.hpp>
+
+#include <zb/calllog.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -49,7 +52,9 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
   try
   {
     auto settings = FrameManager::readSettings(broker.configuration());
-    settings.calls = std::make_shared<const CallGate>(broker.session());
+    settings.session = broker.session();
+    settings.calls = std::make_shared<const CallGate>(broker.session(), logCalls("framemanager"));
+    settings.eventCalls = std::make_shared<const CallGate>(broker.session(), logCalls("framemanager", vu::log::Level::Debug));
     settings.gate = std::move(gate);
     return std::make_shared<const PlaySettings>(std::move(settings));
   }
@@ -67,7 +72,8 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
 {
   setModuleDescription("Plays behaviors from their project files");
 
-  functionName("createBehavior", getName(), "Reads a project whole and makes an instance of it, ready to be played");
+  functionName("createBehavior", getName(),
+               "Reads a project whole, with the rights that its package asks for, and makes an instance of it, ready to be played");
   addParam("packageDirectory", "Absolute path of the package's directory");
   addParam("projectFile", "Path of the project file, relative to the package's directory and inside it");
   addParam("name", "Name of the behavior, for the log and the history");
@@ -100,6 +106,15 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   setAccess(vu::Role::Admin);
   bindMethod(this, &ZBFrameManager::beginClosing);
 
+  functionName("_ping", getName(), "Completes once the threads that behaviors play on have come to it. INTERNAL");
+  setReturn("answered", "Completes then");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &ZBFrameManager::ping);
+
+  functionName("getLinesLeftOut", getName(), "Get how many lines behaviors have printed beyond what one may");
+  setReturn("lines", "Lines that are in no log, since the start");
+  bindMethod(this, &ZBFrameManager::linesLeftOut);
+
   advertiseSignal("behaviorStopped", behaviorStopped);
   advertiseSignal("behaviorFailed", behaviorFailed);
   advertiseSignal("instanceStarted", instanceStarted);
@@ -128,6 +143,15 @@ void ZBFrameManager::beginClosing()
     instance->stop(Ending::Kind::Shutdown);
 }
 
+vu::Future<void> ZBFrameManager::ping()
+{
+  const vu::Promise<void> answered(getParentBroker()->pool());
+  boost::asio::post(_pool.makeStrand(), [answered] { answered.setValue(); });
+  return answered.future();
+}
+
+std::int64_t ZBFrameManager::linesLeftOut() const { return static_cast<std::int64_t>(_settings->linesLeftOut->load()); }
+
 ZBFrameManager::Instances ZBFrameManager::held() const
 {
   const std::lock_guard lock(_mutex);
@@ -146,17 +170,17 @@ void ZBFrameManager::refuseWhenClosing(const std::string& method) const
 
 std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, const std::string& projectFile, const std::string& name)
 {
-  std::shared_ptr<const packages::Project> project;
+  std::shared_ptr<const FrameManager::LoadedBehavior> behavior;
   try
   {
-    project = _loader.load(packageDirectory, projectFile);
+    behavior = _loader.load(packageDirectory, projectFile);
   }
   catch (const std::exception& error)
   {
     throw ZBError(getName(), "createBehavior", error.what());
   }
   const auto& continuations = getParentBroker()->pool();
-  auto instance = std::make_shared<BehaviorInstance>(_settings, std::move(project), name, _pool.makeStrand(), continuations);
+  auto instance = std::make_shared<BehaviorInstance>(_settings, std::move(behavior), name, _pool.makeStrand(), continuations);
   std::string id;
   {
     const std::lock_guard lock(_mutex);
@@ -230,6 +254,8 @@ void ZBFrameManager::deleteBehavior(const std::string& id)
     throw ZBError(getName(), "deleteBehavior", "the behavior " + id + " has not ended within " + seconds(limit));
   conclude(id, deleted->ended().value());
   announced.wait(); // it may be the pool that emits the signals
+  if (const auto left = deleted->ended().value().leftAlone; !left.empty())
+    throw ZBError(getName(), "deleteBehavior", "not all of the behavior " + id + " has ended: " + left);
 }
 
 std::shared_ptr<BehaviorInstance> ZBFrameManager::instance(const std::string& id, const std::string& method) const
@@ -251,11 +277,12 @@ void ZBFrameManager::conclude(const std::string& id, const Ending& ending)
       return;
     instance = std::move(found->second.instance);
   }
-  const auto& [kind, failure, by] = ending;
+  instance->endToken();
+  const auto& [kind, failure, by, leftAlone] = ending;
   const bool failed = kind == Ending::Kind::Failed;
   if (failed)
     behaviorFailed(id, failure.step, failure.message);
-  instanceEnded(id, instance->name(), outcomeName(kind), failure.step, failure.message, by);
+  instanceEnded(id, instance->name(), outcomeName(kind), failure.step, failed ? failure.message : leftAlone, by);
   behaviorStopped(id);
 
   // The entry stays until here, so that whoever comes meanwhile waits for the emissions.

@@ -30,11 +30,17 @@ namespace ZB
 /// returns. The start of an instance is announced before its first step, and
 /// so before its end, unless it is deleted during that very announcement.
 ///
-/// Configuration: "url" and "tokenFile" for the processes' environment;
+/// A behavior may call what its package's manifest says (packages::Rights),
+/// whoever plays it, and so may its programs: a token that the service
+/// "Tokens" makes for the run, where there is one, lets them in at "url".
+///
+/// Configuration: "url", and the file "certificate" that it is known by, for the
+/// processes' environment;
 /// "framemanager": {"terminateGraceMs": milliseconds between SIGTERM and
 /// SIGKILL, "createTimeoutMs", "playTimeoutMs": the longest that
 /// createBehavior() and playBehavior() may take, "guard": the path of
-/// tarvik-guard, if it is not beside the library}.
+/// tarvik-guard, if it is not beside the library, "environment": names of the
+/// variables that processes get of this one's, besides the common ones}.
 class ZBFrameManager final : public ZBModule
 {
 public:
@@ -46,11 +52,16 @@ public:
   void playBehavior(const std::string& id);
   vu::Future<void> waitForStopped(const std::string& id);
   std::set<std::string> behaviors() const;
+  /// Throws, when all is done, where something of it could not be ended.
   void deleteBehavior(const std::string& id);
   /// Stops all instances, refuses further ones and returns at once. Their
   /// programs have one deadline in common, however late and in whatever order
   /// the instances are deleted.
   void beginClosing();
+  /// Completes when one of the threads that behaviors play on has come to it.
+  vu::Future<void> ping();
+  /// See OutputBudget; of all behaviors since the start.
+  std::int64_t linesLeftOut() const;
 
   vu::Signal<std::string> behaviorStopped;                          ///< id
   vu::Signal<std::string, std::string, std::string> behaviorFailed; ///< id, step, message
@@ -58,7 +69,8 @@ public:
   vu::Signal<std::string, std::string, std::string> instanceStarted;
   /// id, name, outcome ("finished", "failed", "stopped" by a deletion, or
   /// "shutdown" by the end of the frame manager), step and message of a
-  /// failure, and on whose behalf it was stopped
+  /// failure (of another end: what of it could not be ended, if anything), and
+  /// on whose behalf it was stopped
   vu::Signal<std::string, std::string, std::string, std::string, std::string, std::string> instanceEnded;
 
 private:

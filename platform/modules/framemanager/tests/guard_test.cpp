@@ -2,6 +2,10 @@
 
 #include <csignal>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace ZB::FrameManager
 {
 
@@ -19,6 +23,10 @@ const std::map<std::string, std::string> escapes{
     {"leaves a process in another group", "deaf(); os.fork() and leave(); os.setpgid(0, 0)"},
     {"joins the group of its guard", "os.setpgid(0, os.getpgid(os.getppid())); deaf()"},
     {"forks on and on from session to session", "deaf(); begun()\nwhile True:\n  os.fork() and leave(); os.setsid(); time.sleep(0.002)"},
+    {"halts its guard", "deaf(); os.kill(os.getppid(), signal.SIGSTOP)"},
+    {"halts its guard without end", "deaf(); begun()\nwhile True: os.kill(os.getppid(), signal.SIGSTOP)"},
+    {"leaves a daemon that halts its guard without end",
+     "deaf(); os.fork() and leave(); os.setsid(); begun()\nwhile True: os.kill(os.getppid(), signal.SIGSTOP)"},
     {"is its own children's reaper", "deaf(); __import__('ctypes').CDLL(None).prctl(36, 1); os.fork() or os.setsid()"},
     {"ends its first thread",
      "deaf(); threading.Thread(target=sleep).start(); begun(); __import__('ctypes').CDLL(None).pthread_exit(None)"}};
@@ -59,6 +67,7 @@ TEST_F(GuardTest, NoProcessOfABehaviorLivesOnceItIsDeletedHoweverItTriesTo)
     errorOf([&, &id = id] { manager->deleteBehavior(id); });
     EXPECT_EQ(outcome(stopped), "");
     EXPECT_EQ(processes(), std::set<pid_t>());
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a guard is left as a zombie";
     EXPECT_EQ(signalsOf(id), "stopped");
   }
 }
@@ -88,22 +97,48 @@ TEST_F(GuardTest, AGuardThatIsKilledTakesTheProgramAlongAndFailsTheBehavior)
   EXPECT_TRUE(eventually([this] { return processes().empty(); }));
 }
 
-TEST_F(GuardTest, WhatCannotBeKilledIsGivenUpAfterItsTimeAndTold)
+/// This process is somebody without rights meanwhile.
+class WithoutRights
 {
+public:
+  WithoutRights() { EXPECT_EQ(::setresuid(nobody, nobody, 0), 0); }
+  ~WithoutRights() { EXPECT_EQ(::setresuid(0, 0, 0), 0); }
+
+  static constexpr uid_t nobody = 65534;
+};
+
+TEST_F(GuardTest, WhatCannotBeKilledIsTheErrorOfWhoeverAskedAndToldWithTheEnd)
+{
+  if (::getuid() != 0 || !std::filesystem::exists("/usr/bin/setpriv"))
+    GTEST_SKIP() << "only root can make a program that this process may not end";
+  // A program that becomes root.
+  const auto becoming = directory / "become";
+  std::filesystem::copy_file("/usr/bin/setpriv", becoming);
+  ASSERT_EQ(::chown(directory.string().c_str(), WithoutRights::nobody, WithoutRights::nobody), 0);
+  ASSERT_EQ(::chmod(becoming.c_str(), 04755), 0);
   const vu::log::Capture log;
-  // A guard that is halted kills nobody.
-  const auto id = play(program("os.kill(os.getppid(), signal.SIGSTOP)"));
-  ASSERT_TRUE(begun());
   TestSupport::Journal ends;
-  manager->instanceEnded.connect([&](const std::string& ended, const std::string&, const std::string& kind, const std::string&,
-                                     const std::string&, const std::string&) { ends.add(ended + " " + kind); });
-  broker->removeModule("ZBFrameManager");
-  EXPECT_THAT(ends.lines(), testing::ElementsAre(id + " shutdown"));
-  EXPECT_EQ(log.count(vu::log::Level::Error, "of python3 cannot be killed; it is left alone"), 1u);
+  manager->instanceEnded.connect([&](const std::string&, const std::string&, const std::string& outcome, const std::string&,
+                                     const std::string& message, const std::string&)
+                                 { ends.add(outcome + " " + message.substr(0, message.find(" (processes"))); });
+  write("root.sh", "id -u > user; touch begun; exec sleep 1000");
+  std::string refusal;
+  {
+    const WithoutRights meanwhile;
+    const auto id = play("<run command=\"./become --reuid 0 --clear-groups sh root.sh\"/>");
+    ASSERT_TRUE(begun());
+    refusal = errorOf([&] { manager->deleteBehavior(id); });
+  }
+  if (TestSupport::readFile(directory / "user") != "0\n")
+    GTEST_SKIP() << "programs do not change their user here";
+  const std::string left = "./become cannot be ended and is left alone";
+  EXPECT_THAT(refusal, testing::HasSubstr(left));
+  EXPECT_THAT(ends.lines(), testing::ElementsAre("stopped " + left));
+  EXPECT_EQ(log.count(vu::log::Level::Error, left), 1u);
   EXPECT_FALSE(processes().empty());
   for (const auto process : processes())
     ::kill(process, SIGKILL);
-  EXPECT_TRUE(eventually([this] { return processes().empty(); }));
+  EXPECT_TRUE(eventually([] { return ::waitpid(-1, nullptr, WNOHANG) == -1; })) << "its guard is left as a zombie";
 }
 
 TEST_F(GuardTest, AMissingGuardFailsTheStepAndNothingElse)

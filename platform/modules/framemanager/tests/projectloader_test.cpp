@@ -25,7 +25,7 @@ TEST(ProjectLoaderTest, FilesThatDoNotAnswerHoldAFewReadersAndNobodyBeyondTheLim
                            answered.wait();
                          if (file == "bad.xar")
                            throw std::runtime_error("bad");
-                         return packages::Project{};
+                         return LoadedBehavior{};
                        });
   const auto failureOf = [&loader](const std::string& file) { return errorOf([&] { loader.load("/p", file); }); };
   EXPECT_EQ(failureOf("bad.xar"), "bad");
@@ -50,7 +50,7 @@ TEST(ProjectLoaderTest, ClosingSendsTheWaitingAwayAtOnce)
                        {
                          begun.set();
                          answered.wait();
-                         return packages::Project{};
+                         return LoadedBehavior{};
                        });
   const auto load = [&] { return errorOf([&] { loader.load("/p", "far.xar"); }); };
   auto waiting = std::async(std::launch::async, load);
@@ -93,7 +93,9 @@ TEST_F(TimeLimitTest, APlayThatCannotBeginIsStoppedAndTheNextSucceeds)
     stopped.push_back(manager->waitForStopped(play("<log message=\"held\"/>")));
   const auto late = create(note("late"));
   stopped.push_back(manager->waitForStopped(late));
+  const auto answered = manager->ping();
   const auto failure = errorOf([&] { manager->playBehavior(late); });
+  EXPECT_FALSE(answered.isFinished()) << "a watchdog would hear nothing";
   ::dup2(saved, 2);
   ::close(full[1]);
   std::string drained(1 << 20, 0);
@@ -102,6 +104,7 @@ TEST_F(TimeLimitTest, APlayThatCannotBeginIsStoppedAndTheNextSucceeds)
   EXPECT_THAT(failure, HasSubstr("has not begun within 1 s and was stopped"));
   for (const auto& each : stopped)
     EXPECT_EQ(outcome(each), "");
+  EXPECT_TRUE(answered.wait(TestSupport::patience));
   EXPECT_EQ(signalsOf(late), "stopped");
   EXPECT_EQ(run(note("next")), "");
   EXPECT_THAT(robot->notes.lines(), testing::ElementsAre("next"));

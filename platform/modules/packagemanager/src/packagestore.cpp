@@ -1,8 +1,11 @@
 #include <packagestore.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <random>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -111,6 +114,17 @@ std::vector<vu::PackageInfo> PackageStore::load() const
   return packages;
 }
 
+/// A package is moved to a name, not into a folder that would have to be made:
+/// a full disk has no room for one.
+fs::path PackageStore::removedName() const
+{
+  static std::atomic<std::uint64_t> number = std::random_device{}();
+  auto name = _directory / (removedPrefix + std::to_string(++number));
+  while (isThere(name))
+    name = _directory / (removedPrefix + std::to_string(++number));
+  return name;
+}
+
 fs::path PackageStore::makeHiddenFolder(const char* prefix) const
 {
   auto name = (_directory / (std::string(prefix) + "XXXXXX")).string();
@@ -129,14 +143,17 @@ StagedPackage PackageStore::stage(const fs::path& source, const std::string& ins
   return staged;
 }
 
-vu::PackageInfo PackageStore::inspect(const fs::path& source, const UnpackLimits& limits) const
+InspectedPackage PackageStore::inspect(const fs::path& source, const UnpackLimits& limits) const
 {
-  if (fs::is_directory(source))
+  const auto inspected = [this](const fs::path& folder)
   {
-    refuseOwnSurroundings(source);
-    return recordOf(source, {});
-  }
-  return recordOf(unpackedOrCopied(source, limits).path(), {});
+    auto info = recordOf(folder, {});
+    return InspectedPackage{info, packages::projectFaults(folder, info)};
+  };
+  if (!fs::is_directory(source))
+    return inspected(unpackedOrCopied(source, limits).path());
+  refuseOwnSurroundings(source);
+  return inspected(source);
 }
 
 HiddenFolder PackageStore::unpackedOrCopied(const fs::path& source, const UnpackLimits& limits) const
@@ -209,7 +226,7 @@ HiddenFolder PackageStore::install(StagedPackage& staged)
   // package that has to be put back.
   try
   {
-    auto removed = makeHiddenFolder(removedPrefix);
+    auto removed = removedName();
     fs::rename(aside, removed);
     return HiddenFolder(std::move(removed));
   }
@@ -222,8 +239,18 @@ HiddenFolder PackageStore::install(StagedPackage& staged)
 HiddenFolder PackageStore::remove(const std::string& uuid)
 {
   const auto place = _directory / uuid;
-  HiddenFolder removed(makeHiddenFolder(removedPrefix));
-  fs::rename(place, removed.path());
+  const auto name = removedName();
+  std::error_code error;
+  fs::rename(place, name, error);
+  if (error && !isThere(place))
+  {
+    vu::log::warning("packagemanager", "PackageStore::remove",
+                     "the folder of the package to be removed has gone already: " + inQuotes(place.string()));
+    return {};
+  }
+  if (error)
+    throw fs::filesystem_error("cannot move the package aside", place, error);
+  HiddenFolder removed(name);
   try
   {
     storage::syncDirectory(_directory);

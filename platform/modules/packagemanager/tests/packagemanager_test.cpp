@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "packagefixture.hpp"
+#include <testing/filefaults.hpp>
 #include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zbmemory.hpp>
@@ -228,6 +229,23 @@ TEST_F(Packages, wrongConfigurationIsRefused)
     configuration = wrong;
     EXPECT_THROW(start(), ZB::ZBError);
   }
+}
+
+TEST_F(Packages, aPackageGoesThoughItsFolderHasVanishedOrTheDiskIsFull)
+{
+  start();
+  install(makePackage("p", "p"));
+  install(makePackage("q", "q"));
+  fs::remove_all(store() / "p");
+  service->call("remove", "p");
+  {
+    const TestSupport::Injection full(TestSupport::Fault::DiskFull, 1);
+    service->call("remove", "q");
+  }
+  EXPECT_THAT(packages(), IsEmpty());
+  EXPECT_THAT(namesIn(store()), IsEmpty());
+  EXPECT_THAT(events, ElementsAre("packageInstalled p 1", "packageInstalled q 1", "packageRemoved p 1", "packageRemoved q 1"));
+  EXPECT_EQ(log.count(vu::log::Level::Warning, "has gone already"), 1U);
 }
 
 TEST_F(Packages, withoutAMemoryEventsAreLoggedAndPackagesWork)

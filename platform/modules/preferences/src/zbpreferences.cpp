@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 #include <utility>
 
 #include <storage/durablefile.hpp>
@@ -25,6 +26,62 @@ bool isNameCharacter(char character)
 {
   return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') || (character >= '0' && character <= '9') ||
          character == '.' || character == '_' || character == '-';
+}
+
+/// What is wrong with a file, as the end of a sentence about it.
+class Damage : public std::runtime_error
+{
+public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Throws Damage, or the filesystem_error of a file that cannot be read.
+vu::Value parsed(const fs::path& path)
+{
+  const std::string advice = "; repair or remove it: ";
+  try
+  {
+    return vu::Value::parse(storage::readFile(path),
+                            [&](int depth, vu::Value::parse_event_t, const vu::Value&)
+                            {
+                              if (depth > deepest)
+                                throw Damage(advice + "values stand more than " + std::to_string(deepest) + " deep in each other");
+                              return true;
+                            });
+  }
+  catch (const vu::Value::parse_error& error)
+  {
+    throw Damage(" at byte " + std::to_string(error.byte) + advice + vu::validUtf8(error.what()));
+  }
+  catch (const vu::Value::exception& error)
+  {
+    throw Damage(advice + error.what());
+  }
+}
+
+/// Before a file is replaced: whoever could not read it may be about to write
+/// what little it knows.
+void keepDamaged(const fs::path& path)
+{
+  try
+  {
+    parsed(path);
+  }
+  catch (const fs::filesystem_error&)
+  {
+    // There is none, or the write will tell.
+  }
+  catch (const Damage& damage)
+  {
+    const auto aside = storage::nameForDamaged(path);
+    std::error_code unsupported;
+    fs::create_hard_link(path, aside, unsupported);
+    if (unsupported)
+      fs::rename(path, aside);
+    vu::log::error("preferences", "writePrefFile",
+                   "the preference file " + path.string() + " is damaged and is kept as " + aside.filename().string() +
+                       ", since another one takes its place" + damage.what());
+  }
 }
 
 /// Why settings cannot be written; empty if they can.
@@ -99,16 +156,7 @@ vu::Value ZBPreferences::readPrefFile(const std::string& fileName, const bool&)
   const auto path = pathOf("readPrefFile", fileName);
   try
   {
-    return vu::Value::parse(storage::readFile(path),
-                            [&](int depth, vu::Value::parse_event_t, const vu::Value&)
-                            {
-                              if (depth > deepest)
-                                throw ZBError(getName(), "readPrefFile",
-                                              "the preference file " + path.string() +
-                                                  " is damaged; repair or remove it: values stand more than " + std::to_string(deepest) +
-                                                  " deep in each other");
-                              return true;
-                            });
+    return parsed(path);
   }
   catch (const fs::filesystem_error& error)
   {
@@ -116,15 +164,11 @@ vu::Value ZBPreferences::readPrefFile(const std::string& fileName, const bool&)
       throw ZBError(getName(), "readPrefFile", "there is no preference file \"" + fileName + "\" (" + path.string() + ")");
     throw ZBError(getName(), "readPrefFile", "the preference file \"" + fileName + "\" cannot be read: " + error.what());
   }
-  catch (const vu::Value::parse_error& error)
+  catch (const Damage& damage)
   {
-    throw ZBError(getName(), "readPrefFile",
-                  "the preference file " + path.string() + " is damaged at byte " + std::to_string(error.byte) +
-                      "; repair or remove it: " + vu::validUtf8(error.what()));
-  }
-  catch (const vu::Value::exception& error)
-  {
-    throw ZBError(getName(), "readPrefFile", "the preference file " + path.string() + " is damaged; repair or remove it: " + error.what());
+    const auto text = "the preference file " + path.string() + " is damaged" + damage.what();
+    vu::log::error("preferences", "readPrefFile", text);
+    throw ZBError(getName(), "readPrefFile", text);
   }
 }
 
@@ -135,7 +179,10 @@ void ZBPreferences::writePrefFile(const std::string& fileName, const vu::Value& 
   {
     if (const auto fault = faultOf(settings); !fault.empty())
       throw ZBError(getName(), "writePrefFile", "the preference file \"" + fileName + "\" was not written: " + fault);
-    storage::writeFileDurably(path, settings.dump(2) + "\n");
+    const auto content = settings.dump(2) + "\n";
+    const std::lock_guard lock(_writes);
+    keepDamaged(path);
+    storage::writeFileDurably(path, content);
   }
   catch (const vu::Value::exception& error)
   {

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <vu/value.hpp>
@@ -30,10 +31,10 @@ public:
   ~ZBPreferences() override;
 
   /// A missing file is an error; so is one that holds no JSON, which is told
-  /// with the offset of the fault.
+  /// with the offset of the fault, and logged.
   vu::Value readPrefFile(const std::string& fileName, const bool& flag);
   /// Refuses what JSON cannot hold: numbers that are not finite, texts that are
-  /// not UTF-8.
+  /// not UTF-8. A damaged file is kept beside (storage::nameForDamaged()).
   void writePrefFile(const std::string& fileName, const vu::Value& settings, const bool& flag);
   /// A missing file is an error.
   void removePrefFile(const std::string& fileName);
@@ -42,6 +43,7 @@ private:
   std::filesystem::path pathOf(const char* method, const std::string& fileName) const;
 
   std::filesystem::path _directory;
+  std::mutex _writes; ///< serialises writes with what is kept before them
 };
 
 } // namespace ZB

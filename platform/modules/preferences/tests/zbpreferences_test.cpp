@@ -8,6 +8,7 @@
 
 #include <testing/errors.hpp>
 #include <testing/files.hpp>
+#include <vu/log.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 #include <zb/zbpreferencesproxy.hpp>
@@ -78,6 +79,24 @@ TEST_F(Preferences, missingOrDamagedFileIsAnErrorThatNamesIt)
     EXPECT_THAT(error, testing::AllOf(HasSubstr(fault), HasSubstr(file("Damaged.json").string())));
     EXPECT_NO_THROW((void)vu::Value(error).dump()) << "the message cannot travel";
   }
+}
+
+TEST_F(Preferences, damagedFilesAreLoggedAndEachIsKeptBeforeAnotherTakesItsPlace)
+{
+  vu::log::Capture log;
+  for (const auto* kept : {"Settings.json.damaged", "Settings.json.damaged.2"})
+  {
+    writeFile(file("Settings.json"), kept + std::string(" {"));
+    errorOf([&] { read("Settings"); });
+    EXPECT_EQ(log.count(vu::log::Level::Error, "Settings.json is damaged at byte"), 1U);
+    write("Settings", "new");
+    EXPECT_EQ(log.count(vu::log::Level::Error, "is kept as " + std::string(kept) + ","), 1U);
+    EXPECT_EQ(read("Settings"), vu::Value("new"));
+    write("Settings", "newer"); // a sound one is not kept
+    EXPECT_EQ(TestSupport::readFile(file(kept)), kept + std::string(" {"));
+    log.clear();
+  }
+  EXPECT_EQ(files().size(), 3U);
 }
 
 TEST_F(Preferences, brokerWithoutRootIsRefused)

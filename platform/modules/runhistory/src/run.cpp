@@ -33,7 +33,7 @@ std::string Run::reason() const
   case Outcome::Failed:
     return "failed at " + step + ": " + message;
   case Outcome::Stopped:
-    return stoppedBy.empty() ? "stopped" : "stopped by " + stoppedBy;
+    return (stoppedBy.empty() ? "stopped" : "stopped by " + stoppedBy) + (message.empty() ? "" : "; " + message);
   case Outcome::Removed:
     return "package removed";
   case Outcome::Shutdown:

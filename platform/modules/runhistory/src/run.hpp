@@ -31,7 +31,7 @@ struct Run
   std::optional<std::int64_t> end; ///< the same; none while it runs. Of a lost run, when its host was last heard of
   Outcome outcome = Outcome::Running;
   std::string step;    ///< where it failed
-  std::string message; ///< why it failed
+  std::string message; ///< why it failed, or what of it could not be ended
   std::string stoppedBy;
 
   /// Why it ended, for a person; empty while it runs.

@@ -1,7 +1,9 @@
 #include <rundatabase.hpp>
 
+#include <limits>
 #include <utility>
 
+#include <storage/durablefile.hpp>
 #include <vu/log.hpp>
 #include <vu/text.hpp>
 
@@ -12,7 +14,9 @@ namespace
 {
 
 constexpr int version = 1;
-constexpr int busyTimeoutMs = 2000; // for somebody who looks at the file
+constexpr int busyTimeoutMs = 500; // for somebody who looks at the file
+/// Clocks that are earlier have not been set.
+constexpr std::int64_t clocksAreSet = 1577836800000; // 2020-01-01, in ms since the epoch
 
 constexpr const char* createTable = "CREATE TABLE IF NOT EXISTS runs (id INTEGER PRIMARY KEY, behavior TEXT NOT NULL, instance TEXT NOT "
                                     "NULL, started_by TEXT NOT NULL, began INTEGER NOT NULL, ended INTEGER, outcome TEXT NOT NULL, "
@@ -20,9 +24,10 @@ constexpr const char* createTable = "CREATE TABLE IF NOT EXISTS runs (id INTEGER
 constexpr const char* writeRun = "INSERT OR REPLACE INTO runs (id, behavior, instance, started_by, began, ended, outcome, step, message, "
                                  "stopped_by) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 constexpr const char* pruneRuns = "DELETE FROM runs WHERE id <= ? AND outcome <> 'running'";
-/// The end is the last moment that the earlier host has written down.
-constexpr const char* loseRuns = "UPDATE runs SET outcome = 'lost', ended = (SELECT MAX(MAX(began, COALESCE(ended, 0))) FROM runs) WHERE "
-                                 "outcome = 'running'";
+constexpr const char* lastMoment =
+    "SELECT MAX(t) FROM (SELECT began AS t FROM runs UNION ALL SELECT ended FROM runs) WHERE t >= ? AND t <= ?";
+constexpr const char* markLost = "UPDATE runs SET outcome = 'lost', ended = MAX(began, CASE WHEN began >= ? THEN ? ELSE ? END) "
+                                 "WHERE outcome = 'running'";
 constexpr const char* newestRuns = "SELECT id, behavior, instance, started_by, began, ended, outcome, step, message, stopped_by FROM runs "
                                    "ORDER BY id DESC LIMIT ?";
 
@@ -77,44 +82,79 @@ template <typename F> auto RunDatabase::attempt(const F& action) -> decltype(act
   return action();
 }
 
-std::int64_t RunDatabase::begin()
+std::int64_t RunDatabase::begin(std::int64_t now)
 {
   const std::lock_guard lock(_mutex);
   return attempt(
-      [this]
+      [&]
       {
-        execute(loseRuns);
+        loseRuns(now);
         return number("SELECT COALESCE(MAX(id), 0) FROM runs");
       });
 }
 
-void RunDatabase::write(const Run& run)
+/// The end is the last moment that the earlier host has written down, by the
+/// same clock: one that was set meanwhile, or was ahead, tells nothing.
+void RunDatabase::loseRuns(std::int64_t now)
+{
+  const auto last = [this](std::int64_t from, std::int64_t to)
+  {
+    const auto statement = prepare(lastMoment);
+    check(sqlite3_bind_int64(statement.get(), 1, from));
+    check(sqlite3_bind_int64(statement.get(), 2, to));
+    return step(statement.get()) ? sqlite3_column_int64(statement.get(), 0) : 0;
+  };
+  const auto end = now >= clocksAreSet ? now : std::numeric_limits<std::int64_t>::max();
+  const auto statement = prepare(markLost);
+  check(sqlite3_bind_int64(statement.get(), 1, clocksAreSet));
+  check(sqlite3_bind_int64(statement.get(), 2, last(clocksAreSet, end)));
+  check(sqlite3_bind_int64(statement.get(), 3, last(0, clocksAreSet - 1)));
+  step(statement.get());
+}
+
+void RunDatabase::write(const std::vector<Run>& runs)
 {
   const std::lock_guard lock(_mutex);
   attempt(
       [&]
       {
-        auto* const statement = _write.get();
+        execute("BEGIN IMMEDIATE");
+        try
         {
-          const Reset reset(statement);
-          check(sqlite3_bind_int64(statement, 1, run.id));
-          check(bind(statement, 2, run.behavior));
-          check(bind(statement, 3, run.instance));
-          check(bind(statement, 4, run.startedBy));
-          check(sqlite3_bind_int64(statement, 5, run.begin));
-          check(run.end ? sqlite3_bind_int64(statement, 6, *run.end) : sqlite3_bind_null(statement, 6));
-          check(bind(statement, 7, outcomeName(run.outcome)));
-          check(bind(statement, 8, run.step));
-          check(bind(statement, 9, run.message));
-          check(bind(statement, 10, run.stoppedBy));
-          step(statement);
+          for (const auto& run : runs)
+            writeOne(run);
+          execute("COMMIT");
         }
-        if (run.id <= _limit)
-          return;
-        const Reset reset(_prune.get());
-        check(sqlite3_bind_int64(_prune.get(), 1, run.id - _limit));
-        step(_prune.get());
+        catch (const DatabaseError&)
+        {
+          sqlite3_exec(_connection.get(), "ROLLBACK", nullptr, nullptr, nullptr); // some errors have done it
+          throw;
+        }
       });
+}
+
+void RunDatabase::writeOne(const Run& run)
+{
+  auto* const statement = _write.get();
+  {
+    const Reset reset(statement);
+    check(sqlite3_bind_int64(statement, 1, run.id));
+    check(bind(statement, 2, run.behavior));
+    check(bind(statement, 3, run.instance));
+    check(bind(statement, 4, run.startedBy));
+    check(sqlite3_bind_int64(statement, 5, run.begin));
+    check(run.end ? sqlite3_bind_int64(statement, 6, *run.end) : sqlite3_bind_null(statement, 6));
+    check(bind(statement, 7, outcomeName(run.outcome)));
+    check(bind(statement, 8, run.step));
+    check(bind(statement, 9, run.message));
+    check(bind(statement, 10, run.stoppedBy));
+    step(statement);
+  }
+  if (run.id <= _limit)
+    return;
+  const Reset reset(_prune.get());
+  check(sqlite3_bind_int64(_prune.get(), 1, run.id - _limit));
+  step(_prune.get());
 }
 
 std::vector<Run> RunDatabase::newest(std::size_t count)
@@ -165,9 +205,15 @@ void RunDatabase::open()
   {
     check(code);
     sqlite3_busy_timeout(_connection.get(), busyTimeoutMs);
+    // Before anything is read: the file that others would share with this
+    // process is mapped, and a full disk makes that a SIGBUS.
+    execute("PRAGMA locking_mode = EXCLUSIVE");
     const auto found = number("PRAGMA user_version");
+    if (found > version)
+      fail(SQLITE_CANTOPEN, "a newer host has written it (version " + std::to_string(found) + ", this host knows " +
+                                std::to_string(version) + "); it is left as it is");
     if (found != 0 && found != version)
-      fail(SQLITE_NOTADB, "it is of version " + std::to_string(found) + ", and this host knows version " + std::to_string(version));
+      fail(SQLITE_NOTADB, "it is of version " + std::to_string(found));
     if (found == 0 && number("SELECT COUNT(*) FROM sqlite_master") != 0)
       fail(SQLITE_NOTADB, "it holds something else");
     if (const auto checked = prepare("PRAGMA quick_check(1)"); step(checked.get()) && text(checked.get(), 0) != "ok")
@@ -197,15 +243,15 @@ void RunDatabase::close()
 void RunDatabase::setAside(const std::string& reason)
 {
   close();
-  const auto file = _file.string();
+  const auto aside = storage::nameForDamaged(_file);
   std::error_code error;
-  std::filesystem::rename(file, file + ".damaged", error);
+  std::filesystem::rename(_file, aside, error);
   if (error)
     fail(SQLITE_CANTOPEN, "it is damaged (" + reason + ") and cannot be renamed: " + error.message());
   // SQLite drops a log of changes that stands beside an empty file.
   vu::log::error("runhistory", "setAside",
-                 "a new history is begun, since the old one cannot be used and has been renamed to " + vu::inQuotes(file + ".damaged") +
-                     ": " + reason);
+                 "a new history is begun, since the old one cannot be used and has been renamed to " + vu::inQuotes(aside.string()) + ": " +
+                     reason);
 }
 
 void RunDatabase::execute(const char* sql)

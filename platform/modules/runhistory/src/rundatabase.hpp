@@ -30,10 +30,13 @@ private:
 
 /// The runs of a root on disk, in one SQLite file.
 ///
-/// What cannot be opened or written now (a full disk) is a DatabaseError, and
-/// tried again at the next call. A file that is no history, or a damaged one,
-/// is renamed to "<file>.damaged" and a new one begun. A commit survives a
-/// crash of the process; a power cut may take the last ones. Thread-safe.
+/// What cannot be opened or written now (a full disk, somebody else's lock) is a
+/// DatabaseError after half a second at most, and tried again at the next call;
+/// so is a file of a newer version, which is left alone. A file that is no
+/// history, or a damaged one, is kept under another name
+/// (storage::nameForDamaged()) and a new one begun. A commit survives a crash of
+/// the process; a power cut may take the last ones. While it is open, nobody
+/// else can open it. Thread-safe.
 class RunDatabase
 {
 public:
@@ -41,9 +44,10 @@ public:
   RunDatabase(std::filesystem::path file, std::int64_t limit) : _file(std::move(file)), _limit(limit) {}
 
   /// Declares lost what an earlier host has left running; gives the highest id.
-  std::int64_t begin();
-  /// Writes a run, in the place of one with the same id.
-  void write(const Run& run);
+  /// `now` in ms since the epoch.
+  std::int64_t begin(std::int64_t now);
+  /// Writes runs, each in the place of one with the same id: all or none.
+  void write(const std::vector<Run>& runs);
   /// The newest first.
   std::vector<Run> newest(std::size_t count);
 
@@ -63,6 +67,8 @@ private:
   void open();
   void close();
   void setAside(const std::string& reason);
+  void writeOne(const Run& run);
+  void loseRuns(std::int64_t now);
   void execute(const char* sql);
   std::int64_t number(const char* sql);
   Statement prepare(const char* sql);

@@ -1,6 +1,8 @@
 #include <runhistory.hpp>
 
 #include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <utility>
 
@@ -22,6 +24,8 @@ constexpr std::size_t earlyEndsKept = 64;
 constexpr std::size_t unwrittenKept = 1000;
 constexpr std::size_t textLimit = 4096; // of a failure's step and message, in bytes
 constexpr std::chrono::seconds lastNewsLimit(5);
+constexpr std::chrono::seconds retryInterval(1);
+constexpr std::int64_t leastClockChange = 60'000; // in ms; smaller ones are left to the reader
 constexpr const char* packageManagerName = "PackageManager";
 constexpr const char* behaviorManagerName = "ZBBehaviorManager";
 
@@ -45,9 +49,14 @@ std::int64_t runLimit(const ZBBroker& broker, const std::string& module)
   return value.get<std::int64_t>();
 }
 
-std::int64_t now()
+std::int64_t inMilliseconds(std::chrono::nanoseconds time) { return std::chrono::duration_cast<std::chrono::milliseconds>(time).count(); }
+
+/// Of a clock that nobody sets and that goes on while the machine sleeps.
+std::int64_t sinceBoot()
 {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+  timespec time{};
+  ::clock_gettime(CLOCK_BOOTTIME, &time);
+  return inMilliseconds(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
 }
 
 std::string bounded(const std::string& text) { return vu::validUtf8(std::string_view(text).substr(0, textLimit)); }
@@ -65,8 +74,9 @@ Run::Outcome outcomeFor(const std::string& told, const std::string& by)
 
 } // namespace
 
-RunHistory::RunHistory(std::shared_ptr<ZBBroker> broker, const std::string& name)
-    : ZBModule(std::move(broker), name), _database(databaseFile(*getParentBroker(), getName()), runLimit(*getParentBroker(), getName()))
+RunHistory::RunHistory(std::shared_ptr<ZBBroker> broker, const std::string& name, Now now)
+    : ZBModule(std::move(broker), name), _now(std::move(now)),
+      _database(databaseFile(*getParentBroker(), getName()), runLimit(*getParentBroker(), getName()))
 {
   setModuleDescription("Tells which behaviors played when, who started them, and why they ended");
 
@@ -83,17 +93,12 @@ RunHistory::RunHistory(std::shared_ptr<ZBBroker> broker, const std::string& name
   advertiseSignal("runBegan", runBegan);
   advertiseSignal("runEnded", runEnded);
 
-  try
-  {
-    _lastId = _database.begin();
-  }
-  catch (const DatabaseError& error)
-  {
-    _writable = false;
-    vu::log::error("runhistory", "RunHistory", std::string("runs are not written down for now: ") + error.what());
-  }
+  _clockAhead = _now() - sinceBoot();
+  writeDown();
   connect();
 }
+
+std::int64_t RunHistory::systemNow() { return inMilliseconds(std::chrono::system_clock::now().time_since_epoch()); }
 
 RunHistory::~RunHistory()
 {
@@ -102,8 +107,13 @@ RunHistory::~RunHistory()
   for (const auto link : {_startedLink, _endedLink})
     _frameManager.disconnect(link);
   _gate->closeAndDrain();
+  {
+    const std::lock_guard writes(_writes);
+    _nextTry = Clock::time_point::max(); // all ends are written at once
+  }
   while (!_open.empty())
     ended({_open.begin()->first, Run::Outcome::Shutdown, {}, {}, {}});
+  writeDown(true);
 }
 
 void RunHistory::connect()
@@ -147,20 +157,26 @@ void RunHistory::connect()
 
 void RunHistory::began(const std::string& instance, const std::string& behavior, const std::string& by)
 {
-  Run run;
-  run.id = ++_lastId;
-  run.behavior = behavior;
-  run.instance = instance;
-  run.startedBy = by;
-  run.begin = now();
   {
     const std::lock_guard lock(_mutex);
+    followClock();
+    Run run;
+    run.id = ++_lastId;
+    run.behavior = behavior;
+    run.instance = instance;
+    run.startedBy = by;
+    run.begin = _now();
     _open.emplace(instance, OpenRun{run, Clock::now()});
     _unwritten.push_back(run);
     _statistics.began();
   }
   writeDown();
-  runBegan(run.toValue());
+  const auto told = [this, &instance] // the id is another one, perhaps
+  {
+    const std::lock_guard lock(_mutex);
+    return _open.at(instance).run.toValue();
+  }();
+  runBegan(told);
   const auto early = std::find_if(_early.begin(), _early.end(), [&instance](const End& end) { return end.instance == instance; });
   if (early == _early.end())
     return;
@@ -173,13 +189,14 @@ bool RunHistory::ended(const End& end)
   Run run;
   {
     const std::lock_guard lock(_mutex);
+    followClock();
     const auto found = _open.find(end.instance);
     if (found == _open.end())
       return false;
     const auto lasted = Clock::now() - found->second.begin;
     run = std::move(found->second.run);
     _open.erase(found);
-    run.end = run.begin + std::chrono::duration_cast<std::chrono::milliseconds>(lasted).count();
+    run.end = run.begin + inMilliseconds(lasted);
     run.outcome = end.outcome;
     run.step = end.step;
     run.message = end.message;
@@ -193,37 +210,89 @@ bool RunHistory::ended(const End& end)
   return true;
 }
 
-/// A fault that lasts is logged once.
-void RunHistory::writeDown()
+void RunHistory::followClock()
 {
-  std::unique_lock lock(_mutex);
+  const auto ahead = _now() - sinceBoot();
+  const auto change = ahead - std::exchange(_clockAhead, ahead);
+  if (std::abs(change) < leastClockChange)
+    return;
+  for (auto& [instance, open] : _open)
+  {
+    open.run.begin += change;
+    _unwritten.push_back(open.run);
+  }
+}
+
+/// A fault that lasts is logged once.
+void RunHistory::writeDown(bool must)
+{
+  const std::lock_guard writes(_writes);
+  if (!must && Clock::now() < _nextTry)
+    return;
   try
   {
-    while (!_unwritten.empty())
+    takeUp();
+    const auto runs = [this]
     {
-      const auto run = _unwritten.front();
-      lock.unlock();
-      _database.write(run);
-      lock.lock();
-      _unwritten.pop_front();
-    }
+      const std::lock_guard lock(_mutex);
+      return std::vector<Run>(_unwritten.begin(), _unwritten.end());
+    }();
+    if (!runs.empty())
+      _database.write(runs);
+    const std::lock_guard lock(_mutex);
+    _unwritten.erase(_unwritten.begin(), _unwritten.begin() + static_cast<std::ptrdiff_t>(runs.size()));
     if (!std::exchange(_writable, true))
       vu::log::info("runhistory", __func__, "runs are written down again");
   }
   catch (const DatabaseError& error)
   {
-    lock.lock();
+    _nextTry = Clock::now() + retryInterval;
+    const std::lock_guard lock(_mutex);
     if (_unwritten.size() > unwrittenKept)
-      _unwritten.pop_front();
+      _unwritten.erase(_unwritten.begin(), _unwritten.end() - unwrittenKept);
     if (std::exchange(_writable, false))
       vu::log::error("runhistory", __func__, std::string("runs are not written down for now: ") + error.what());
+    tryLater();
   }
+}
+
+void RunHistory::takeUp()
+{
+  if (_takenUp)
+    return;
+  const auto before = _database.begin(_now());
+  const std::lock_guard lock(_mutex);
+  for (auto& [instance, open] : _open)
+    open.run.id += before;
+  for (auto& run : _unwritten)
+    run.id += before;
+  _lastId += before;
+  _takenUp = true;
+}
+
+void RunHistory::tryLater()
+{
+  if (std::exchange(_triesLater, true))
+    return;
+  getParentBroker()->pool()->postAfter(std::chrono::duration_cast<std::chrono::milliseconds>(retryInterval),
+                                       [this, gate = _gate]
+                                       {
+                                         const auto pass = gate->enter();
+                                         if (!pass)
+                                           return;
+                                         {
+                                           const std::lock_guard writes(_writes);
+                                           _triesLater = false;
+                                         }
+                                         writeDown(true);
+                                       });
 }
 
 std::vector<vu::Value> RunHistory::getRuns(const int& limit)
 {
   if (limit < 1)
     throw ZBError(getName(), "getRuns", "the limit must be 1 or more, not " + std::to_string(limit));
+  writeDown();
   std::map<std::int64_t, Run, std::greater<>> runs;
   // Of two records of a run, the one that tells its end is the later one.
   const auto put = [&runs](const Run& run)
@@ -232,17 +301,21 @@ std::vector<vu::Value> RunHistory::getRuns(const int& limit)
     if (!isNew && entry->second.outcome == Run::Outcome::Running)
       entry->second = run;
   };
+  bool takenUp = false;
   {
     const std::lock_guard lock(_mutex);
     for (const auto& [instance, open] : _open)
       put(open.run);
     for (const auto& run : _unwritten)
       put(run);
+    takenUp = _takenUp;
   }
   try
   {
-    for (const auto& run : _database.newest(static_cast<std::size_t>(limit)))
-      put(run);
+    // Its ids are others before it has been taken up.
+    if (takenUp)
+      for (const auto& run : _database.newest(static_cast<std::size_t>(limit)))
+        put(run);
   }
   catch (const DatabaseError& error)
   {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <rundatabase.hpp>
+#include <testing/errors.hpp>
 #include <testing/files.hpp>
 #include <vu/log.hpp>
 
@@ -24,8 +25,15 @@ protected:
       run.step = "fail (t/behavior.xar:2)";
       run.message = std::string("no 'arm'\0\xC3\xA4", 11);
     }
-    database.write(run);
+    database.write({run});
     return run.toValue();
+  }
+  void sql(const char* statement) const
+  {
+    sqlite3* connection = nullptr;
+    sqlite3_open(file.c_str(), &connection);
+    EXPECT_EQ(sqlite3_exec(connection, statement, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(connection);
   }
   static std::vector<std::int64_t> ids(RunDatabase& database)
   {
@@ -48,6 +56,7 @@ protected:
 
   const TestSupport::TemporaryDirectory directory;
   const fs::path file = directory / "history.db";
+  static constexpr std::int64_t now = 1'800'000'000'000;
 };
 
 TEST_F(RunDatabaseTest, RunsComeBackWholeAndThoseLeftOpenAreLost)
@@ -55,13 +64,13 @@ TEST_F(RunDatabaseTest, RunsComeBackWholeAndThoseLeftOpenAreLost)
   vu::Value expected;
   {
     RunDatabase database(file, 10);
-    EXPECT_EQ(database.begin(), 0);
+    EXPECT_EQ(database.begin(now), 0);
     write(database, 1, false);
     write(database, 2, false);
     expected = write(database, 2);
   }
   RunDatabase database(file, 10);
-  EXPECT_EQ(database.begin(), 2);
+  EXPECT_EQ(database.begin(now), 2);
   const auto runs = database.newest(10);
   ASSERT_EQ(runs.size(), 2U);
   EXPECT_EQ(runs[0].toValue(), expected);
@@ -83,16 +92,9 @@ TEST_F(RunDatabaseTest, OldRunsGoButForThoseThatStillPlay)
 
 TEST_F(RunDatabaseTest, AFileThatIsNoHistoryIsSetAsideAndANewOneBegun)
 {
-  const auto sql = [this](const char* statement)
-  {
-    sqlite3* connection = nullptr;
-    sqlite3_open(file.c_str(), &connection);
-    EXPECT_EQ(sqlite3_exec(connection, statement, nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(connection);
-  };
   const std::vector<std::pair<const char*, std::function<void()>>> faults{
       {"no database", [&] { TestSupport::writeFile(file, std::string(5000, 'x')); }},
-      {"of a later version", [&] { sql("PRAGMA user_version = 7"); }},
+      {"of no version", [&] { sql("PRAGMA user_version = -7"); }},
       {"with other tables", [&] { sql("CREATE TABLE runs (id INTEGER, what TEXT)"); }},
       {"cut off", [&] { TestSupport::writeFile(file, filled().substr(0, 6000)); }},
       {"damaged inside", [&] { TestSupport::writeFile(file, filled().replace(4096, 8192, 8192, '\xFF')); }}};
@@ -103,13 +105,60 @@ TEST_F(RunDatabaseTest, AFileThatIsNoHistoryIsSetAsideAndANewOneBegun)
       fs::remove(directory / name);
     prepare();
     const auto before = TestSupport::readFile(file);
+    TestSupport::writeFile(file.string() + ".damaged", "an earlier one");
     const vu::log::Capture log;
     RunDatabase database(file, 10);
-    EXPECT_EQ(database.begin(), 0);
+    EXPECT_EQ(database.begin(now), 0);
     write(database, 1);
     EXPECT_THAT(ids(database), testing::ElementsAre(1));
-    EXPECT_TRUE(TestSupport::readFile(file.string() + ".damaged") == before);
+    EXPECT_TRUE(TestSupport::readFile(file.string() + ".damaged.2") == before);
+    EXPECT_EQ(TestSupport::readFile(file.string() + ".damaged"), "an earlier one");
   }
+}
+
+TEST_F(RunDatabaseTest, WhatANewerHostHasWrittenOrSomebodyHoldsIsLeftAloneUntilItIsFree)
+{
+  (void)filled();
+  sql("PRAGMA user_version = 7");
+  const auto before = TestSupport::readFile(file);
+  RunDatabase database(file, 1000);
+  EXPECT_THAT(TestSupport::errorOf([&] { database.begin(now); }), testing::HasSubstr("a newer host has written it (version 7"));
+  EXPECT_TRUE(TestSupport::readFile(file) == before);
+  sql("PRAGMA user_version = 1");
+  sqlite3* other = nullptr;
+  sqlite3_open(file.c_str(), &other);
+  sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+  EXPECT_THAT(TestSupport::errorOf([&] { database.begin(now); }), testing::HasSubstr("locked"));
+  sqlite3_close(other);
+  EXPECT_EQ(database.begin(now), 200);
+  EXPECT_FALSE(fs::exists(file.string() + "-shm")) << "a file that is mapped is a SIGBUS on a full disk";
+}
+
+TEST_F(RunDatabaseTest, ALostRunEndsWithTheLastNewsOfItsOwnClock)
+{
+  constexpr std::int64_t unset = 30'000;
+  constexpr std::int64_t hour = 3'600'000;
+  const auto run = [](std::int64_t id, std::int64_t begin, std::int64_t end)
+  {
+    ZB::Run made{id, "demo/t", "fm", "alice", begin, std::nullopt, Run::Outcome::Running, "", "", ""};
+    if (end != 0)
+      made.end = end, made.outcome = Run::Outcome::Finished;
+    return made;
+  };
+  const auto lostEnd = [&](const std::vector<ZB::Run>& runs, std::int64_t atTheStart)
+  {
+    fs::remove(file);
+    RunDatabase database(file, 10);
+    database.write(runs);
+    database.begin(atTheStart);
+    return database.newest(1).at(0).end.value_or(0);
+  };
+  const auto began = now - 10 * hour;
+  EXPECT_EQ(lostEnd({run(1, began, now - hour), run(2, began, 0)}, now), now - hour);
+  EXPECT_EQ(lostEnd({run(1, unset, unset + 5), run(2, began, 0)}, now), began) << "never before its begin";
+  EXPECT_EQ(lostEnd({run(1, now + 100 * hour, now + 200 * hour), run(2, began, 0)}, now), began) << "a clock that was ahead";
+  EXPECT_EQ(lostEnd({run(1, began, now - hour), run(2, unset, 0)}, now), unset) << "and one that had not been set";
+  EXPECT_EQ(lostEnd({run(1, began, now - hour), run(2, began, 0)}, unset), now - hour) << "and is not set now";
 }
 
 TEST_F(RunDatabaseTest, TheLogOfAHistoryThatHasGoneOrWasReplacedBringsNothingBack)
@@ -130,7 +179,7 @@ TEST_F(RunDatabaseTest, TheLogOfAHistoryThatHasGoneOrWasReplacedBringsNothingBac
       TestSupport::writeFile(file, replacement);
     TestSupport::writeFile(log, old);
     RunDatabase database(file, 10);
-    EXPECT_EQ(database.begin(), 0);
+    EXPECT_EQ(database.begin(now), 0);
     write(database, 1);
     EXPECT_THAT(ids(database), testing::ElementsAre(1));
   }

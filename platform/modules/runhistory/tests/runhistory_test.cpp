@@ -1,3 +1,4 @@
+#include <atomic>
 #include <random>
 #include <thread>
 
@@ -112,7 +113,7 @@ TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
       {"demo/broken", "failed", "failed at fail (broken/behavior.xar:2): no arm", "", [] {}},
       {"demo/wordy", "failed", "failed at fail (wordy/behavior.xar:2): " + wordy.substr(0, 4095) + "\uFFFD", "", [] {}},
       {"demo/long", "stopped", "stopped by bob", "bob", [&] { as("bob", "stopBehavior", "demo/long"); }},
-      {"demo/self", "stopped", "stopped by alice", "alice", [] {}},
+      {"demo/self", "stopped", "stopped by demo/self for alice", "demo/self for alice", [] {}},
       {"guests/removed", "removed", "package removed", "", [&] { as("bob", "remove", "guests", "PackageManager"); }},
       {"tools/replaced", "removed", "package removed", "", [&] { install(tools); }},
   };
@@ -171,19 +172,67 @@ TEST_F(RunHistoryTest, SettingsBoundTheRunsOrAreRefused)
   EXPECT_EQ(history->getRuns(10).size(), 2U);
 }
 
-TEST_F(RunHistoryTest, WhatCannotBeWrittenIsToldAndWrittenLater)
+TEST_F(RunHistoryTest, WhatCannotBeWrittenIsToldAndWrittenAsSoonAsItCanBehindTheEarlierRuns)
 {
-  fs::create_directories(root / "history.db" / "in the way");
+  const auto database = root / "history.db";
+  constexpr int earlier = 5;
+  for (int id = 1; id <= earlier; ++id)
+    RunDatabase(database, 100).write({{id, "demo/old", "old" + std::to_string(id), "bob", id, id, Run::Outcome::Finished, "", "", ""}});
+  fs::rename(database, root / "kept");
+  fs::create_directories(database / "in the way");
   const vu::log::Capture log;
   start();
-  install(source("demo", {{"a", ""}, {"b", ""}}));
+  install(source("demo", {{"a", ""}, {"b", "<wait seconds=\"1000\"/>"}}));
   as("alice", "startBehavior", "demo/a");
   EXPECT_EQ(lastEnded()["reason"], "ended by itself");
-  EXPECT_EQ(log.count(vu::log::Level::Error, (root / "history.db").string()), 1U);
-  fs::remove_all(root / "history.db");
   as("alice", "startBehavior", "demo/b");
-  EXPECT_FALSE(lastEnded().is_null());
-  EXPECT_EQ(written().size(), 2U);
+  EXPECT_EQ(log.count(vu::log::Level::Error, database.string()), 1U);
+  fs::remove_all(database);
+  fs::rename(root / "kept", database);
+  EXPECT_TRUE(TestSupport::eventually([&] { return log.count(vu::log::Level::Info, "written down again") == 1; })) << "by itself";
+  std::vector<std::int64_t> ids;
+  for (const auto& run : history->getRuns(10))
+    ids.push_back(run["id"]);
+  EXPECT_THAT(ids, testing::ElementsAre(7, 6, 5, 4, 3, 2, 1));
+  EXPECT_EQ(written().size(), 7U);
+}
+
+TEST_F(RunHistoryTest, AnEndWaitsOnceForADatabaseThatSomebodyHoldsHoweverManyPlay)
+{
+  sqlite3* other = nullptr;
+  sqlite3_open((root / "history.db").c_str(), &other);
+  EXPECT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  startFrames();
+  history = &broker->createModule<RunHistory>("RunHistory");
+  const auto package = source("demo", {{"a", "<wait seconds=\"1000\"/>"}});
+  for (int i = 0; i < 50; ++i)
+    frames->playBehavior(frames->createBehavior(package.string(), "a/behavior.xar", "demo/a"));
+  const auto begin = std::chrono::steady_clock::now();
+  broker->shutdown();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20)) << "half a second for each";
+  sqlite3_close(other);
+}
+
+TEST_F(RunHistoryTest, RunsThatPlayFollowAClockThatIsSet)
+{
+  startFrames();
+  std::atomic<std::int64_t> ahead = 0;
+  history = &broker->createModule<RunHistory>("RunHistory", [&] { return RunHistory::systemNow() + ahead; });
+  const auto begin = [this]
+  {
+    frames->playBehavior(frames->createBehavior(source("demo", {{"a", "<wait seconds=\"1000\"/>"}}).string(), "a/behavior.xar", "demo/a"));
+    broker->pool()->waitUntilIdle();
+  };
+  constexpr std::int64_t years = 100'000'000'000;
+  const auto before = RunHistory::systemNow();
+  begin();
+  ahead = years;
+  begin();
+  for (const auto& [instance, run] : written())
+  {
+    EXPECT_GE(run["begin"], before + years) << run;
+    EXPECT_LE(run["end"], RunHistory::systemNow() + years) << run;
+  }
 }
 
 TEST_F(RunHistoryTest, AnInstanceDeletedDuringTheAnnouncementOfItsStartHasBothAllTheSame)

@@ -24,6 +24,10 @@ bool removeFileDurably(const std::filesystem::path& file);
 /// how many files these were. Not while anybody writes there.
 std::size_t removeTemporaryFiles(const std::filesystem::path& directory);
 
+/// "FILE.damaged", "FILE.damaged.2" and so on: the first name under which nothing
+/// stands, for a file that is kept beside the one that takes its place.
+std::filesystem::path nameForDamaged(const std::filesystem::path& file);
+
 /// Refuses files of more than `limit` bytes.
 std::string readFile(const std::filesystem::path& file, std::uintmax_t limit = 64 << 20);
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -8,7 +9,8 @@
 
 /// Logging by category. Every line carries its level, category, the name of
 /// the function that wrote it and the caller on whose behalf it did (see
-/// vu/caller.hpp). Lines go to stderr. Thread-safe.
+/// vu/caller.hpp). Lines go to stderr, and whoever writes one waits until that
+/// has taken it, unless there is a Background. Thread-safe.
 namespace vu::log
 {
 
@@ -61,6 +63,29 @@ inline void debug(std::string_view category, std::string_view function, std::str
 /// Logs the exception that is being handled, at a boundary where nobody else
 /// would hear of it; to be called from a catch block.
 void callbackError(std::string_view where) noexcept;
+
+class LogWriter;
+
+/// While one exists, a thread of its own writes the lines, from a bounded
+/// queue: who logs never waits for whoever reads. Lines for which there is no
+/// room are left out; one line tells how many once the reader goes on. One at a
+/// time, for a program whose work must not depend on its log.
+class Background
+{
+public:
+  Background();
+  /// Waits a second at most until what is queued has been written. Where that
+  /// is not enough, nothing more is written.
+  ~Background();
+  Background(const Background&) = delete;
+  Background& operator=(const Background&) = delete;
+
+private:
+  const std::shared_ptr<LogWriter> _writer;
+};
+
+/// Lines that nobody could be told since the process began.
+std::uint64_t linesLeftOut();
 
 struct Line
 {

@@ -1,9 +1,12 @@
-#include "descendants.hpp"
+#include <descendants.hpp>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <string>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -31,13 +34,15 @@ Process readProcess(const char* pid)
   text[std::max<ssize_t>(size, 0)] = 0;
   const char* const name = std::strrchr(text, ')');
   Process process;
-  if (!name || std::sscanf(name + 1, " %*c %d %d", &process.parent, &process.group) != 2)
+  if (!name || std::sscanf(name + 1, " %c %d %d", &process.state, &process.parent, &process.group) != 3)
     return {};
   process.pid = std::atoi(pid);
   return process;
 }
 
 } // namespace
+
+bool isHalted(pid_t pid) { return readProcess(std::to_string(pid).c_str()).state == 'T'; }
 
 std::vector<Process> descendantsOf(pid_t ancestor)
 {
@@ -62,6 +67,22 @@ std::vector<Process> descendantsOf(pid_t ancestor)
   for (std::size_t i = 0; i < found.size(); ++i)
     takeChildren(found[i].pid);
   return found;
+}
+
+void signalGroup(pid_t group, int signal)
+{
+  ::kill(-group, signal);
+  ::kill(-group, SIGCONT);
+}
+
+void signalDescendants(pid_t guard, int signal, pid_t except)
+{
+  std::set<pid_t> groups{guard, except};
+  for (const auto& process : descendantsOf(guard))
+    if (process.group == guard)
+      ::kill(process.pid, signal);
+    else if (groups.insert(process.group).second)
+      signalGroup(process.group, signal);
 }
 
 } // namespace ZB::FrameManager

@@ -1,0 +1,31 @@
+#include <host/surroundings.hpp>
+
+#include <csignal>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <vu/os.hpp>
+
+namespace Tarvik
+{
+
+void prepareProcess()
+{
+  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGCHLD, SIG_DFL); // ignored, it takes away the children that this process collects itself
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (::fcntl(stream, F_GETFD) < 0)
+      ::open("/dev/null", O_RDWR); // takes the lowest number, which is this one
+  vu::os::raiseFileLimit();
+  vu::os::restrictNewFiles();
+}
+
+bool endsOnHangup()
+{
+  struct sigaction action = {};
+  ::sigaction(SIGHUP, nullptr, &action);
+  return action.sa_handler != SIG_IGN;
+}
+
+} // namespace Tarvik
