@@ -229,7 +229,7 @@ void Host::probe(std::function<void()> done) const
   _running->gateway->post(
       [broker = _running->broker, done = std::move(done)]
       {
-        broker->pool()->post(
+        broker->pool()->postUrgent(
             [frames = broker->session()->find("ZBFrameManager"), done]
             {
               if (!frames)

@@ -112,6 +112,7 @@ void Tokens::bindMethods()
   addParam("name", "whose it is");
   setReturn("outcome", "{durable, reason}: whether a power cut would not bring it back, and else why it might");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &Tokens::remove);
 
   functionName("renew", getName(), "Write a fresh token for the host's own user, and end the old one and its connections within seconds");
