@@ -2,6 +2,8 @@
 
 #include <cli/text.hpp>
 
+#include "safeoutput.hpp"
+
 namespace Tarvik
 {
 
@@ -97,8 +99,11 @@ CLI::App* Commands::addGroup(const std::string& name, const std::string& descrip
   return group;
 }
 
-ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& error)
+ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream& toOut, std::ostream& toError)
 {
+  // Names, descriptions, failures and output come from packages and clients.
+  SafeOutput out(toOut);
+  SafeOutput error(toError);
   CLI::App application("Tells a Tarvik host what to do, and shows what it does.", "tarvik");
   application.require_subcommand(0, 1); // at least one is asked for below, where the message can name what was written
   application.failure_message([](const CLI::App*, const CLI::Error& fault)

@@ -54,8 +54,11 @@ vu::Value argumentFromText(const std::string& text)
   return value.is_discarded() ? vu::Value(text) : value;
 }
 
-std::string formatTable(const std::vector<std::vector<std::string>>& rows)
+std::string formatTable(std::vector<std::vector<std::string>> rows)
 {
+  for (auto& row : rows)
+    for (auto& cell : row)
+      cell = singleLine(cell);
   std::vector<std::size_t> widths;
   for (const auto& row : rows)
   {
@@ -140,9 +143,9 @@ std::string formatDescription(const vu::ObjectDescription& description)
       text += "      " + singleLine(method.description) + "\n";
     for (const auto& parameter : method.parameters)
       if (!parameter.description.empty())
-        text += "      " + parameter.name + ": " + parameter.description + "\n";
+        text += "      " + parameter.name + ": " + singleLine(parameter.description) + "\n";
     if (method.returns && !method.returns->description.empty())
-      text += "      returns " + method.returns->description + "\n";
+      text += "      returns " + singleLine(method.returns->description) + "\n";
   }
   if (!description.signals.empty())
     text += "\nsignals\n";

@@ -8,6 +8,8 @@
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/http/rfc7230.hpp>
 
+#include <vu/text.hpp>
+
 #include "entry.hpp"
 
 namespace Tarvik
@@ -45,6 +47,8 @@ std::vector<std::string> allowedHosts(const Door& door)
 
 std::string_view viewOf(string_view text) { return {text.data(), text.size()}; }
 
+std::string shown(string_view text) { return vu::shortened(viewOf(text)); }
+
 /// The origin of the host's own pages, as a request that names it tells it.
 std::string ownOrigin(const http::fields& header, const Door& door)
 {
@@ -60,12 +64,12 @@ std::optional<std::string> findForeign(const http::fields& header, const Door& d
   const auto given = header[http::field::host];
   if (header.count(http::field::host) != 1 ||
       std::none_of(hosts.begin(), hosts.end(), [given](const std::string& host) { return iequals(given, host); }))
-    return "the Host header '" + std::string(given) + "' does not name this host: use " + hosts.front();
+    return "the Host header '" + shown(given) + "' does not name this host: use " + hosts.front();
   if (header.count(http::field::origin) == 0)
     return std::nullopt;
   const auto origin = header[http::field::origin];
   if (header.count(http::field::origin) != 1 || !iequals(origin, ownOrigin(header, door)))
-    return "a page of '" + std::string(origin) + "' may not use this host";
+    return "a page of '" + shown(origin) + "' may not use this host";
   return std::nullopt;
 }
 

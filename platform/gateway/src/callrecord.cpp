@@ -8,6 +8,9 @@ namespace Tarvik
 namespace
 {
 
+/// An address without its port.
+std::string hostOf(const std::string& address) { return address.substr(0, address.rfind(':')); }
+
 class CallRecord final : public ZB::CallWatch
 {
 public:
@@ -32,9 +35,17 @@ private:
 
 } // namespace
 
-ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics)
+void LoggedRequest::refused(const std::string& outcome, RefusalLog& refusals) const
 {
-  return [metrics = std::move(metrics), log = ZB::logCalls("gateway")](const ZB::Call& call, const ZB::Caller& caller, vu::Role least)
+  if (!isWritten() || refusals.admits(hostOf(address())))
+    ended(outcome);
+}
+
+ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics, std::shared_ptr<RefusalLog> refusals)
+{
+  const auto admits = [refusals = std::move(refusals)](const std::string& address) { return refusals->admits(hostOf(address)); };
+  return [metrics = std::move(metrics),
+          log = ZB::logCalls("gateway", vu::log::Level::Info, admits)](const ZB::Call& call, const ZB::Caller& caller, vu::Role least)
   { return std::make_shared<CallRecord>(metrics, log(call, caller, least)); };
 }
 

@@ -7,6 +7,7 @@
 
 #include "client.hpp"
 #include "metrics.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
@@ -20,9 +21,13 @@ public:
       : ZB::LoggedRequest("gateway", client.identity.name, client.address, std::move(what))
   {
   }
+
+  /// Tells how it was refused, unless the log has enough of the client's
+  /// refused requests.
+  void refused(const std::string& outcome, RefusalLog& refusals) const;
 };
 
 /// Counts and logs every call that comes over a wire.
-ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics);
+ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics, std::shared_ptr<RefusalLog> refusals);
 
 } // namespace Tarvik

@@ -62,6 +62,7 @@ struct Gateway::Implementation
   explicit Implementation(Options options) : acceptor(*io), deadline(*io), pause(*io), ticking(*io)
   {
     server->options = std::move(options);
+    server->refusals = std::make_shared<RefusalLog>();
     server->sessions = std::make_shared<Sessions>(server->options.access);
   }
 
@@ -76,7 +77,7 @@ struct Gateway::Implementation
           {
             // Out of files, most likely: what is open must end first.
             if (error == asio::error::no_descriptors)
-              server->endLongestIdle();
+              server->endOne();
             vu::log::warning("gateway", "accept", error.message());
             pause.expires_after(std::chrono::milliseconds(100));
             pause.async_wait(
@@ -104,6 +105,7 @@ struct Gateway::Implementation
           tick();
           server->options.access->expire();
           server->sessions->expire();
+          server->refusals->tell();
           if (server->certificate && std::chrono::steady_clock::now() - looked >= lookInterval)
           {
             looked = std::chrono::steady_clock::now();
@@ -201,8 +203,9 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   if (!implementation.acceptor.is_open() || implementation.thread.joinable())
     throw std::logic_error("a gateway starts once, after it has begun to listen");
   auto& server = *implementation.server;
-  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics));
-  server.dispatcher.emplace(broker, server.calls, server.sessions);
+  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics, server.refusals));
+  server.backlog = std::make_shared<Backlog>(server.options.limits.unsentBytesInAll);
+  server.dispatcher.emplace(broker, server.calls, server.options.limits.unsentBytes, server.refusals, server.sessions);
   server.broker = std::move(broker);
   // What was let in before the removal entered its connection on the gateway's
   // thread before this is posted there.

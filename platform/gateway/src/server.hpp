@@ -19,6 +19,7 @@
 #include "certificate.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
@@ -57,8 +58,13 @@ public:
   /// Ends already, and counts no more.
   virtual bool isEnding() const = 0;
 
+  /// Whose it is; its number is 0 until a token was shown.
+  virtual const Identity& identity() const = 0;
+  Clock::time_point began() const { return _began; }
+
 private:
   const std::string _peer;
+  const Clock::time_point _began = Clock::now();
 };
 
 /// What all connections of a gateway share; it lives as long as any of them.
@@ -77,6 +83,8 @@ struct Server
   /// Keeps them alive, also while one only waits for a service's answer.
   std::map<Connection*, std::shared_ptr<Connection>> connections;
   std::function<void()> connectionEnded;
+  std::shared_ptr<Backlog> backlog; ///< of all connections, once the gateway has begun
+  std::shared_ptr<RefusalLog> refusals;
   const std::shared_ptr<Metrics> metrics = std::make_shared<Metrics>();
 
   void enter(const std::shared_ptr<Connection>& connection)
@@ -99,13 +107,19 @@ struct Server
     None,   ///< the client is to be told so
     NotEven ///< to tell it so
   };
-  /// Whether one more connection of `peer` fits in. Where a bound is reached,
-  /// the one that has been idle longest makes room: a WebSocket only when
-  /// there is nothing else. `descriptor`, its number, tells how many files this
+  /// Whether one more connection, of which nothing is known, may come in.
+  /// Those without a token make room for each other: the first of the address
+  /// that has most of them. `descriptor`, its number, tells how many files this
   /// process has open, since it is the lowest free one: the last are for work.
-  Room findRoom(const std::string& peer, int descriptor) const;
-  /// False when none is idle.
-  bool endLongestIdle(const std::string& peer = {}) const;
+  Room findRoom(int descriptor) const;
+  /// Whether a connection has a place now that its client has said to be
+  /// `identity`; else why not. Where a bound is reached, the one among those
+  /// it counts that has been idle longest makes room: a WebSocket only when
+  /// there is nothing else, and an admin's last.
+  std::optional<std::string> findPlace(const Connection& connection, const Identity& identity) const;
+  /// When the system has no room: whoever has no token, or is idle. False
+  /// when there is nobody.
+  bool endOne() const;
 
   /// Calls a member function of each connection; they may leave meanwhile.
   template <typename... Parameters, typename... Arguments>
@@ -121,8 +135,8 @@ struct Server
 /// which keeps the context, and reaches the connection weakly.
 using IoContext = std::shared_ptr<boost::asio::io_context>;
 
-/// Begins to read requests from a connection just accepted. One for which
-/// there is no room is told so and closed.
+/// Begins to read requests from a connection just accepted; one for which there
+/// is no room is closed.
 void serveHttp(std::shared_ptr<Server> server, IoContext io, boost::asio::ip::tcp::socket socket);
 
 /// Takes over a connection whose `request` asks for a WebSocket.

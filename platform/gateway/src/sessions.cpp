@@ -33,7 +33,7 @@ Sessions::Sessions(std::shared_ptr<Access> access, std::function<Clock::time_poi
 std::optional<Sessions::Session> Sessions::beginWithToken(std::string_view token)
 {
   const auto holder = _access->identify(token);
-  if (!holder || isSession(holder->number))
+  if (!holder || !mayBegin(*holder))
     return std::nullopt;
   return begin(*holder);
 }
@@ -76,8 +76,9 @@ std::optional<Sessions::Session> Sessions::begin(const Identity& holder)
 
 std::string Sessions::makeCode(const Identity& holder)
 {
-  if (isSession(holder.number))
-    throw vu::ServiceError("session", "code", "a page's session makes no further ones: ask with the token",
+  if (!mayBegin(holder))
+    throw vu::ServiceError("session", "code",
+                           "neither a page's session nor a behavior's run begins a session: ask with a token of your own",
                            vu::ServiceError::Kind::NotAllowed);
   auto code = makeToken();
   const std::lock_guard lock(_mutex);
@@ -117,10 +118,11 @@ void Sessions::expire()
     _access->remove(each, "the page's session is over: open it anew");
 }
 
-bool Sessions::isSession(std::uint64_t number) const
+bool Sessions::mayBegin(const Identity& holder) const
 {
   const std::lock_guard lock(_mutex);
-  return std::any_of(_sessions.begin(), _sessions.end(), [number](const Entry& session) { return session.secret == number; });
+  return !holder.rights &&
+         std::none_of(_sessions.begin(), _sessions.end(), [&holder](const Entry& session) { return session.secret == holder.number; });
 }
 
 std::optional<std::uint64_t> Sessions::makeRoom(Entries& entries, std::uint64_t token)

@@ -243,6 +243,35 @@ TEST_F(Http, WhatIsTooLargeOrUnreadableIsRefusedByName)
   EXPECT_EQ(raw("NONSENSE\r\n\r\n").status, 400u);
 }
 
+TEST_F(Http, BodyWhoseEndCannotBeToldIsRefusedAndNotTakenForARequest)
+{
+  const auto hidden = request("GET /Bench/?eval=Bench.later('hidden')");
+  const auto refuse = [&](const Fields& fields, const std::string& body = {})
+  {
+    auto socket = connect();
+    beast::flat_buffer buffer;
+    asio::write(socket, asio::buffer(request("POST /rpc", fields) + body + hidden));
+    EXPECT_EQ(receive(socket, std::move(buffer)).status, 400U) << fields.back().second;
+    EXPECT_THROW(receive(socket, std::move(buffer)), boost::system::system_error) << "it is closed";
+  };
+  const std::string name = "Transfer-Encoding";
+  for (const auto* const value : {"gzip", "gzip, chunked", "chunked, gzip", "identity", "", "xchunked", "chunked, chunked"})
+    refuse({{name, value}});
+  refuse({{name, "chunked"}, {name, "chunked"}}, "0\r\n\r\n");
+  refuse({{"Content-Length", "5"}, {name, "chunked"}}, "0\r\n\r\n");
+  refuse({{name, "chunked"}, {"Content-Length", "5"}}, "0\r\n\r\n");
+  const std::string extension = ";" + std::string(9000, 'x');
+  refuse({{name, "chunked"}}, "1" + extension + "\r\n \r\n1" + extension + "\r\n \r\n0\r\n\r\n");
+  refuse({{name, "chunked"}}, "1;" + std::string(1 << 20, 'x'));
+  refuse({{name, "chunked"}}, "0\r\nX: " + std::string(100000, 'x') + "\r\n\r\n");
+  EXPECT_TRUE(bench->seen.lines().empty());
+
+  const auto whole = call("Bench.add", "[1,2]");
+  const auto answer = raw(request("POST /rpc", {{name, "Chunked"}}) + "1;a=b\r\n" + whole.substr(0, 1) + "\r\n3D\r\n" + whole.substr(1) +
+                          std::string(62 - whole.size(), ' ') + "\r\n0;last\r\nX-After: all\r\n\r\n");
+  EXPECT_EQ(vu::Value::parse(answer.body)["result"], 3);
+}
+
 TEST_F(Http, StoppedGatewayAnswersWhatIsOpenAndTakesNothingMore)
 {
   auto open = connect();

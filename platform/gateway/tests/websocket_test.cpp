@@ -145,10 +145,14 @@ TEST_F(WebSocket, AnswerNeverOvertakesWhatWasEmittedBefore)
           bench->emit(-1);
       });
   // The link is known before its first notification, however fast that comes.
-  const auto link = stream.ask(call("session.connect", R"(["Bench","happened"])"));
+  for (int i = 0; i < 100; ++i)
+  {
+    const auto link = open().ask(call("session.connect", R"(["Bench","happened"])"));
+    ASSERT_TRUE(link.contains("result")) << link;
+  }
+  ASSERT_TRUE(stream.ask(call("session.connect", R"(["Bench","happened"])")).contains("result"));
   emitter.request_stop();
   emitter.join();
-  ASSERT_TRUE(link.contains("result")) << link;
   for (int i = 0; i < 50; ++i)
   {
     auto message = stream.ask(call("Bench.emit", "[" + std::to_string(i) + "]"));

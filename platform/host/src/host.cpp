@@ -189,7 +189,7 @@ void Host::start()
   {
     auto& directory = _running->directory; // outlives the broker
     _running->broker->createModule<Tokens>("Tokens", directory.layout(), access,
-                                           [&directory](const std::string& token) { directory.writeToken(token); });
+                                           [&directory](const std::string& token) { return directory.writeToken(token); });
     loadModules();
     _running->gateway->start(_running->broker);
     _running->directory.announce(_running->url);
@@ -229,7 +229,7 @@ void Host::probe(std::function<void()> done) const
   _running->gateway->post(
       [broker = _running->broker, done = std::move(done)]
       {
-        broker->pool()->post(
+        broker->pool()->postUrgent(
             [frames = broker->session()->find("ZBFrameManager"), done]
             {
               if (!frames)

@@ -130,7 +130,7 @@ RunDirectory::~RunDirectory()
 
 void RunDirectory::announce(const std::string& url) { write(_layout.endpoint, url); }
 
-void RunDirectory::write(const fs::path& file, const std::string& line) const
+bool RunDirectory::write(const fs::path& file, const std::string& line) const
 {
   const auto text = line + "\n";
   const auto spare = spareOf(file);
@@ -141,12 +141,13 @@ void RunDirectory::write(const fs::path& file, const std::string& line) const
   {
     if (!fs::exists(spare))
       ::rename(file.c_str(), spare.c_str()); // a killed host's
-    if (!writeOver(spare, text) || ::rename(spare.c_str(), file.c_str()) != 0)
-      vu::log::error("host", "RunDirectory",
-                     "the disk is full, and " + file.string() +
-                         " could not be written, by which this machine's clients and programs find the host; behaviors run. Make "
-                         "room, and start the host anew");
-    return;
+    if (writeOver(spare, text) && ::rename(spare.c_str(), file.c_str()) == 0)
+      return true;
+    vu::log::error("host", "RunDirectory",
+                   "the disk is full, and " + file.string() +
+                       " could not be written, by which this machine's clients and programs find the host; behaviors run. Make "
+                       "room, and start the host anew");
+    return false;
   }
   else if (reason != 0)
   {
@@ -157,6 +158,7 @@ void RunDirectory::write(const fs::path& file, const std::string& line) const
     throw failure("write", file);
   if (!fs::exists(spare))
     (void)writeNew(spare, std::string(spareSize, '\n'));
+  return true;
 }
 
 void RunDirectory::withdraw(const fs::path& file) const

@@ -27,8 +27,8 @@ public:
 
   const RootLayout& layout() const { return _layout; }
 
-  /// Writes the token of the host's own user.
-  void writeToken(const std::string& token) { write(_layout.token, token); }
+  /// Writes the token of the host's own user; false where the disk is full.
+  bool writeToken(const std::string& token) { return write(_layout.token, token); }
 
   /// Tells clients by which certificate they know the host, in PEM.
   void writeCertificate(const std::string& pem) { write(_layout.certificate, pem); }
@@ -37,8 +37,9 @@ public:
   void announce(const std::string& url);
 
 private:
-  /// Readable for the owner only, and whole at every moment.
-  void write(const std::filesystem::path& file, const std::string& line) const;
+  /// Readable for the owner only, and whole at every moment. A disk that is
+  /// full is an error in the log, and false.
+  bool write(const std::filesystem::path& file, const std::string& line) const;
   /// What the file leaves behind is the next one's spare.
   void withdraw(const std::filesystem::path& file) const;
 

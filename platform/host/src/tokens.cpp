@@ -64,7 +64,7 @@ Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, co
   for (auto& record : _records)
     record.number = _access->add(record.digest, {record.name, record.role}, record.end);
   _runs = std::make_unique<RunTokens>(root.runTokens, _access);
-  _local = makeLocal();
+  _local = makeLocal().first; // where nobody can be told, behaviors run all the same
   bindMethods();
   writeUsesLater();
 }
@@ -112,6 +112,7 @@ void Tokens::bindMethods()
   addParam("name", "whose it is");
   setReturn("outcome", "{durable, reason}: whether a power cut would not bring it back, and else why it might");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &Tokens::remove);
 
   functionName("renew", getName(), "Write a fresh token for the host's own user, and end the old one and its connections within seconds");
@@ -131,21 +132,20 @@ void Tokens::bindMethods()
   bindMethod(this, &Tokens::endRun);
 }
 
-std::uint64_t Tokens::makeLocal() const
+std::pair<std::uint64_t, bool> Tokens::makeLocal() const
 {
   const auto token = makeToken();
   // Known before anybody can read it.
   const auto number = _access->add(token, {"local", Role::Admin});
   try
   {
-    _writeLocal(token);
+    return {number, _writeLocal(token)};
   }
   catch (...)
   {
     _access->remove(number);
     throw;
   }
-  return number;
 }
 
 std::vector<TokenRecord> Tokens::current() const
@@ -321,7 +321,13 @@ void Tokens::renew()
   const std::lock_guard lock(_renewal);
   try
   {
-    const auto old = std::exchange(_local, makeLocal());
+    const auto [fresh, written] = makeLocal();
+    if (!written)
+    {
+      _access->remove(fresh);
+      throw std::runtime_error("the disk is full");
+    }
+    const auto old = std::exchange(_local, fresh);
     later(renewalGrace, [access = _access, old] { access->remove(old, "the token was renewed"); });
   }
   catch (const std::runtime_error& error)

@@ -25,9 +25,9 @@ namespace Tarvik
 class Tokens final : public ZB::ZBModule
 {
 public:
-  /// Puts the token of the host's own user where that one finds it; a failure
-  /// is a std::runtime_error, and leaves the former one.
-  using WriteLocal = std::function<void(const std::string& token)>;
+  /// Puts the token of the host's own user where that one finds it; false, or a
+  /// std::runtime_error, when it cannot.
+  using WriteLocal = std::function<bool(const std::string& token)>;
 
   /// Reads the file, where there is one; throws a ZBError that names it when it
   /// cannot be read whole. Makes a fresh token "local".
@@ -58,7 +58,8 @@ private:
 
   void bindMethods();
   std::string make(const std::string& method, const std::string& name, const std::string& role, std::optional<Time> end);
-  std::uint64_t makeLocal() const;
+  /// A fresh token, and whether it could be written.
+  std::pair<std::uint64_t, bool> makeLocal() const;
   /// With the uses that Access knows. The next ones need _mutex.
   std::vector<TokenRecord> current() const;
   void write(std::vector<TokenRecord> records);

@@ -21,13 +21,19 @@ protected:
   {
     broker->removeModule("Tokens");
     access = std::make_shared<Access>();
-    return broker->createModule<Tokens>("Tokens", RootLayout(root), access, [this](const std::string& token) { local = token; });
+    return broker->createModule<Tokens>("Tokens", RootLayout(root), access,
+                                        [this](const std::string& token)
+                                        {
+                                          local = full ? local : token;
+                                          return !full;
+                                        });
   }
   std::string file() const { return readFile(root / "tokens"); }
 
   const std::shared_ptr<ZB::ZBBroker> broker = ZB::ZBBroker::create();
   std::shared_ptr<Access> access;
   std::string local;
+  bool full = false;
 };
 
 TEST_F(TokensService, TokenIsKnownByItsDigestAloneAndOutlivesTheHost)
@@ -143,6 +149,9 @@ TEST_F(TokensService, LocalTokenIsRenewedWhileTheHostRuns)
   EXPECT_NE(local, old);
   EXPECT_EQ(access->identify(local)->name, "local");
   EXPECT_TRUE(eventually([&] { return !access->identify(old); }));
+  EXPECT_TRUE(access->identify(local));
+  full = true;
+  EXPECT_THAT(errorOf([&] { tokens.renew(); }), HasSubstr("not renewed: the disk is full"));
   EXPECT_TRUE(access->identify(local));
 }
 

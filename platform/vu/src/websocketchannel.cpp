@@ -1,5 +1,6 @@
 #include "websocketchannel.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <fstream>
@@ -68,6 +69,7 @@ namespace
 
 /// The host sends nothing larger: its own queue is not.
 constexpr std::size_t maximumMessage = 64 << 20;
+constexpr std::size_t mostOutgoing = 10000;
 
 class Channel final : public WebSocketChannel
 {
@@ -103,17 +105,25 @@ public:
     opened.get();
   }
 
-  void send(std::string text) override
+  bool send(std::string text) override
   {
+    const auto bytes = text.size();
+    if (const auto before = _outgoingBytes.fetch_add(bytes);
+        _outgoingMessages++ >= mostOutgoing || (before != 0 && before + bytes > _options.outgoingBytes))
+    {
+      left(bytes);
+      return false;
+    }
     asio::post(_io,
                [this, text = std::move(text)]() mutable
                {
                  if (_state != State::Open)
-                   return;
+                   return left(text.size());
                  _outgoing.push_back(std::move(text));
                  if (_outgoing.size() == 1)
                    write();
                });
+    return true;
   }
 
   void close() override
@@ -146,6 +156,12 @@ private:
     Closing,
     Ended
   };
+
+  void left(std::size_t bytes)
+  {
+    --_outgoingMessages;
+    _outgoingBytes -= bytes;
+  }
 
   void secure()
   {
@@ -207,6 +223,7 @@ private:
                              // The read fails as well, and tells.
                              if (error)
                                return closeSocket();
+                             left(_outgoing.front().size());
                              _outgoing.pop_front();
                              if (!_outgoing.empty())
                                write();
@@ -291,6 +308,8 @@ private:
     }
   }
 
+  std::atomic<std::size_t> _outgoingMessages = 0;
+  std::atomic<std::size_t> _outgoingBytes = 0;
   // The thread of the channel alone touches what follows, once it runs.
   const ConnectionOptions _options;
   const HostAddress _address;

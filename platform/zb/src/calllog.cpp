@@ -3,6 +3,7 @@
 #include <utility>
 
 #include <vu/caller.hpp>
+#include <vu/text.hpp>
 
 namespace ZB
 {
@@ -12,6 +13,7 @@ namespace
 
 constexpr std::size_t longestText = 32;
 constexpr std::size_t mostArguments = 8;
+constexpr std::size_t longestOutcome = 500;
 
 std::string shortened(const vu::Value& value)
 {
@@ -38,10 +40,27 @@ std::string argumentList(const vu::Value& arguments)
   return text;
 }
 
+/// Whether no service had anything to do with it.
+bool isRefusal(const std::exception_ptr& failure)
+{
+  try
+  {
+    std::rethrow_exception(failure);
+  }
+  catch (const vu::ServiceError& error)
+  {
+    return error.kind() != vu::ServiceError::Kind::Service;
+  }
+  catch (...)
+  {
+    return false;
+  }
+}
+
 class LoggedCall final : public CallWatch
 {
 public:
-  explicit LoggedCall(LoggedRequest request) : _request(std::move(request)) {}
+  LoggedCall(LoggedRequest request, AdmitsRefusal admitsRefusal) : _request(std::move(request)), _admitsRefusal(std::move(admitsRefusal)) {}
 
   void underWay() override
   {
@@ -51,6 +70,8 @@ public:
 
   void ended(const std::exception_ptr& failure) override
   {
+    if (_admitsRefusal && _request.isWritten() && failure && isRefusal(failure) && !_admitsRefusal(_request.address()))
+      return;
     if (!_underWay)
       _request.ended(failure ? vu::errorText(failure) : "ok");
     else if (failure)
@@ -59,13 +80,14 @@ public:
 
 private:
   const LoggedRequest _request;
+  const AdmitsRefusal _admitsRefusal;
   bool _underWay = false;
 };
 
 } // namespace
 
 LoggedRequest::LoggedRequest(std::string category, const Caller& caller, const Call& call, vu::Role least, vu::log::Level level)
-    : _category(std::move(category)), _name(caller.name), _address(caller.address), _what(call.fullName()),
+    : _category(std::move(category)), _name(caller.name), _address(caller.address), _what(vu::shortened(call.fullName())),
       _level(least == vu::Role::Observer ? vu::log::Level::Debug : level)
 {
   if (_level == vu::log::Level::Info)
@@ -81,13 +103,14 @@ LoggedRequest::LoggedRequest(std::string category, std::string name, std::string
 void LoggedRequest::ended(const std::string& outcome) const
 {
   const vu::CallerScope caller(_name); // which the line tells
-  vu::log::write(_level, _category, "call", _what + (_address.empty() ? "" : " from " + _address) + ": " + outcome);
+  vu::log::write(_level, _category, "call",
+                 _what + (_address.empty() ? "" : " from " + _address) + ": " + vu::shortened(outcome, longestOutcome));
 }
 
-CallObserver logCalls(std::string category, vu::log::Level level)
+CallObserver logCalls(std::string category, vu::log::Level level, AdmitsRefusal admitsRefusal)
 {
-  return [category = std::move(category), level](const Call& call, const Caller& caller, vu::Role least)
-  { return std::make_shared<LoggedCall>(LoggedRequest(category, caller, call, least, level)); };
+  return [category = std::move(category), level, admits = std::move(admitsRefusal)](const Call& call, const Caller& caller, vu::Role least)
+  { return std::make_shared<LoggedCall>(LoggedRequest(category, caller, call, least, level), admits); };
 }
 
 } // namespace ZB

@@ -18,7 +18,7 @@ vu::Value argumentFromText(const std::string& text);
 
 /// Columns as wide as their widest cell, two spaces apart, no space at the end
 /// of a line; a newline after every row. The first row is the heading.
-std::string formatTable(const std::vector<std::vector<std::string>>& rows);
+std::string formatTable(std::vector<std::vector<std::string>> rows);
 
 /// The texts with ", " between them.
 std::string joined(const std::vector<std::string>& texts);

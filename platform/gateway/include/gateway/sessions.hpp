@@ -44,13 +44,13 @@ public:
   explicit Sessions(std::shared_ptr<Access> access, std::function<Clock::time_point()> now = Clock::now);
 
   /// Begins a session, which ends with its token, after `life` or for a newer
-  /// one. None for a token or a code that is not good.
+  /// one. None for a token or a code that is not good, or may not.
   std::optional<Session> beginWithToken(std::string_view token);
   std::optional<Session> beginWithCode(std::string_view code);
 
   /// One that begins a session of the holder's token, once. Throws a
   /// vu::ServiceError of kind NotAllowed for a session, which would prolong
-  /// itself.
+  /// itself, and for whoever has rights of its own: a cookie has a role's.
   std::string makeCode(const Identity& holder);
 
   /// Who stands behind a cookie; takes the same time whichever is presented.
@@ -70,7 +70,7 @@ private:
   using Entries = std::vector<Entry>; // oldest first
 
   std::optional<Session> begin(const Identity& holder);
-  bool isSession(std::uint64_t number) const;
+  bool mayBegin(const Identity& holder) const;
   /// Takes out what would be one too many with one more of this token, and
   /// gives its secret's number.
   static std::optional<std::uint64_t> makeRoom(Entries& entries, std::uint64_t token);

@@ -1,6 +1,6 @@
 // The list of behaviors, by package.
 
-import { arrange, byId, clock, element, setAttribute, setText, shownName, timeOfDay } from "./dom.js";
+import { arrange, byId, clock, element, setAttribute, setText, shownName, timeOfDay, visible } from "./dom.js";
 import { outcomes, reason } from "./history.js";
 import { mayText, removeButton } from "./packages.js";
 
@@ -102,7 +102,7 @@ export class BehaviorList {
     setText(row.glyph, stateGlyphs[state]);
     setText(row.state, state);
     setText(row.nature, behavior.nature);
-    if (row.tags.textContent !== behavior.tags.join("")) row.tags.replaceChildren(...behavior.tags.map((tag) => element("span", { class: "tag" }, tag)));
+    if (row.tags.textContent !== visible(behavior.tags.join(""))) row.tags.replaceChildren(...behavior.tags.map((tag) => element("span", { class: "tag" }, tag)));
     const last = history.latest(name);
     const over = last && last.outcome !== "running" && state !== "running";
     setText(row.last, over ? `${outcomes[last.outcome]?.glyph ?? ""} ${last.outcome === "finished" ? "ended" : `${reason(last)},`} ${timeOfDay(last.end ?? last.begin)}` : "");

@@ -68,7 +68,7 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
 
 ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name)
     : ZBModule(std::move(broker), name), _gate(std::make_shared<vu::Gate>()), _settings(makeSettings(*getParentBroker(), _gate)),
-      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool())), _pool(threads)
+      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool(), "ends of behaviors")), _pool(threads)
 {
   setModuleDescription("Plays behaviors from their project files");
 
@@ -99,6 +99,7 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   functionName("deleteBehavior", getName(), "Stops an instance, ends its processes and lets go of it; returns when this is done");
   addParam("id", "Id of the instance");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &ZBFrameManager::deleteBehavior);
 
   functionName("_beginClosing", getName(), "Stops all instances and refuses further ones, for a host that shuts down. INTERNAL");

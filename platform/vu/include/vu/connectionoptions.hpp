@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 namespace vu
@@ -19,6 +20,8 @@ struct ConnectionOptions
   /// The only certificate that the host may have for https, a PEM file. Its
   /// names, its end and who has signed it do not matter then.
   std::string hostCertificate = {};
+  /// Of calls that may wait to be sent; one more is refused as Overloaded.
+  std::size_t outgoingBytes = 64 << 20;
 };
 
 } // namespace vu

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include <vu/log.hpp>
@@ -22,6 +23,10 @@ public:
 
   void ended(const std::string& outcome) const;
 
+  /// Whether the log takes its level.
+  bool isWritten() const { return _level <= vu::log::level(); }
+  const std::string& address() const { return _address; }
+
 private:
   std::string _category;
   std::string _name;
@@ -30,7 +35,11 @@ private:
   vu::log::Level _level;
 };
 
+/// Asked whether one more line is written about a call from there that was
+/// refused: it cost its caller nothing, and there can be any number.
+using AdmitsRefusal = std::function<bool(const std::string& address)>;
+
 /// Logs every call through a gate under `category`, see LoggedRequest.
-CallObserver logCalls(std::string category, vu::log::Level level = vu::log::Level::Info);
+CallObserver logCalls(std::string category, vu::log::Level level = vu::log::Level::Info, AdmitsRefusal admitsRefusal = {});
 
 } // namespace ZB
