@@ -95,10 +95,7 @@ std::optional<Identity> Sessions::identify(std::string_view cookie) const
     return std::nullopt;
   auto identity = _access->find(found->secret);
   if (identity)
-  {
     identity->role = std::min(identity->role, Role::Operator);
-    identity->rights = {};
-  }
   return identity;
 }
 
