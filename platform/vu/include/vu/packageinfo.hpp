@@ -53,7 +53,7 @@ public:
     std::map<std::string, std::string> names;
     std::map<std::string, std::string> descriptions;
     std::list<BehaviorInfo> behaviors;
-    std::vector<std::string> may; ///< what it asks to call, as its manifest writes it
+    std::vector<std::string> may = {}; ///< what it asks to call, as its manifest writes it
   };
 
   PackageInfo() = default;
