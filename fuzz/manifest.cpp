@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include <packages/manifest.hpp>
 #include <packages/packageerror.hpp>
 #include <vu/value.hpp>
@@ -31,6 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // Names that a page may show as they are.
     for (const auto& behavior : info.behaviors())
       require((info.uuid() + behavior.path()).find_first_of("<>&\"'\\\n\r") == std::string::npos);
+    const packages::Rights rights(info.may());
+    require(rights.asked().size() == info.may().size());
+    for (const auto& call : rights.asked())
+      require(call == "*" || std::count(call.begin(), call.end(), '.') == 1);
     require(!vu::Value(info).dump().empty());
   }
   catch (const packages::PackageError& error)

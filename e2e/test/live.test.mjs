@@ -1,6 +1,7 @@
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdirSync, writeFileSync } from "node:fs";
+import { createServer } from "node:http";
 import path from "node:path";
 import { after, before, test } from "node:test";
 import { launch } from "../browser.mjs";
@@ -8,14 +9,24 @@ import { Host, until } from "../host.mjs";
 
 const options = { timeout: 120_000 };
 const complaints = []; // of the browser, about what our pages do
-let host, browser, page, observer;
+let host, browser, page, observer, aliceToken;
 
 /** A browser of its own that has come in with the token. */
 async function enter(token, more = {}) {
   const opened = await (await browser.newContext(more)).newPage();
   opened.on("pageerror", (error) => complaints.push(error.stack));
   opened.on("console", (line) => line.type() === "error" && !/Failed to load resource|WebSocket connection/.test(line.text()) && complaints.push(line.text()));
+  await opened.addInitScript(() => {
+    window.sockets = [];
+    window.WebSocket = class extends WebSocket {
+      constructor(...options) {
+        super(...options);
+        window.sockets.push(this);
+      }
+    };
+  });
   await opened.goto(`${host.url}/?token=${token}`);
+  await opened.waitForURL(`${host.url}/`);
   return opened;
 }
 
@@ -25,11 +36,11 @@ const showsState = (name, state, where = page) => until(`${name} is shown as ${s
 const isIn = (phase, where = page) => until(`the page is ${phase}`, async () => (await where.locator("body").getAttribute("data-phase")) === phase);
 const shows = (selector, text, where = page) => until(`${selector} shows ${text}`, async () => text.test((await where.locator(selector).allTextContents()).join("\n")));
 
-/** A zip archive of a package whose project is this text. */
-function archive(uuid, project) {
+/** A zip archive of a package whose project is this text, and which asks for these rights. */
+function archive(uuid, project, rights = "") {
   const directory = path.join(host.root, "archives", uuid);
   mkdirSync(path.join(directory, "main"), { recursive: true });
-  writeFileSync(path.join(directory, "manifest.xml"), `<package uuid="${uuid}" version="2.1"><behavior path="main"/></package>`);
+  writeFileSync(path.join(directory, "manifest.xml"), `<package uuid="${uuid}" version="2.1">${rights}<behavior path="main"/></package>`);
   writeFileSync(path.join(directory, "main/behavior.xar"), project);
   execFileSync("python3", ["-m", "zipfile", "-c", `${directory}.zip`, "manifest.xml", "main"], { cwd: directory });
   return `${directory}.zip`;
@@ -37,7 +48,8 @@ function archive(uuid, project) {
 
 before(async () => {
   [host, browser] = [await Host.start(), await launch()];
-  page = await enter(await addToken("alice", "admin"));
+  aliceToken = await addToken("alice", "admin");
+  page = await enter(aliceToken);
   observer = await enter(await addToken("guest", "observer"));
   for (const each of [page, observer]) await isIn("connected", each);
 }, options);
@@ -107,8 +119,9 @@ test("the time line tells why a run ended", options, async () => {
 });
 
 test("a package is chosen or dropped, a bad one is refused in words, and removal asks first", options, async () => {
-  await page.setInputFiles("input[type=file]", archive("uploaded", '<project format="1" name="main"><wait seconds="60"/></project>'));
-  await shows("#upload", /Installed the package uploaded/);
+  await page.setInputFiles("input[type=file]", archive("uploaded", '<project format="1" name="main"><wait seconds="60"/></project>', '<may call="Tokens.list"/>'));
+  await shows("#upload", /Installed the package uploaded\. May call Tokens\.list\./);
+  await shows("#packages .rights", /May call Tokens\.list\./, observer);
   await showsState("uploaded/main", "installed", observer);
 
   const dropped = archive("broken", '<project format="1" name="main"><fly/></project>');
@@ -119,6 +132,7 @@ test("a package is chosen or dropped, a bad one is refused in words, and removal
     return data;
   }, execFileSync("base64", ["-w0", dropped]).toString());
   await page.dispatchEvent("#behaviors", "drop", { dataTransfer: transfer });
+  await shows("#upload", /Installed the package broken\. main\/behavior\.xar:1: <fly> is not known/);
   await shows("#upload", /notes\.zip is not installed: .*(archive|zip|manifest)/);
   await row("broken/main").getByRole("button", { name: "Start broken/main" }).click();
   await shows('[data-behavior="broken/main"] .error', /behavior\.xar.*fly/);
@@ -130,9 +144,44 @@ test("a package is chosen or dropped, a bad one is refused in words, and removal
   }
 });
 
-test("a page that loses its host finds it again, with what has changed meanwhile; a token that is gone is told", options, async () => {
+test("each tab has a session of its own, which only a person begins; the cookie opens the modules' pages alone", options, async () => {
+  const context = await browser.newContext();
+  const tab = await context.newPage();
+  const address = (await host.tarvik("open")).trim();
+  await tab.goto(address);
+  await tab.waitForURL(`${host.url}/`);
+  await isIn("connected", tab);
+  assert.equal(await tab.evaluate(() => history.length), 2, "the address with the code is replaced");
+  await tab.reload();
+  await isIn("connected", tab);
+
+  const other = await context.newPage();
+  await other.goto(host.url);
+  await isIn("refused", other);
+  await shows("#notice", /has no session.*tarvik open.*enter a token/, other);
+  assert.equal((await other.goto(`${host.url}/ZBBehaviorManager/`)).status(), 200);
+  const evaluate = (expression) => other.evaluate(async (text) => (await fetch(`?eval=${text}`)).status, expression);
+  assert.deepEqual([await evaluate("ZBBehaviorManager.getRunningBehaviors()"), await evaluate("PackageManager.remove('clock')")], [200, 403]);
+  assert.equal((await other.goto(`${host.url}/ZBBehaviorManager/?eval=ZBBehaviorManager.getRunningBehaviors()`)).status(), 403);
+  assert.equal((await other.goto(address)).status(), 401, "a code is good once");
+
+  // A page of another port is the same site, and gets the cookie sent along.
+  const neighbour = createServer((request, response) => response.end(`<a href="${host.url}/?token=${host.token}">link</a>`));
+  await new Promise((resolve) => neighbour.listen(0, "127.0.0.1", resolve));
+  await other.goto(`http://127.0.0.1:${neighbour.address().port}`);
+  const [answer] = await Promise.all([other.waitForResponse((response) => response.url().startsWith(host.url)), other.getByRole("link").click()]);
+  assert.equal(answer.status(), 403);
+  neighbour.close();
+  await context.close();
+});
+
+test("a page that loses its connection finds the host again; a session that is over is told, and begun anew by the form", options, async () => {
   const local = await enter(host.token);
   await isIn("connected", local);
+  await local.evaluate(() => window.sockets.at(-1).close());
+  await shows("#log-list", /connection lost[^]*connected/, local);
+  await isIn("connected", local);
+
   await host.tarvik("start", "greetings/wave");
   await showsState("greetings/wave", "running");
   await host.end("SIGKILL");
@@ -141,19 +190,26 @@ test("a page that loses its host finds it again, with what has changed meanwhile
   await row("clock").getByRole("button").first().click();
   await shows('[data-behavior="clock"] .error', /no connection to the host/);
 
+  // Sessions live no longer than the host.
   await host.run();
+  await isIn("refused");
+  await shows("#notice", /session is over.*Run “tarvik open”/);
+  await page.getByRole("link", { name: "enter a token" }).click();
+  const give = async (token) => {
+    await page.getByLabel("Token").fill(token);
+    await page.getByRole("button", { name: "Open" }).click();
+  };
+  await give("wrong");
+  await page.getByText(/not known here/).waitFor();
+  await give(aliceToken);
   await isIn("connected");
   await showsState("clock", "running"); // the default behavior, which the new host has begun
   await showsState("greetings/wave", "installed");
   assert.equal(await page.locator("#notice").textContent(), "");
   await host.tarvik("stop", "clock");
   await showsState("clock", "installed");
-
-  // The token of the old host's run directory is known no more.
-  await isIn("refused", local);
-  await shows("#notice", /Run “tarvik open”/, local);
-  await host.tarvik("token", "remove", "guest");
-  await isIn("refused", observer);
+  await host.tarvik("token", "remove", "alice");
+  await isIn("refused");
 });
 
 test("nothing is cut off on a small phone", options, async () => {

@@ -2,6 +2,8 @@
 
 #include <cli/text.hpp>
 
+#include "safeoutput.hpp"
+
 namespace Tarvik
 {
 
@@ -65,13 +67,18 @@ void Context::print(const vu::Value& value) const { out << value.dump(-1, ' ', f
 
 void Commands::addCommonOptions(CLI::App& application)
 {
-  auto* root =
-      application.add_option("--root", _context.host.root, "Root of the host; else $TARVIK_ROOT, else the user's own")->type_name("DIR");
+  auto* root = application
+                   .add_option("--root", _context.host.root,
+                               "Root of the host; else $TARVIK_URL with $TARVIK_TOKEN_FILE, else $TARVIK_ROOT, else the user's own")
+                   ->type_name("DIR");
   auto* url = application.add_option("--url", _context.host.url, "Address of the host, such as http://127.0.0.1:7110")
                   ->type_name("URL")
                   ->excludes(root);
   auto* tokenFile =
       application.add_option("--token-file", _context.host.tokenFile, "File with the token for --url")->type_name("FILE")->excludes(root);
+  application.add_option("--ca", _context.host.authority, "Certificate of an authority to trust besides the system's, with --url")
+      ->type_name("FILE")
+      ->needs(url);
   url->needs(tokenFile);
   tokenFile->needs(url);
   application.add_flag("--json", _context.json, "Answer in JSON");
@@ -92,8 +99,11 @@ CLI::App* Commands::addGroup(const std::string& name, const std::string& descrip
   return group;
 }
 
-ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& error)
+ExitCode runCommandLine(const std::vector<std::string>& arguments, std::ostream& toOut, std::ostream& toError)
 {
+  // Names, descriptions, failures and output come from packages and clients.
+  SafeOutput out(toOut);
+  SafeOutput error(toError);
   CLI::App application("Tells a Tarvik host what to do, and shows what it does.", "tarvik");
   application.require_subcommand(0, 1); // at least one is asked for below, where the message can name what was written
   application.failure_message([](const CLI::App*, const CLI::Error& fault)

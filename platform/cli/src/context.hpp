@@ -26,12 +26,15 @@ private:
   ExitCode _code;
 };
 
-/// Where the host is: its root, or its address and a file with a token.
+/// Where the host is: its root, or its address, a file with a token, and
+/// perhaps one with an authority to trust.
 struct HostOptions
 {
   std::string root;
   std::string url;
   std::string tokenFile;
+  std::string authority;
+  std::string certificate = {}; ///< of the root's host; empty without TLS
 };
 
 /// What a command works with. Used from the main thread alone.

@@ -51,14 +51,28 @@ std::vector<std::string> behaviorNames(const vu::PackageInfo& package)
   return names;
 }
 
-void finish(const Context& context, const vu::PackageInfo& package, const std::string& state, bool announced)
+/// What a package asks to call, and what is wrong with its projects.
+void tell(const Context& context, const vu::Value& checked)
+{
+  for (const auto& call : checked.at("may"))
+    context.out << "  may call " << call.get<std::string>() << "\n";
+  for (const auto& fault : checked.at("faults"))
+    context.out << fault.at("file").get<std::string>() << ":" << fault.at("line") << ": " << fault.at("text").get<std::string>() << "\n";
+}
+
+void finish(const Context& context, const vu::PackageInfo& package, const std::string& state, bool announced,
+            const vu::Value& more = vu::Value::object())
 {
   if (context.json)
-    context.print({{"uuid", package.uuid()},
-                   {"version", package.version()},
-                   {"state", state},
-                   {"behaviors", behaviorNames(package)},
-                   {"announced", announced}});
+  {
+    vu::Value answer{{"uuid", package.uuid()},
+                     {"version", package.version()},
+                     {"state", state},
+                     {"behaviors", behaviorNames(package)},
+                     {"announced", announced}};
+    answer.update(more);
+    context.print(answer);
+  }
   else
   {
     context.out << package.uuid() << " " << state << "\n";
@@ -77,9 +91,14 @@ void install(Context& context, const std::string& path)
   const Behaviors behaviors(*session);
   const Announcements announcements(behaviors, "behaviorsAdded");
   const auto manager = session->service("PackageManager").value();
-  const auto uuid = manager.call<std::string>("install", std::filesystem::absolute(path).string(), std::string("tarvik"));
+  const auto place = std::filesystem::absolute(path).string();
+  const auto checked = manager.call<vu::Value>("check", place);
+  if (!context.json)
+    tell(context, checked);
+  context.out.flush();
+  const auto uuid = manager.call<std::string>("install", place, std::string("tarvik"));
   const auto package = manager.call<vu::PackageInfo>("package", uuid);
-  finish(context, package, "installed", announcements.waitFor(package));
+  finish(context, package, "installed", announcements.waitFor(package), {{"may", package.may()}, {"faults", checked.at("faults")}});
 }
 
 void remove(Context& context, const std::string& uuid)
@@ -116,12 +135,22 @@ void list(Context& context)
 void check(Context& context, const std::string& path)
 {
   const auto session = context.connect();
-  const auto package = session->service("PackageManager").value().call<vu::PackageInfo>("check", std::filesystem::absolute(path).string());
+  const auto checked = session->service("PackageManager").value().call<vu::Value>("check", std::filesystem::absolute(path).string());
+  const vu::PackageInfo package(checked);
+  const auto faults = checked.at("faults").size();
   if (context.json)
-    return context.print(package);
-  context.out << path << " is the package " << package.uuid() << " " << package.version() << ", without a fault\n";
-  for (const auto& name : behaviorNames(package))
-    context.out << "  " << name << "\n";
+    context.print(checked);
+  else
+  {
+    context.out << path << " is the package " << package.uuid() << " " << package.version() << (faults == 0 ? ", without a fault\n" : "\n");
+    for (const auto& name : behaviorNames(package))
+      context.out << "  " << name << "\n";
+    tell(context, checked);
+  }
+  context.out.flush();
+  if (faults != 0)
+    throw CommandError("the package \"" + package.uuid() + "\" has " + std::to_string(faults) + (faults == 1 ? " project" : " projects") +
+                       " with a fault, which cannot be loaded");
 }
 
 } // namespace

@@ -1,8 +1,10 @@
 #include <cli/text.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <ctime>
 #include <iomanip>
+#include <map>
 #include <sstream>
 
 #include <vu/value.hpp>
@@ -52,8 +54,11 @@ vu::Value argumentFromText(const std::string& text)
   return value.is_discarded() ? vu::Value(text) : value;
 }
 
-std::string formatTable(const std::vector<std::vector<std::string>>& rows)
+std::string formatTable(std::vector<std::vector<std::string>> rows)
 {
+  for (auto& row : rows)
+    for (auto& cell : row)
+      cell = singleLine(cell);
   std::vector<std::size_t> widths;
   for (const auto& row : rows)
   {
@@ -96,6 +101,18 @@ std::string formatDuration(std::chrono::milliseconds duration)
   return two(seconds / 86400, " d ", seconds / 3600 % 24, " h");
 }
 
+std::optional<std::chrono::seconds> parseDuration(const std::string& text)
+{
+  std::uint32_t number = 0; // times a day, it is far from overflowing
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || rest + 1 != end || number == 0)
+    return std::nullopt;
+  const std::map<char, std::int64_t> units{{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+  const auto unit = units.find(*rest);
+  return unit == units.end() ? std::nullopt : std::optional(std::chrono::seconds(number * unit->second));
+}
+
 std::string singleLine(const std::string& text)
 {
   auto line = text;
@@ -126,9 +143,9 @@ std::string formatDescription(const vu::ObjectDescription& description)
       text += "      " + singleLine(method.description) + "\n";
     for (const auto& parameter : method.parameters)
       if (!parameter.description.empty())
-        text += "      " + parameter.name + ": " + parameter.description + "\n";
+        text += "      " + parameter.name + ": " + singleLine(parameter.description) + "\n";
     if (method.returns && !method.returns->description.empty())
-      text += "      returns " + method.returns->description + "\n";
+      text += "      returns " + singleLine(method.returns->description) + "\n";
   }
   if (!description.signals.empty())
     text += "\nsignals\n";

@@ -85,6 +85,27 @@ TEST_F(CommandLine, withoutAHostExitsWith3AndTellsHowToStartOne)
   expectError({"status"}, 3, "no host reached at http://127.0.0.1:1", "tarvikd");
 }
 
+TEST_F(CommandLine, environmentOfAProgramGoesBeforeTheRootAndComesWhole)
+{
+  const auto file = TestSupport::writeFile(root / "secret", "secret").string();
+  const auto with = [](const char* url, const std::string& tokenFile)
+  {
+    setenv("TARVIK_URL", url, 1);
+    setenv("TARVIK_TOKEN_FILE", tokenFile.c_str(), 1);
+  };
+  with("http://127.0.0.1:1", file);
+  expectError({"status"}, 3, "no host reached at http://127.0.0.1:1", "tarvikd");
+  expectError({"status", "--root", root.string()}, 3, "no host runs on " + root.string(), "");
+  with("http://127.0.0.1:1", "");
+  expectError({"status"}, 2, "the environment has TARVIK_URL, but no TARVIK_TOKEN_FILE", "--root or --url");
+  with("", file);
+  expectError({"status"}, 2, "the environment has TARVIK_TOKEN_FILE, but no TARVIK_URL", "--root or --url");
+  with("robot", file);
+  expectError({"status"}, 2, "'robot' is no host's address", "http://ADDRESS:PORT");
+  unsetenv("TARVIK_URL");
+  unsetenv("TARVIK_TOKEN_FILE");
+}
+
 TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
 {
   const std::string manager = "ZBBehaviorManager.";

@@ -133,7 +133,7 @@ TEST_F(EndToEnd, everyCommandAnswersInJsonAndInNothingElse)
       {{"services"}, R"(["PackageManager","RunHistory","Tokens","ZBBehaviorManager","ZBFrameManager","ZBMemory","ZBPreferences"])"},
       {{"describe", "ZBMemory"}, R"("name":"ZBMemory")"},
       {{"call", "ZBMemory.insertData", "k", "1"}, "null"},
-      {{"open"}, "/?token="},
+      {{"open"}, "/?code="},
       {{"token", "add", "alice", "--role", "observer"}, R"("role":"observer")"},
       {{"token", "list"}, R"("name":"alice")"},
       {{"token", "remove", "alice"}, R"({"name":"alice","state":"removed"})"},
@@ -313,14 +313,120 @@ TEST_F(EndToEnd, addressAndTokenFileReachTheHostAndAWrongTokenIsRefused)
   const auto refused = testing::Pair(1, MatchesRegex("tarvik: [^\n]*--token-file[^\n]*\n"));
   const auto alice = writeFile(directory / "alice", "wrong\n").string();
   EXPECT_THAT(with(alice), refused);
-  const auto token = tarvik({"token", "add", "alice", "--role", "observer"}).out;
+  EXPECT_EQ(tarvik({"token", "add", "alice", "--role", "observer", "--expires", "30"}).code, 2);
+  const auto token = tarvik({"token", "add", "alice", "--role", "observer", "--expires", "30d"}).out;
   writeFile(alice, token);
   EXPECT_EQ(with(alice).first, 0);
-  EXPECT_THAT(tarvik({"token", "list"}).out, MatchesRegex("NAME +ROLE +CREATED\nalice +observer +20[^ ]*Z\n"));
-  EXPECT_EQ(tarvik({"open"}).out, url + "/?token=" + readFile(root + "/run/token"));
+  EXPECT_THAT(tarvik({"token", "list"}).out,
+              MatchesRegex("NAME +ROLE +CREATED +EXPIRES +LAST USED\nalice +observer +20[^ ]*Z +20[^ ]*Z +20[^ ]*Z\n"));
+  EXPECT_THAT(tarvik({"open"}).out, MatchesRegex(url + "/\\?code=[0-9a-f]+\n"));
   EXPECT_EQ(tarvik({"token", "remove", "alice"}).code, 0);
   EXPECT_THAT(with(alice), refused);
+  const auto local = readFile(root + "/run/token");
+  EXPECT_EQ(tarvik({"token", "renew"}).code, 0);
+  EXPECT_NE(readFile(root + "/run/token"), local);
+  EXPECT_EQ(tarvik({"token", "list"}).code, 0) << "with the fresh one";
   EXPECT_EQ(_daemon.error().find(token.substr(0, 16)), std::string::npos) << "no token gets into the log";
+}
+
+TEST_F(EndToEnd, programReachesItsOwnHostAndMayThereWhatItsPackageAsksFor)
+{
+  // A second host, whose own surroundings lead to the first.
+  const std::string other = directory / "other";
+  Process daemon(
+      {TARVIKD, "--root", other, "--listen", "127.0.0.1:0"},
+      {{"TARVIK_ROOT", root}, {"TARVIK_URL", firstLine(readFile(root + "/run/endpoint"))}, {"TARVIK_TOKEN_FILE", root + "/run/token"}});
+  ASSERT_TRUE(daemon.waitForOutput("\n"));
+  const auto there = [&other](std::vector<std::string> arguments)
+  {
+    arguments.insert(arguments.begin(), {TARVIK, "--root", other});
+    Process process(arguments);
+    return ended(process);
+  };
+  const std::string program = std::string("<run command=\"") + TARVIK + " ";
+  const auto rights = TestSupport::writePackage(directory / "rights", "rights",
+                                                {{"notes", program + "call ZBMemory.insertData Test/Here 1\"/>"},
+                                                 {"adds", program + "token add eve --role admin\"/>"},
+                                                 {"lists", program + "token list\"/><call service=\"Tokens\" method=\"list\"/>"}});
+  writeFile(rights / "manifest.xml", R"(<package uuid="rights"><may call="Tokens.list"/>
+    <behavior path="notes"/><behavior path="adds"/><behavior path="lists"/></package>)");
+  EXPECT_THAT(there({"package", "check", rights}).out, HasSubstr("\n  may call Tokens.list\n"));
+  EXPECT_THAT(there({"package", "install", rights}).out, StartsWith("  may call Tokens.list\nrights installed\n"));
+  EXPECT_EQ(there({"run", "rights/notes", "rights/lists"}).code, 0);
+  EXPECT_EQ(there({"run", "rights/adds"}).code, 1);
+  EXPECT_EQ(there({"call", "ZBMemory.getData", "Test/Here"}).out, "1\n");
+  EXPECT_EQ(tarvik({"call", "ZBMemory.getData", "Test/Here"}).code, 1) << "the other host's memory is untouched";
+  EXPECT_THAT(there({"token", "list"}).out, HasSubstr("nobody has a token"));
+  EXPECT_THAT(TestSupport::namesIn(other + "/run/behaviors"), IsEmpty());
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.waitForEnd(), 0);
+  EXPECT_THAT(daemon.error(),
+              AllOf(HasSubstr("gateway.call for rights/notes for local: ZBMemory.insertData(\"Test/Here\", 1) from 127.0.0.1:"),
+                    HasSubstr("framemanager.call for rights/lists for local: Tokens.list(): ok"),
+                    HasSubstr("manifest does not say <may call=\"Tokens.add\"/>")));
+}
+
+TEST_F(EndToEnd, rightsAndFaultsAreToldByCheckAndInstallationsOfEitherKind)
+{
+  writeFile(package / "short" / "behavior.xar", "<project format='1'>\n<fly/></project>");
+  const auto checked = tarvik({"package", "check", package});
+  EXPECT_EQ(checked.code, 1);
+  EXPECT_THAT(checked.out, HasSubstr("\nshort/behavior.xar:2: <fly> is not known"));
+  EXPECT_THAT(checked.error, MatchesRegex("tarvik: the package \"test\" has 1 project with a fault[^\n]*\n"));
+  const auto installed = tarvik({"package", "install", package, "--json"});
+  EXPECT_EQ(installed.code, 0);
+  EXPECT_EQ(jsonLines(installed.out).back()["faults"][0]["line"], 2);
+
+  // The same as an archive in the place of what is there.
+  EXPECT_EQ(tarvik({"start", "test/endless"}).code, 0);
+  auto manifest = readFile(package / "manifest.xml");
+  writeFile(package / "manifest.xml", manifest.replace(manifest.find("<behavior"), 0, "<may call='Tokens.*'/>"));
+  Process upload({"/usr/bin/python3", "-c", R"(
+import io, pathlib, sys, urllib.request, zipfile
+root, package, archive = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), io.BytesIO()
+with zipfile.ZipFile(archive, "w") as zip:
+    for file in package.rglob("*"):
+        zip.write(file, file.relative_to(package))
+headers = {"Authorization": "Bearer " + (root / "run/token").read_text().strip()}
+url = (root / "run/endpoint").read_text().strip() + "/packages"
+print(urllib.request.urlopen(urllib.request.Request(url, archive.getvalue(), headers)).read().decode())
+)",
+                  root, package});
+  EXPECT_EQ(upload.waitForEnd(), 0) << upload.error();
+  auto answer = Value::parse(upload.output());
+  EXPECT_THAT(answer["faults"][0]["text"].get<std::string>(), HasSubstr("<fly> is not known"));
+  answer["faults"] = answer["faults"].size();
+  EXPECT_EQ(answer, Value::parse(R"({"uuid": "test", "replaced": "1.0", "stopped": ["test/endless"], "may": ["Tokens.*"], "faults": 1})"));
+}
+
+TEST_F(EndToEnd, hostWithTlsIsKnownByItsRootAndFromElsewhereByAnAuthority)
+{
+  const auto certificate = (directory / "host.cert").string();
+  const auto key = (directory / "host.key").string();
+  const auto secure = (directory / "secure").string();
+  const auto begin = [](std::vector<std::string> command) { return std::make_unique<Process>(command); };
+  const auto openssl =
+      ended(*begin({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "90",
+                    "-subj", "/CN=test", "-addext", "subjectAltName=DNS:localhost", "-out", certificate, "-keyout", key}));
+  ASSERT_EQ(openssl.code, 0) << openssl.error;
+  const auto host = begin({TARVIKD, "--root", secure, "--listen", "127.0.0.1:0", "--tls-cert", certificate, "--tls-key", key});
+  ASSERT_TRUE(host->waitForOutput("\n")) << host->error();
+  const auto url = firstLine(readFile(secure + "/run/endpoint"));
+  EXPECT_THAT(url, StartsWith("https://localhost:"));
+  const auto known = ended(*begin({TARVIK, "--root", secure, "services"}));
+  EXPECT_EQ(known.code, 0) << known.error;
+  TestSupport::writePackage(package, "test", {{"asks", std::string("<run command=\"") + TARVIK + " services\"/>"}});
+  EXPECT_EQ(ended(*begin({TARVIK, "--root", secure, "package", "install", package})).code, 0);
+  const auto asked = ended(*begin({TARVIK, "--root", secure, "run", "test/asks"}));
+  EXPECT_EQ(asked.code, 0) << "programs know the certificate: " << asked.error << host->error();
+  std::vector<std::string> fromElsewhere{TARVIK, "services", "--url", url, "--token-file", secure + "/run/token"};
+  const auto unknown = ended(*begin(fromElsewhere));
+  EXPECT_EQ(unknown.code, 3);
+  EXPECT_THAT(unknown.error, HasSubstr("certificate"));
+  fromElsewhere.insert(fromElsewhere.end(), {"--ca", certificate});
+  EXPECT_EQ(ended(*begin(fromElsewhere)).code, 0);
+  host->signal(SIGTERM);
+  EXPECT_EQ(host->waitForEnd(), 0);
 }
 
 TEST_F(EndToEnd, hostThatVanishesEndsWhoWaitsWith3)

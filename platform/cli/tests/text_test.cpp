@@ -2,7 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <sstream>
+
+#include <vu/text.hpp>
 #include <vu/value.hpp>
+
+#include "safeoutput.hpp"
 
 namespace Tarvik
 {
@@ -30,6 +35,15 @@ TEST(Duration, isToldInItsTwoLargestUnits)
                                                                 {273600000, "3 d 4 h"}};
   for (const auto& [milliseconds, text] : cases)
     EXPECT_EQ(formatDuration(std::chrono::milliseconds(milliseconds)), text);
+}
+
+TEST(Duration, isReadWithOneUnit)
+{
+  const std::vector<std::pair<std::string, int>> cases{{"45s", 45}, {"10m", 600}, {"12h", 43200}, {"30d", 2592000}};
+  for (const auto& [text, seconds] : cases)
+    EXPECT_EQ(parseDuration(text), std::chrono::seconds(seconds)) << text;
+  for (const auto* const text : {"", "s", "30", "0s", "-1s", "1.5h", "1w", "1hh", " 1h", "1 h", "4294967296s"})
+    EXPECT_FALSE(parseDuration(text)) << text;
 }
 
 TEST(Value, isShownBareAsStringAndNotAtAllAsNull)
@@ -73,6 +87,41 @@ TEST(Notification, isOneLineForPeopleAndAnObjectForPrograms)
   EXPECT_EQ(notificationValue("signal", signal, time)["arguments"], Value::array({"x", 2}));
   EXPECT_FALSE(notificationValue("signal", signal, time).contains("link"));
   EXPECT_THAT(formatNotification("event", {{"key", "k"}, {"value", "\xff"}}, time), HasSubstr("\xEF\xBF\xBD")) << "no text, but shown";
+}
+
+TEST(SafeOutput, letsNothingThroughThatSteersATerminalInTextAndInJson)
+{
+  const std::pair<std::string, std::string> cases[] = {
+      {"a\tb\n", "a\tb\n"},
+      {"\x1b[2J\x1b]0;title\x07\r", R"(\u001b[2J\u001b]0;title\u0007\u000d)"},
+      {"\x7f\xc2\x9b"
+       "31m \x9b"
+       "31m",
+       "\\u007f\\u009b31m \xef\xbf\xbd"
+       "31m"},
+      {"txt.\xe2\x80\xae"
+       "exe\xe2\x81\xa6\xe2\x80\xa8",
+       R"(txt.\u202eexe\u2066\u2028)"},
+      {"\xc3\xa4\xe2\x82\xac\xf0\x9f\xa4\x96", "\xc3\xa4\xe2\x82\xac\xf0\x9f\xa4\x96"},
+      {"cut off \xe2\x80", "cut off \xef\xbf\xbd\xef\xbf\xbd"},
+  };
+  for (const auto& [text, expected] : cases)
+  {
+    std::ostringstream whole;
+    std::ostringstream pieces;
+    SafeOutput(whole) << text;
+    SafeOutput slow(pieces);
+    for (const char byte : text)
+      slow << byte;
+    slow.flush();
+    EXPECT_EQ(whole.str(), expected);
+    EXPECT_EQ(pieces.str(), expected) << "byte by byte";
+    const vu::Value value(vu::validUtf8(text));
+    std::ostringstream json;
+    SafeOutput(json) << value.dump();
+    EXPECT_EQ(vu::Value::parse(json.str()), value);
+    EXPECT_EQ(json.str().find('\x7f'), std::string::npos);
+  }
 }
 
 } // namespace Tarvik

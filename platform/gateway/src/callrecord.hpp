@@ -3,36 +3,31 @@
 #include <memory>
 #include <string>
 
-#include <vu/log.hpp>
-#include <zb/callgate.hpp>
+#include <zb/calllog.hpp>
 
 #include "client.hpp"
 #include "metrics.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
 
-/// What a client has asked for, as the log tells it: who, from where, what, and
-/// how it ended. At debug level what an observer may do, else at info.
-class LoggedRequest
+/// What a client has asked for, as the log tells it.
+class LoggedRequest : public ZB::LoggedRequest
 {
 public:
-  /// A call of a service. Long texts among the arguments are cut short, so that
-  /// a token given by mistake does not get into the log whole.
-  LoggedRequest(const ZB::Caller& caller, const ZB::Call& call, vu::Role least);
-  /// Anything else that changes something.
-  LoggedRequest(const Client& client, std::string what);
+  LoggedRequest(const ZB::Caller& caller, const ZB::Call& call, vu::Role least) : ZB::LoggedRequest("gateway", caller, call, least) {}
+  LoggedRequest(const Client& client, std::string what)
+      : ZB::LoggedRequest("gateway", client.identity.name, client.address, std::move(what))
+  {
+  }
 
-  void ended(const std::string& outcome) const;
-
-private:
-  std::string _name;
-  std::string _address;
-  std::string _what;
-  vu::log::Level _level;
+  /// Tells how it was refused, unless the log has enough of the client's
+  /// refused requests.
+  void refused(const std::string& outcome, RefusalLog& refusals) const;
 };
 
 /// Counts and logs every call that comes over a wire.
-ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics);
+ZB::CallObserver recordCalls(std::shared_ptr<Metrics> metrics, std::shared_ptr<RefusalLog> refusals);
 
 } // namespace Tarvik

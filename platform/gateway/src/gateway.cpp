@@ -3,10 +3,12 @@
 #include <stdexcept>
 #include <thread>
 
+#include <boost/asio/ip/host_name.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <vu/log.hpp>
+#include <vu/threadpool.hpp>
 
 #include "callrecord.hpp"
 #include "server.hpp"
@@ -22,30 +24,47 @@ using boost::system::error_code;
 namespace
 {
 
-std::unique_ptr<asio::ssl::context> loadTls(const Gateway::Options& options)
+/// Looks at the certificate's files this often.
+constexpr std::chrono::seconds lookInterval(2);
+
+std::shared_ptr<Certificate> loadCertificate(const Gateway::Options& options)
 {
   if (options.tlsCertificate.empty() != options.tlsKey.empty())
     throw std::runtime_error("TLS needs both a certificate and a key");
   if (options.tlsCertificate.empty())
     return nullptr;
-  auto context = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
-  context->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 | asio::ssl::context::no_sslv3 |
-                       asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
-  error_code error;
-  context->use_certificate_chain_file(options.tlsCertificate, error);
-  if (error)
-    throw std::runtime_error("the certificate " + options.tlsCertificate + " cannot be used: " + error.message());
-  context->use_private_key_file(options.tlsKey, asio::ssl::context::pem, error);
-  if (error)
-    throw std::runtime_error("the key " + options.tlsKey + " cannot be used: " + error.message());
-  return context;
+  return std::make_shared<Certificate>(
+      options.tlsCertificate, options.tlsKey, options.certificateTaken ? options.certificateTaken : [](const std::string&) {});
+}
+
+/// How clients on this machine name a listener, best by a name that its
+/// certificate is good for. "Every address" is none that a client could name.
+std::string hostName(const asio::ip::address& address, const Certificate* certificate)
+{
+  const auto loopback = address.is_v6() ? "::1" : "127.0.0.1";
+  auto name = address.is_unspecified() ? loopback : address.to_string();
+  if (certificate)
+  {
+    std::vector<std::string> names{name};
+    if (address.is_unspecified() || address.is_loopback())
+      names.emplace_back("localhost");
+    if (!address.is_loopback())
+      names.push_back(asio::ip::host_name());
+    name = certificate->findName(names).value_or(name);
+  }
+  return name.find(':') == std::string::npos ? name : "[" + name + "]";
 }
 
 } // namespace
 
 struct Gateway::Implementation
 {
-  explicit Implementation(Options options) : acceptor(*io), deadline(*io), pause(*io) { server->options = std::move(options); }
+  explicit Implementation(Options options) : acceptor(*io), deadline(*io), pause(*io), ticking(*io)
+  {
+    server->options = std::move(options);
+    server->refusals = std::make_shared<RefusalLog>();
+    server->sessions = std::make_shared<Sessions>(server->options.access);
+  }
 
   void accept()
   {
@@ -58,7 +77,7 @@ struct Gateway::Implementation
           {
             // Out of files, most likely: what is open must end first.
             if (error == asio::error::no_descriptors)
-              server->endLongestIdle();
+              server->endOne();
             vu::log::warning("gateway", "accept", error.message());
             pause.expires_after(std::chrono::milliseconds(100));
             pause.async_wait(
@@ -71,6 +90,27 @@ struct Gateway::Implementation
           }
           serveHttp(server, io, std::move(socket));
           accept();
+        });
+  }
+
+  /// Ends what has a time to end; by the second, since the clock may be set.
+  void tick()
+  {
+    ticking.expires_after(std::chrono::seconds(1));
+    ticking.async_wait(
+        [this](error_code error)
+        {
+          if (error || *server->stopped)
+            return;
+          tick();
+          server->options.access->expire();
+          server->sessions->expire();
+          server->refusals->tell();
+          if (server->certificate && std::chrono::steady_clock::now() - looked >= lookInterval)
+          {
+            looked = std::chrono::steady_clock::now();
+            server->broker->pool()->post([certificate = server->certificate] { certificate->look(); });
+          }
         });
   }
 
@@ -93,6 +133,7 @@ struct Gateway::Implementation
     error_code ignored;
     acceptor.close(ignored);
     pause.cancel();
+    ticking.cancel();
     deadline.expires_after(server->options.limits.close);
     deadline.async_wait(
         [this](error_code error)
@@ -115,6 +156,8 @@ struct Gateway::Implementation
   tcp::acceptor acceptor;
   asio::steady_timer deadline;
   asio::steady_timer pause;
+  asio::steady_timer ticking;
+  std::chrono::steady_clock::time_point looked{}; ///< at the certificate's files
   vu::SignalLink removedLink = vu::SignalBase::invalidSignalLink;
   std::thread thread;
 };
@@ -134,10 +177,10 @@ std::string Gateway::listen()
   const auto address = asio::ip::make_address(options.address, error);
   if (error)
     throw std::runtime_error("cannot listen on " + where + ": '" + options.address + "' is no IP address");
-  server->tls = loadTls(options);
+  server->certificate = loadCertificate(options);
   if (options.upload)
     Upload::removeLeftOvers(options.uploadDirectory);
-  if (!address.is_loopback() && !server->tls && !options.insecure)
+  if (!address.is_loopback() && !server->certificate && !options.insecure)
     throw std::runtime_error("cannot listen on " + where +
                              " without TLS, since tokens could be read on their way: give --tls-cert and --tls-key, or --insecure");
   const tcp::endpoint endpoint(address, options.port);
@@ -150,11 +193,8 @@ std::string Gateway::listen()
     acceptor.listen(asio::socket_base::max_listen_connections, error);
   if (error)
     throw std::runtime_error("cannot listen on " + where + ": " + error.message());
-  // "Every address" is none that a client could name.
-  auto host = where.substr(0, where.rfind(':'));
-  if (address.is_unspecified())
-    host = address.is_v6() ? "[::1]" : "127.0.0.1";
-  return (server->tls ? "https://" : "http://") + host + ":" + std::to_string(acceptor.local_endpoint().port());
+  return (server->certificate ? "https://" : "http://") + hostName(address, server->certificate.get()) + ":" +
+         std::to_string(acceptor.local_endpoint().port());
 }
 
 void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
@@ -163,22 +203,24 @@ void Gateway::start(std::shared_ptr<ZB::ZBBroker> broker)
   if (!implementation.acceptor.is_open() || implementation.thread.joinable())
     throw std::logic_error("a gateway starts once, after it has begun to listen");
   auto& server = *implementation.server;
-  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics));
-  server.dispatcher.emplace(broker, server.calls);
+  server.calls = std::make_shared<const ZB::CallGate>(broker->session(), recordCalls(server.metrics, server.refusals));
+  server.backlog = std::make_shared<Backlog>(server.options.limits.unsentBytesInAll);
+  server.dispatcher.emplace(broker, server.calls, server.options.limits.unsentBytes, server.refusals, server.sessions);
   server.broker = std::move(broker);
   // What was let in before the removal entered its connection on the gateway's
   // thread before this is posted there.
   implementation.removedLink = server.options.access->removed.connect(
-      [io = implementation.io, weak = std::weak_ptr(implementation.server)](std::uint64_t number)
+      [io = implementation.io, weak = std::weak_ptr(implementation.server)](std::uint64_t number, const std::string& reason)
       {
         asio::post(*io,
-                   [weak, number]
+                   [weak, number, reason]
                    {
                      if (const auto server = weak.lock())
-                       server->each(&Connection::revoke, number);
+                       server->each(&Connection::revoke, number, reason);
                    });
       });
   implementation.accept();
+  implementation.tick();
   implementation.thread = std::thread([&implementation] { implementation.run(); });
 }
 

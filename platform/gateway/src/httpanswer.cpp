@@ -7,7 +7,7 @@ namespace Tarvik
 
 namespace http = boost::beast::http;
 
-http::response<http::string_body> toResponse(HttpAnswer page, bool keepAlive)
+http::response<http::string_body> toResponse(HttpAnswer page, bool keepAlive, bool strictTransport)
 {
   http::response<http::string_body> response(static_cast<http::status>(page.status), 11);
   response.set(http::field::content_type, page.type);
@@ -18,6 +18,8 @@ http::response<http::string_body> toResponse(HttpAnswer page, bool keepAlive)
   response.set("Referrer-Policy", "no-referrer");
   response.set("Cross-Origin-Opener-Policy", "same-origin");
   response.set("Cross-Origin-Resource-Policy", "same-origin");
+  if (strictTransport)
+    response.set("Strict-Transport-Security", "max-age=31536000");
   for (const auto& [name, value] : page.headers)
     response.set(name, value);
   response.body() = std::move(page.body);

@@ -31,6 +31,9 @@ struct HttpAnswer
   /// Besides those that every answer has, which they replace.
   std::vector<std::pair<std::string, std::string>> headers = {};
 
+  /// The text of an answer in words, for the log.
+  std::string summary() const { return type.starts_with("text/plain") ? body.substr(0, body.size() - 1) : "with a page"; }
+
   static HttpAnswer text(unsigned status, std::string body) { return {status, "text/plain; charset=utf-8", std::move(body) + "\n"}; }
   static HttpAnswer redirection(unsigned status, std::string body, std::string location)
   {
@@ -41,6 +44,6 @@ struct HttpAnswer
 };
 
 /// With the headers that every answer has.
-boost::beast::http::response<boost::beast::http::string_body> toResponse(HttpAnswer page, bool keepAlive);
+boost::beast::http::response<boost::beast::http::string_body> toResponse(HttpAnswer page, bool keepAlive, bool strictTransport);
 
 } // namespace Tarvik

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <limits>
@@ -15,6 +16,8 @@
 
 #include "admission.hpp"
 #include "callrecord.hpp"
+#include "entry.hpp"
+#include "framing.hpp"
 #include "pages.hpp"
 #include "routes.hpp"
 #include "server.hpp"
@@ -36,6 +39,9 @@ std::string addressText(const asio::ip::address& address)
   return address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
 }
 
+constexpr std::chrono::milliseconds refusalPause(100);
+constexpr std::size_t readAtOnce = 64 << 10;
+
 std::string seconds(std::chrono::milliseconds time) { return std::to_string(time.count() / 1000) + " s"; }
 
 /// Reads requests from one client and answers them, one after the other; what
@@ -45,17 +51,19 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
 public:
   HttpConnection(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer)
       : Connection(addressText(peer.address())), _io(std::move(io)), _server(std::move(server)),
-        _stream(std::move(socket), _server->tls.get()), _deadline(*_io)
+        _stream(std::move(socket), _server->certificate ? _server->certificate->context() : nullptr), _deadline(*_io)
   {
     error_code ignored;
-    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->tls != nullptr};
-    _client.openCalls = std::make_shared<ZB::CallBound>(_server->options.limits.openCalls);
+    _door = {_stream.next_layer().socket().local_endpoint(ignored), _server->certificate != nullptr};
+    const auto& limits = _server->options.limits;
+    _client.openCalls = std::make_shared<ZB::ConnectionCalls>(ZB::ConnectionCalls::Limits{limits.openCalls, limits.runningCalls});
     _client.address = this->peer() + ":" + std::to_string(peer.port());
   }
 
   void start(bool crowded)
   {
     _crowded = crowded;
+    _client.unsent = _server->backlog->open([io = _io, weak = weak_from_this()] { asio::post(*io, [weak] { tooMuchUnsent(weak); }); });
     _server->enter(shared_from_this());
     const auto begin = [self = shared_from_this()]
     {
@@ -72,10 +80,10 @@ public:
 
   void shutdown() override { endWith(HttpAnswer::text(503, "the host is shutting down")); }
   void abort() override { end(); }
-  void revoke(std::uint64_t identity) override
+  void revoke(std::uint64_t identity, const std::string& reason) override
   {
     if (_client.identity.number == identity)
-      endWith(HttpAnswer::text(401, "the token was removed"));
+      endWith(HttpAnswer::text(401, reason));
   }
   bool isWebSocket() const override { return false; }
   std::optional<Clock::time_point> idleSince() const override
@@ -84,6 +92,7 @@ public:
   }
   void makeRoom() override { end(); }
   bool isEnding() const override { return _crowded || _state == State::HangingUp; }
+  const Identity& identity() const override { return _client.identity; }
 
 private:
   enum class State
@@ -135,6 +144,8 @@ private:
   {
     const auto& limits = _server->options.limits;
     _header.emplace();
+    _chunkBound.reset();
+    _buffer.max_size(std::max({limits.headerBytes, readAtOnce, _buffer.size()}));
     _header->header_limit(static_cast<std::uint32_t>(limits.headerBytes));
     _header->body_limit(std::numeric_limits<std::uint64_t>::max()); // bounded when it is known what the body is
     expect(limits.header);
@@ -152,7 +163,10 @@ private:
   void unreadable(error_code error, std::chrono::milliseconds time)
   {
     _last = true;
-    if (error == http::error::header_limit)
+    if (_state == State::Body && (error == http::error::header_limit || error == http::error::buffer_overflow))
+      answer(HttpAnswer::text(400, "chunk extensions and trailers may not come to more than " +
+                                       std::to_string(_server->options.limits.headerBytes) + " bytes"));
+    else if (error == http::error::header_limit || error == http::error::buffer_overflow)
       answer(HttpAnswer::text(431, "the header is larger than " + std::to_string(_server->options.limits.headerBytes) + " bytes"));
     else if (error == http::error::body_limit)
       answer(tooLarge());
@@ -186,28 +200,44 @@ private:
   {
     const auto& header = _header->get();
     _last = !header.keep_alive();
-    auto admitted = admit(header, _door, *_server->options.access);
-    if (auto* const page = std::get_if<HttpAnswer>(&admitted))
+    // A browser would keep it for all that is on this machine.
+    _strictTransport = _door.secure && !beast::string_view(header[http::field::host]).starts_with("localhost");
+    if (const auto reason = findBadFraming(header))
     {
-      if (page->status >= 400)
-        vu::log::info("gateway", "refuse",
-                      _client.address + ": " + std::to_string(page->status) + " " + page->body.substr(0, page->body.size() - 1));
-      return answerEarly(std::move(*page));
+      _last = true;
+      return refuse(HttpAnswer::text(400, *reason));
     }
-    _client.identity = std::get<Identity>(std::move(admitted));
+    auto admitted = admit(header, _door, *_server->options.access, *_server->sessions);
+    if (auto* const page = std::get_if<HttpAnswer>(&admitted))
+      return page->status >= 400 ? refuse(std::move(*page)) : answerEarly(std::move(*page));
+    if (std::holds_alternative<EntryForm>(admitted))
+      return beginBody(Entry::longestForm, [this] { readMessage(&HttpConnection::handleForm); });
+    auto& identity = std::get<Identity>(admitted);
+    if (identity.number != _client.identity.number)
+      if (const auto reason = _server->findPlace(*this, identity))
+      {
+        _server->metrics->connectionRefused();
+        _last = true;
+        return answer(HttpAnswer::text(503, *reason));
+      }
+    _client.identity = std::move(identity);
     auto route = findRoute(header, _client, *_server->broker);
     if (auto* const page = std::get_if<HttpAnswer>(&route))
       return answerEarly(std::move(*page));
     if (std::holds_alternative<MetricsRequest>(route))
-      route = Work{[metrics = _server->metrics, collectors = _server->options.collectors](ZB::ZBBroker& broker, const Client&)
-                   { return Pages::metrics(broker, *metrics, collectors); }};
+      route = Work{[metrics = _server->metrics, backlog = _server->backlog, collectors = _server->options.collectors](
+                       ZB::ZBBroker& broker, const Client&) { return Pages::metrics(broker, *metrics, *backlog, collectors); }};
+    bool urgent = false;
     if (auto* const evaluation = std::get_if<Evaluation>(&route))
+    {
+      urgent = Pages::isUrgent(*_server->broker, evaluation->expression);
       route = Work{[calls = _server->calls, expression = std::move(evaluation->expression)](ZB::ZBBroker& broker, const Client& client)
                    { return Pages::evaluate(broker, *calls, expression, client); }};
+    }
     if (auto* const work = std::get_if<Work>(&route))
     {
       _last = _last || !_header->is_done();
-      return onPool(std::move(*work));
+      return onPool(std::move(*work), urgent);
     }
     if (std::holds_alternative<WebSocketHandshake>(route))
     {
@@ -219,7 +249,27 @@ private:
     if (std::holds_alternative<FileUpload>(route))
       return _server->options.upload ? beginBody(_server->options.limits.uploadBytes, [this] { beginUpload(); })
                                      : answerEarly(HttpAnswer::text(404, "this host takes no files"));
-    beginBody(_server->options.limits.messageBytes, [this] { readMessage(); });
+    beginBody(_server->options.limits.messageBytes, [this] { readMessage(&HttpConnection::handleMessage); });
+  }
+
+  /// Where an address is refused so often that the log leaves lines out, its
+  /// answers take their time, too.
+  void refuse(HttpAnswer page, bool isWhole = false)
+  {
+    if (_server->refusals->admits(peer()))
+    {
+      vu::log::info("gateway", "refuse", _client.address + ": " + std::to_string(page.status) + " " + page.summary());
+      return isWhole ? answer(std::move(page)) : answerEarly(std::move(page));
+    }
+    _last = true;
+    const auto turn = await();
+    _deadline.expires_after(refusalPause);
+    _deadline.async_wait(
+        [self = weak_from_this(), turn, page = std::move(page)](error_code error) mutable
+        {
+          if (!error)
+            finish(self, turn, std::move(page));
+        });
   }
 
   /// An answer that does not wait for the body, which then ends the connection.
@@ -236,6 +286,14 @@ private:
       return answerEarly(tooLarge());
     _header->body_limit(limit);
     _state = State::Body;
+    // What stands between the chunks and after them is no body; the parser
+    // wants a chunk's line, and the trailers, whole.
+    if (_header->chunked())
+    {
+      _chunkBound.emplace(_server->options.limits.headerBytes);
+      _chunkBound->watch(*_header);
+      _buffer.max_size(std::max(_server->options.limits.headerBytes, _buffer.size()));
+    }
     if (_header->is_done() || !beast::iequals(_header->get()[http::field::expect], "100-continue"))
       return read();
     _stream.next_layer().expires_after(_server->options.limits.send);
@@ -243,23 +301,52 @@ private:
                       [self = shared_from_this(), read](error_code error, std::size_t) { error ? self->end() : read(); });
   }
 
-  void readMessage()
+  void readMessage(void (HttpConnection::*handle)())
   {
     _message.emplace(std::move(*_header));
+    if (_chunkBound)
+      _chunkBound->watch(*_message);
     if (_message->is_done())
-      return handleMessage();
+      return (this->*handle)();
     expect(_server->options.limits.body);
     http::async_read(_stream, _buffer, *_message,
-                     [self = shared_from_this()](error_code error, std::size_t) {
-                       error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(&HttpConnection::handleMessage);
-                     });
+                     [self = shared_from_this(), handle](error_code error, std::size_t)
+                     { error ? self->unreadable(error, self->_server->options.limits.body) : self->guarded(handle); });
+  }
+
+  void handleForm()
+  {
+    auto page = Entry::answerForm(_message->release().body(), _door, *_server->sessions);
+    page.status >= 400 ? refuse(std::move(page), true) : answer(std::move(page));
   }
 
   void handleMessage()
   {
-    const auto request = _message->release();
+    auto text = _message->release().body();
     const auto turn = await();
-    _server->dispatcher->handle(JsonRpc::parse(request.body()), _client, {},
+    const auto bytes = text.size();
+    if (bytes <= JsonRpc::longMessage)
+    {
+      auto message = JsonRpc::parse(text);
+      return dispatch(message, bytes, turn);
+    }
+    const auto message = std::make_shared<std::shared_ptr<JsonRpc::Message>>();
+    onPool([message, text = std::move(text)] { *message = std::make_shared<JsonRpc::Message>(JsonRpc::parse(text)); },
+           [message, bytes, turn](HttpConnection& self, const std::exception_ptr& failure)
+           {
+             if (self._state != State::Waiting || self._turn != turn)
+               return;
+             if (failure)
+               return self.answer(Pages::failure(failure));
+             self.dispatch(**message, bytes, turn);
+             // Letting go of it takes as long as reading it.
+             self._server->broker->pool()->post([rest = std::move(*message)] {});
+           });
+  }
+
+  void dispatch(JsonRpc::Message& message, std::size_t bytes, std::uint64_t turn)
+  {
+    _server->dispatcher->handle(message, bytes, _client, {},
                                 [io = _io, self = weak_from_this(), turn](std::string text)
                                 {
                                   HttpAnswer page{text.empty() ? 204u : 200u, "application/json", std::move(text)};
@@ -267,9 +354,21 @@ private:
                                 });
   }
 
+  static void tooMuchUnsent(const std::weak_ptr<HttpConnection>& connection)
+  {
+    const auto self = connection.lock();
+    if (!self || self->_state == State::Ended)
+      return;
+    self->_server->metrics->queueDropped();
+    vu::log::info("gateway", "send", self->_client.address + " is disconnected: the host has too much to send, and most to this client");
+    self->end();
+  }
+
   void beginUpload()
   {
     _upload = std::make_shared<UploadBody>(std::move(*_header), _server->options.uploadDirectory);
+    if (_chunkBound)
+      _upload->watch(*_chunkBound);
     storeUpload(); // makes the file
   }
 
@@ -308,7 +407,7 @@ private:
                 { return Pages::upload(broker, upload->path(), client, take); }});
   }
 
-  void onPool(Work work)
+  void onPool(Work work, bool urgent = false)
   {
     const auto turn = await();
     const auto page = std::make_shared<std::optional<HttpAnswer>>();
@@ -323,36 +422,38 @@ private:
           // None when the gateway has stopped, which tells the client so.
           if (self._state == State::Waiting && self._turn == turn && (failure || *page))
             self.answer(failure ? Pages::failure(failure) : **page);
-        });
+        },
+        urgent);
   }
 
   /// `work` blocks and knows nothing of this connection; `then` runs back on
   /// the gateway's thread, if the connection is still there, with what the
   /// work has thrown.
-  template <typename Function, typename Then> void onPool(Function work, Then then)
+  template <typename Function, typename Then> void onPool(Function work, Then then, bool urgent = false)
   {
     const vu::CallerScope caller(_client.identity.name);
     try
     {
-      _server->broker->pool()->postCall(
-          [io = _io, weak = weak_from_this(), work = std::move(work), then]
-          {
-            std::exception_ptr failure;
-            try
-            {
-              work();
-            }
-            catch (...)
-            {
-              failure = std::current_exception();
-            }
-            asio::post(*io,
-                       [weak, then, failure]
-                       {
-                         if (const auto self = weak.lock())
-                           then(*self, failure);
-                       });
-          });
+      const auto& pool = _server->broker->pool();
+      auto task = [io = _io, weak = weak_from_this(), work = std::move(work), then]
+      {
+        std::exception_ptr failure;
+        try
+        {
+          work();
+        }
+        catch (...)
+        {
+          failure = std::current_exception();
+        }
+        asio::post(*io,
+                   [weak, then, failure]
+                   {
+                     if (const auto self = weak.lock())
+                       then(*self, failure);
+                   });
+      };
+      urgent ? pool->postUrgent(std::move(task)) : pool->postCall(std::move(task));
     }
     catch (const vu::ServiceError&) // the pool is overloaded
     {
@@ -411,11 +512,14 @@ private:
     _state = State::Sending;
     _deadline.cancel();
     _server->metrics->answered(page.status);
-    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last));
+    const auto response = std::make_shared<http::response<http::string_body>>(toResponse(std::move(page), !_last, _strictTransport));
+    const auto bytes = response->body().size();
+    _client.unsent->add(bytes);
     _stream.next_layer().expires_after(_server->options.limits.send);
     http::async_write(_stream, *response,
-                      [self = shared_from_this(), response](error_code error, std::size_t)
+                      [self = shared_from_this(), response, bytes](error_code error, std::size_t)
                       {
+                        self->_client.unsent->remove(bytes);
                         if (error == beast::error::timeout)
                           vu::log::info("gateway", "send", self->_client.address + " is disconnected: it does not take its answer");
                         if (error)
@@ -468,6 +572,7 @@ private:
   void leave()
   {
     _state = State::Ended;
+    _client.openCalls->close();
     _server->leave(this);
   }
 
@@ -481,14 +586,16 @@ private:
   std::optional<http::request_parser<http::empty_body>> _header;
   std::optional<http::request_parser<http::string_body>> _message;
   std::shared_ptr<UploadBody> _upload; ///< also the pool's while it writes
+  std::optional<ChunkBound> _chunkBound;
   std::size_t _bodyLimit = 0;
   std::array<char, 4096> _waste{};
   std::uint64_t _turn = 0;
   State _state = State::Idle;
   Clock::time_point _idleSince = Clock::now();
-  bool _crowded = false; ///< there is no room for it
-  bool _late = false;    ///< what was expected did not come in time
-  bool _last = false;    ///< the connection ends with the next answer
+  bool _crowded = false;         ///< there is no room for it
+  bool _late = false;            ///< what was expected did not come in time
+  bool _strictTransport = false; ///< browsers are told to come by TLS alone
+  bool _last = false;            ///< the connection ends with the next answer
 };
 
 } // namespace
@@ -499,7 +606,7 @@ void serveHttp(std::shared_ptr<Server> server, IoContext io, asio::ip::tcp::sock
   const auto peer = socket.remote_endpoint(error);
   if (error)
     return; // it has gone already
-  const auto room = server->findRoom(addressText(peer.address()), socket.native_handle());
+  const auto room = server->findRoom(socket.native_handle());
   if (room != Server::Room::Free)
     server->metrics->connectionRefused();
   if (room != Server::Room::NotEven)

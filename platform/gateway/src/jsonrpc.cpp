@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <vu/future.hpp>
+#include <vu/text.hpp>
 
 #include "failureforms.hpp"
 
@@ -11,6 +12,8 @@ namespace Tarvik::JsonRpc
 
 namespace
 {
+
+constexpr std::size_t longestFault = 300;
 
 bool isTooDeep(std::string_view text)
 {
@@ -36,7 +39,8 @@ bool isTooDeep(std::string_view text)
   return false;
 }
 
-std::variant<Request, std::string> parseEntry(const vu::Value& value)
+/// What is wanted of `value` is moved out of it.
+std::variant<Request, std::string> parseEntry(vu::Value& value)
 {
   const auto invalid = [](const vu::Value& id, const std::string& why) { return error(id, InvalidRequest, "invalid request: " + why); };
   if (!value.is_object())
@@ -47,7 +51,7 @@ std::variant<Request, std::string> parseEntry(const vu::Value& value)
   else if (!id->is_string() && !id->is_number() && !id->is_null())
     return invalid(nullptr, "\"id\" must be a string, a number or null");
   else
-    request.id = *id;
+    request.id = std::move(*id);
   if (const auto version = value.find("jsonrpc"); version == value.end() || *version != "2.0")
     return invalid(request.id, "\"jsonrpc\" must be \"2.0\"");
   const auto method = value.find("method");
@@ -59,7 +63,8 @@ std::variant<Request, std::string> parseEntry(const vu::Value& value)
   {
     if (request.notification)
       return std::string();
-    return error(request.id, MethodNotFound, "'" + name + "' is no method: name it \"Service.method\"", {{"unknown", "method"}});
+    return error(request.id, MethodNotFound, "'" + vu::shortened(name) + "' is no method: name it \"Service.method\"",
+                 {{"unknown", "method"}});
   }
   request.service = name.substr(0, dot);
   request.method = name.substr(dot + 1);
@@ -71,7 +76,7 @@ std::variant<Request, std::string> parseEntry(const vu::Value& value)
         return std::string();
       return error(request.id, InvalidParams, "\"params\" must be an array: parameters are taken by position");
     }
-    request.params = *params;
+    request.params = std::move(*params);
   }
   return request;
 }
@@ -94,23 +99,31 @@ Message parse(std::string_view text)
   }
   catch (const vu::Value::exception& fault)
   {
-    message.entries.emplace_back(error(nullptr, ParseError, std::string("the message is no JSON: ") + fault.what()));
+    message.entries.emplace_back(
+        error(nullptr, ParseError, std::string("the message is no JSON: ") + vu::shortened(fault.what(), longestFault)));
     return message;
   }
   if (!value.is_array())
     message.entries.push_back(parseEntry(value));
-  else if (value.empty())
-    message.entries.emplace_back(error(nullptr, InvalidRequest, "invalid request: an empty batch"));
+  else if (value.empty() || value.size() > maximumBatch)
+    message.entries.emplace_back(
+        error(nullptr, InvalidRequest,
+              "invalid request: a batch of " + std::to_string(value.size()) + ", which may have 1 to " + std::to_string(maximumBatch)));
   else
   {
     message.batch = true;
-    for (const auto& entry : value)
+    for (auto& entry : value)
       message.entries.push_back(parseEntry(entry));
   }
   return message;
 }
 
-std::string result(const vu::Value& id, const vu::Value& value) { return dump({{"jsonrpc", "2.0"}, {"id", id}, {"result", value}}); }
+std::string result(const vu::Value& id, const vu::Value& value) { return resultOfText(id, dump(value)); }
+
+std::string resultOfText(const vu::Value& id, const std::string& result)
+{
+  return R"({"id":)" + dump(id) + R"(,"jsonrpc":"2.0","result":)" + result + "}";
+}
 
 std::string error(const vu::Value& id, int code, const std::string& message, const vu::Value& data)
 {

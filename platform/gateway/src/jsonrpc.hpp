@@ -25,6 +25,10 @@ enum Code
 
 /// Deeper values are refused: they would be walked recursively.
 constexpr std::size_t maximumDepth = 128;
+/// A longer batch is refused whole.
+constexpr std::size_t maximumBatch = 100;
+/// A longer message takes long enough to read that others would wait.
+constexpr std::size_t longMessage = 16 << 10;
 
 struct Request
 {
@@ -49,6 +53,8 @@ struct Message
 Message parse(std::string_view text);
 
 std::string result(const vu::Value& id, const vu::Value& value);
+/// The same for a result that is JSON already.
+std::string resultOfText(const vu::Value& id, const std::string& result);
 std::string error(const vu::Value& id, int code, const std::string& message, const vu::Value& data = {});
 /// The answer for what a call has thrown.
 std::string error(const vu::Value& id, const std::string& service, const std::string& method, const std::exception_ptr& failure);

@@ -74,7 +74,7 @@ void Metrics::write(MetricsText& text) const
     if (const auto count = _answers[status].load())
       text.sample({{"status", std::to_string(status)}}, static_cast<double>(count));
   text.family("tarvik_gateway_queue_drops_total", "counter",
-              "WebSockets that were disconnected, and their queues dropped, because the client did not keep up.");
+              "Clients that were disconnected, and what waited for them dropped, because they did not keep up.");
   text.sample({}, static_cast<double>(_queueDrops));
   text.family("tarvik_gateway_calls_open", "gauge", "Calls of services that have no answer yet.");
   text.sample({}, static_cast<double>(_openCalls));

@@ -5,43 +5,67 @@
 namespace Tarvik
 {
 
-void Outbox::push(std::string text)
+namespace
 {
+
+/// What a message takes besides its text.
+constexpr std::size_t overhead = 128;
+
+} // namespace
+
+Outbox::Outbox(std::size_t maximumMessages, std::size_t maximumBytes, const std::shared_ptr<Backlog>& backlog, std::function<void()> wake)
+    : _maximumMessages(maximumMessages), _maximumBytes(maximumBytes), _wake(std::move(wake)), _share(backlog->open([this] { overflow(); }))
+{
+}
+
+Outbox::~Outbox() { _share->end(); }
+
+void Outbox::push(std::string text, bool answer)
+{
+  const auto bytes = text.size();
   bool wake = false;
   {
     const std::lock_guard lock(_mutex);
     if (_closed || _overflowed)
       return;
-    const auto bytes = text.size();
-    _slots.push_back(std::make_shared<std::string>(std::move(text)));
+    if (answer)
+      _answerBytes += bytes;
+    _slots.push_back(std::make_shared<Message>(Message{std::move(text), answer}));
     wake = account(bytes);
   }
-  if (wake)
-    _wake();
+  came(bytes, wake);
 }
 
 Outbox::Slot Outbox::reserve()
 {
-  auto slot = std::make_shared<std::string>();
+  auto slot = std::make_shared<Message>();
+  slot->answer = true;
   const std::lock_guard lock(_mutex);
   if (!_closed && !_overflowed)
     _slots.push_back(slot);
   return slot;
 }
 
-void Outbox::fill(const Slot& slot, std::string text)
+void Outbox::fill(const Slot& slot, std::string answer)
 {
+  const auto bytes = answer.size();
   bool wake = false;
   {
     const std::lock_guard lock(_mutex);
     if (_closed || _overflowed)
       return;
-    const auto bytes = text.size();
-    *slot = std::move(text);
+    _answerBytes += bytes;
+    slot->text = std::move(answer);
     wake = account(bytes);
   }
+  came(bytes, wake);
+}
+
+void Outbox::came(std::size_t bytes, bool wake)
+{
   if (wake)
     _wake();
+  _share->add(bytes + overhead);
 }
 
 bool Outbox::account(std::size_t bytes)
@@ -49,25 +73,54 @@ bool Outbox::account(std::size_t bytes)
   _bytes += bytes;
   if (_slots.size() > _maximumMessages || _bytes > _maximumBytes)
   {
-    _overflowed = true;
-    _slots.clear();
-    _writerWaits = false;
+    overflowNow();
     return true;
   }
   return std::exchange(_writerWaits, false);
 }
 
+void Outbox::overflow()
+{
+  {
+    const std::lock_guard lock(_mutex);
+    if (_closed || _overflowed)
+      return;
+    overflowNow();
+  }
+  _wake();
+}
+
+void Outbox::overflowNow()
+{
+  _overflowed = true;
+  _slots.clear();
+  _writerWaits = false;
+}
+
 std::optional<std::string> Outbox::take()
 {
-  const std::lock_guard lock(_mutex);
-  if (_slots.empty())
+  std::optional<std::string> text;
+  std::size_t sent = 0;
   {
-    _writerWaits = true;
-    return std::nullopt;
+    const std::lock_guard lock(_mutex);
+    if (_sending)
+    {
+      sent = _sending->bytes + overhead;
+      if (_sending->answer)
+        _answerBytes -= _sending->bytes;
+      _sending.reset();
+    }
+    if (_slots.empty())
+      _writerWaits = true;
+    else
+    {
+      _sending = Sending{_slots.front()->text.size(), _slots.front()->answer};
+      text = std::move(_slots.front()->text);
+      _slots.pop_front();
+      _bytes -= text->size();
+    }
   }
-  auto text = std::move(*_slots.front());
-  _slots.pop_front();
-  _bytes -= text.size();
+  _share->remove(sent);
   return text;
 }
 

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <vu/error.hpp>
+#include <vu/line.hpp>
 #include <vu/objectbuilder.hpp>
 
 #include "callrecord.hpp"
@@ -74,6 +75,8 @@ HttpAnswer Pages::module(ZB::ZBBroker& broker, const std::string& name)
     HttpAnswer page;
     page.body = broker.httpGet(name);
     page.policy = HttpAnswer::modulePolicy;
+    // Where nothing else tells it, its calls tell by this whose they are.
+    page.headers.emplace_back("Referrer-Policy", "same-origin");
     return page.body.empty() ? HttpAnswer::text(404, "the module " + name + " has no page") : page;
   }
   catch (...)
@@ -106,6 +109,20 @@ HttpAnswer Pages::evaluate(ZB::ZBBroker& broker, const ZB::CallGate& calls, cons
   }
 }
 
+bool Pages::isUrgent(ZB::ZBBroker& broker, const std::string& text)
+{
+  try
+  {
+    const auto expression = Expression::parse(text);
+    const auto object = broker.session()->find(expression.service);
+    return object && object->isUrgent(currentName(object->description(), expression.method));
+  }
+  catch (const std::invalid_argument&)
+  {
+    return false;
+  }
+}
+
 HttpAnswer Pages::upload(ZB::ZBBroker& broker, const std::filesystem::path& file, const Client& client,
                          const decltype(Gateway::Options::upload)& take)
 {
@@ -124,10 +141,16 @@ HttpAnswer Pages::upload(ZB::ZBBroker& broker, const std::filesystem::path& file
   }
 }
 
-HttpAnswer Pages::metrics(ZB::ZBBroker& broker, const Metrics& metrics, const decltype(Gateway::Options::collectors)& collectors)
+HttpAnswer Pages::metrics(ZB::ZBBroker& broker, const Metrics& metrics, const Backlog& backlog,
+                          const decltype(Gateway::Options::collectors)& collectors)
 {
   MetricsText text;
   metrics.write(text);
+  text.family("tarvik_gateway_unsent_bytes", "gauge", "What waits to be sent to all clients together.");
+  text.sample({}, static_cast<double>(backlog.bytes()));
+  text.family("tarvik_line_entries", "gauge", "Entries in the lines inside the host in which 10,000 or more have come to wait.");
+  for (const auto& [line, entries] : vu::Line::tooLong())
+    text.sample({{"line", line}}, static_cast<double>(entries));
   std::string whole = text.text();
   for (const auto& collect : collectors)
     try

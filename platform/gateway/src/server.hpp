@@ -9,7 +9,6 @@
 #include <string>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 
@@ -17,8 +16,10 @@
 #include <network/stream.hpp>
 
 #include "admission.hpp"
+#include "certificate.hpp"
 #include "dispatcher.hpp"
 #include "metrics.hpp"
+#include "refusallog.hpp"
 
 namespace Tarvik
 {
@@ -45,7 +46,7 @@ public:
   /// Ends at once.
   virtual void abort() = 0;
   /// Ends, with the reason, when it was let in by the token of that number.
-  virtual void revoke(std::uint64_t identity) = 0;
+  virtual void revoke(std::uint64_t identity, const std::string& reason) = 0;
 
   /// Since when nobody has wanted anything of it; none while somebody does.
   virtual std::optional<Clock::time_point> idleSince() const = 0;
@@ -57,8 +58,13 @@ public:
   /// Ends already, and counts no more.
   virtual bool isEnding() const = 0;
 
+  /// Whose it is; its number is 0 until a token was shown.
+  virtual const Identity& identity() const = 0;
+  Clock::time_point began() const { return _began; }
+
 private:
   const std::string _peer;
+  const Clock::time_point _began = Clock::now();
 };
 
 /// What all connections of a gateway share; it lives as long as any of them.
@@ -66,7 +72,8 @@ private:
 struct Server
 {
   Gateway::Options options;
-  std::unique_ptr<boost::asio::ssl::context> tls;
+  std::shared_ptr<Sessions> sessions;
+  std::shared_ptr<Certificate> certificate; ///< null: no TLS
   std::shared_ptr<ZB::ZBBroker> broker;
   /// Of all that comes over a wire.
   std::shared_ptr<const ZB::CallGate> calls;
@@ -76,6 +83,8 @@ struct Server
   /// Keeps them alive, also while one only waits for a service's answer.
   std::map<Connection*, std::shared_ptr<Connection>> connections;
   std::function<void()> connectionEnded;
+  std::shared_ptr<Backlog> backlog; ///< of all connections, once the gateway has begun
+  std::shared_ptr<RefusalLog> refusals;
   const std::shared_ptr<Metrics> metrics = std::make_shared<Metrics>();
 
   void enter(const std::shared_ptr<Connection>& connection)
@@ -98,13 +107,19 @@ struct Server
     None,   ///< the client is to be told so
     NotEven ///< to tell it so
   };
-  /// Whether one more connection of `peer` fits in. Where a bound is reached,
-  /// the one that has been idle longest makes room: a WebSocket only when
-  /// there is nothing else. `descriptor`, its number, tells how many files this
+  /// Whether one more connection, of which nothing is known, may come in.
+  /// Those without a token make room for each other: the first of the address
+  /// that has most of them. `descriptor`, its number, tells how many files this
   /// process has open, since it is the lowest free one: the last are for work.
-  Room findRoom(const std::string& peer, int descriptor) const;
-  /// False when none is idle.
-  bool endLongestIdle(const std::string& peer = {}) const;
+  Room findRoom(int descriptor) const;
+  /// Whether a connection has a place now that its client has said to be
+  /// `identity`; else why not. Where a bound is reached, the one among those
+  /// it counts that has been idle longest makes room: a WebSocket only when
+  /// there is nothing else, and an admin's last.
+  std::optional<std::string> findPlace(const Connection& connection, const Identity& identity) const;
+  /// When the system has no room: whoever has no token, or is idle. False
+  /// when there is nobody.
+  bool endOne() const;
 
   /// Calls a member function of each connection; they may leave meanwhile.
   template <typename... Parameters, typename... Arguments>
@@ -120,8 +135,8 @@ struct Server
 /// which keeps the context, and reaches the connection weakly.
 using IoContext = std::shared_ptr<boost::asio::io_context>;
 
-/// Begins to read requests from a connection just accepted. One for which
-/// there is no room is told so and closed.
+/// Begins to read requests from a connection just accepted; one for which there
+/// is no room is closed.
 void serveHttp(std::shared_ptr<Server> server, IoContext io, boost::asio::ip::tcp::socket socket);
 
 /// Takes over a connection whose `request` asks for a WebSocket.

@@ -9,6 +9,8 @@
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
 
+#include "framing.hpp"
+
 namespace Tarvik
 {
 
@@ -48,6 +50,7 @@ public:
 
   /// To be read with until it has no room left (need_buffer), or all is there.
   Parser<boost::beast::http::buffer_body>& nextChunk();
+  void watch(ChunkBound& bound) { bound.watch(_parser); }
   bool isWhole() const { return _parser.is_done(); }
 
   /// Writes what has been read into the file, which the first time is made.

@@ -3,6 +3,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
+#include <boost/beast/http/rfc7230.hpp>
 #include <boost/beast/websocket.hpp>
 
 #include <vu/log.hpp>
@@ -35,20 +36,19 @@ public:
   void accept(const Request& request)
   {
     const auto& limits = _server->options.limits;
-    _outbox = std::make_shared<Outbox>(limits.queuedMessages, limits.queuedBytes,
-                                       [io = _io, self = weak_from_this()]
-                                       {
-                                         asio::post(*io,
-                                                    [self]
-                                                    {
-                                                      if (const auto alive = self.lock())
-                                                        alive->write();
-                                                    });
-                                       });
+    _outbox = std::make_shared<Outbox>(limits.queuedMessages, limits.queuedBytes, _server->backlog, later(&WebSocketConnection::write));
+    _client.unsent = _outbox->share();
+    _client.openCalls =
+        std::make_shared<ZB::ConnectionCalls>(ZB::ConnectionCalls::Limits{limits.openCalls, limits.runningCalls, 2 * limits.messageBytes},
+                                              [outbox = _outbox, most = limits.unsentBytes] { return outbox->answerBytes() <= most; });
     _server->enter(shared_from_this());
     _webSocket.set_option(websocket::stream_base::timeout{limits.close, limits.idle, true});
     _webSocket.read_message_max(limits.messageBytes);
     _webSocket.text(true);
+    // A browser that has offered protocols wants to hear of one.
+    if (beast::http::token_list(request[beast::http::field::sec_websocket_protocol]).exists("tarvik"))
+      _webSocket.set_option(websocket::stream_base::decorator([](websocket::response_type& response)
+                                                              { response.set(beast::http::field::sec_websocket_protocol, "tarvik"); }));
     _webSocket.async_accept(request,
                             [self = shared_from_this()](error_code error)
                             {
@@ -68,18 +68,20 @@ public:
     end();
   }
 
-  void revoke(std::uint64_t identity) override
+  void revoke(std::uint64_t identity, const std::string& reason) override
   {
     if (_client.identity.number == identity)
-      _accepted ? close(websocket::close_code::policy_error, "the token was removed") : abort();
+      _accepted ? close(websocket::close_code::policy_error, reason) : abort();
   }
   bool isWebSocket() const override { return true; }
   std::optional<Clock::time_point> idleSince() const override
   {
-    return _accepted && !_closing && _links.empty() && _client.openCalls->open == 0 ? std::optional(_lastMessage) : std::nullopt;
+    return _accepted && !_closing && !_busy && _links.empty() && _client.openCalls->open() == 0 ? std::optional(_lastMessage)
+                                                                                                : std::nullopt;
   }
   void makeRoom() override { close(websocket::close_code::try_again_later, "the host needs this idle connection for another client"); }
   bool isEnding() const override { return _closing; }
+  const Identity& identity() const override { return _client.identity; }
 
 private:
   struct Link
@@ -95,19 +97,109 @@ private:
                           {
                             if (error)
                               return self->end();
-                            if (!self->_closing)
-                              self->guardedHandle(beast::buffers_to_string(self->_incoming.data()));
+                            if (self->_closing)
+                            {
+                              self->_incoming.clear();
+                              return self->read();
+                            }
+                            auto text = beast::buffers_to_string(self->_incoming.data());
                             self->_incoming.clear();
-                            self->read();
+                            self->guarded([&] { self->take(std::move(text)); });
                           });
   }
 
+  /// Calls a member on the gateway's thread, from any other.
+  std::function<void()> later(void (WebSocketConnection::*action)())
+  {
+    return [io = _io, weak = weak_from_this(), action]
+    {
+      asio::post(*io,
+                 [weak, action]
+                 {
+                   if (const auto self = weak.lock())
+                     (self.get()->*action)();
+                 });
+    };
+  }
+
+  /// The next message is read when this one has been understood, so that their
+  /// order holds.
+  void take(std::string text)
+  {
+    _lastMessage = Clock::now();
+    const auto bytes = text.size();
+    if (bytes <= JsonRpc::longMessage)
+    {
+      auto message = JsonRpc::parse(text);
+      handle(message, bytes);
+      return readNext();
+    }
+    _busy = true;
+    const auto parse = [io = _io, weak = weak_from_this(), pool = _server->broker->pool(), text = std::move(text)]
+    {
+      auto message = std::make_shared<JsonRpc::Message>(JsonRpc::parse(text));
+      asio::post(*io,
+                 [weak, pool, bytes = text.size(), message = std::move(message)]() mutable
+                 {
+                   if (const auto self = weak.lock())
+                     self->guarded([&] { self->handleLong(*message, bytes); });
+                   // Letting go of it takes as long as reading it.
+                   pool->post([rest = std::move(message)] {});
+                 });
+    };
+    _server->broker->pool()->post(parse);
+  }
+
+  void handleLong(JsonRpc::Message& message, std::size_t bytes)
+  {
+    _busy = false;
+    if (!_closing && !_ended)
+      handle(message, bytes);
+    readNext();
+  }
+
+  /// Unless the client has to wait: it leaves its answers unread, or what it
+  /// has asked for takes its time.
+  void readNext()
+  {
+    if (_ended)
+      return;
+    if (!_closing &&
+        (_outbox->answerBytes() > _server->options.limits.unsentBytes || !_client.openCalls->hasRoom(later(&WebSocketConnection::readOn))))
+    {
+      if (!std::exchange(_waits, true))
+        awaitRoom();
+      return;
+    }
+    if (std::exchange(_waits, false))
+      _timer.cancel();
+    read();
+  }
+
+  void readOn()
+  {
+    if (_waits && !_closing)
+      readNext();
+  }
+
+  /// Nothing is read meanwhile, not even pongs, so that this is bounded.
+  void awaitRoom()
+  {
+    _timer.expires_after(_server->options.limits.idle * 3 / 4);
+    _timer.async_wait(
+        [self = shared_from_this()](error_code error)
+        {
+          if (!error && self->_waits)
+            self->close(websocket::close_code::policy_error, "this client does not keep up with its answers");
+        });
+  }
+
   /// Whatever goes wrong in here, the client does not wait for ever.
-  void guardedHandle(const std::string& text)
+  template <typename Action> void guarded(Action action)
   {
     try
     {
-      handle(text);
+      action();
     }
     catch (...)
     {
@@ -116,10 +208,8 @@ private:
     }
   }
 
-  void handle(const std::string& text)
+  void handle(JsonRpc::Message& message, std::size_t bytes)
   {
-    _lastMessage = Clock::now();
-    auto message = JsonRpc::parse(text);
     // In a batch, whose answer comes when all of it has been carried out,
     // nothing is held back.
     if (const auto* const request = message.batch ? nullptr : std::get_if<JsonRpc::Request>(&message.entries.front());
@@ -131,7 +221,7 @@ private:
       return;
     }
     _server->dispatcher->handle(
-        std::move(message), _client,
+        message, bytes, _client,
         [this](const JsonRpc::Request& request) -> std::optional<std::string>
         {
           if (request.method == "connect" || request.method == "subscribe" || request.method == "disconnect")
@@ -141,7 +231,7 @@ private:
         [outbox = _outbox](std::string answer)
         {
           if (!answer.empty())
-            outbox->push(std::move(answer));
+            outbox->pushAnswer(std::move(answer));
         });
   }
 
@@ -241,6 +331,8 @@ private:
                              if (error)
                                return self->end();
                              self->write();
+                             self->_client.openCalls->goOn();
+                             self->readOn();
                            });
   }
 
@@ -251,6 +343,7 @@ private:
     if (_closing || _ended)
       return;
     _closing = true;
+    const bool waits = std::exchange(_waits, false);
     letGo();
     vu::log::info("gateway", __func__, _client.identity.name + " at " + _client.address + " is disconnected: " + reason);
     _timer.expires_after(_server->options.limits.close);
@@ -261,6 +354,8 @@ private:
             self->abort();
         });
     _webSocket.async_close(websocket::close_reason(code, reason), [self = shared_from_this()](error_code) { self->end(); });
+    if (waits)
+      read();
   }
 
   void letGo()
@@ -268,6 +363,7 @@ private:
     while (!_links.empty())
       disconnect(_links.begin()->first);
     _outbox->close();
+    _client.openCalls->close();
   }
 
   void end()
@@ -284,7 +380,7 @@ private:
 
   const IoContext _io; // destroyed last
   const std::shared_ptr<Server> _server;
-  const Client _client;
+  Client _client;
   websocket::stream<Stream, false> _webSocket; // without compression
   asio::steady_timer _timer;
   std::shared_ptr<Outbox> _outbox;
@@ -294,6 +390,8 @@ private:
   std::string _outgoing;
   Clock::time_point _lastMessage = Clock::now();
   bool _accepted = false;
+  bool _busy = false;  ///< a long message is being read
+  bool _waits = false; ///< nothing more is read for now
   bool _writing = false;
   bool _closing = false;
   bool _ended = false;

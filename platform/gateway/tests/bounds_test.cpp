@@ -31,10 +31,10 @@ protected:
   using Socket = asio::ip::tcp::socket;
 
   /// One that has been served and waits for its next request.
-  Socket idle()
+  Socket idle(const std::string& target = "/Bench/")
   {
     auto socket = connect();
-    EXPECT_EQ(ask(socket, request("GET /healthz")).status, 200U);
+    EXPECT_EQ(ask(socket, request("GET " + target)).status, 200U);
     return socket;
   }
   /// One whose call is open.
@@ -82,7 +82,7 @@ TEST_F(Bounds, FiveHundredIdleConnectionsKeepNoNewOneOut)
 {
   limitFiles(4096);
   options.limits.connections = 500;
-  options.limits.connectionsPerPeer = 1000;
+  options.limits.connectionsPerPeer = options.limits.connectionsPerToken = 1000;
   begin();
   auto working = busy("k");
   std::vector<Socket> idles;
@@ -102,7 +102,7 @@ TEST_F(Bounds, WithoutFilesTheLongestIdleMakesRoomAndItAcceptsAgain)
     GTEST_SKIP() << "a sanitizer opens files of its own for its checks";
   options.limits.idle = std::chrono::hours(1); // it does not go for that reason
   begin();
-  auto longest = idle();
+  auto longest = idle("/healthz");
   auto late = Socket(io, asio::ip::tcp::v4());
   const int free = ::dup(0);
   ::close(free);
@@ -176,12 +176,42 @@ TEST_F(Bounds, ConnectionsInUseAreBoundInAllAndForEachAddress)
   EXPECT_TRUE(hasEnded(waiting));
   auto second = busy("2");
   auto third = connect();
-  EXPECT_EQ(receive(third).status, 503U);
+  EXPECT_EQ(ask(third, request("GET /Bench/")).status, 503U);
   auto other = from("127.0.0.2");
   EXPECT_EQ(ask(other, request("GET /Bench/")).status, 200U);
   auto another = from("127.0.0.3");
   EXPECT_EQ(ask(another, request("GET /Bench/")).status, 200U) << "in the place of the idle one of 127.0.0.2";
   EXPECT_TRUE(hasEnded(other));
+}
+
+TEST_F(Bounds, NeitherOneTokensConnectionsNorThoseWithoutAnyKeepAnAdminOut)
+{
+  options.limits.connections = options.limits.connectionsPerPeer = 8;
+  options.limits.connectionsPerToken = 4;
+  options.limits.connectionsForAdmins = 2;
+  options.limits.connectionsWithoutToken = 4;
+  options.access->add("other-token", {"wall", Tarvik::Role::Observer});
+  begin();
+  std::vector<RawWebSocket> watching;
+  const auto watch = [&](const std::string& bearer)
+  {
+    watching.emplace_back(connect(), port, bearer);
+    watching.back().ask(call("session.subscribe", R"(["*"])"));
+  };
+  for (int i = 0; i < 4; ++i)
+    watch("observer-token");
+  EXPECT_EQ(get("/Bench/", {}, "observer-token").body, "the token of screen has as many connections as one may have: close some\n");
+  for (int i = 0; i < 2; ++i)
+    watch("other-token");
+  EXPECT_EQ(get("/Bench/", {}, "other-token").status, 503U) << "the last places are kept";
+  std::vector<Socket> silent;
+  for (int i = 0; i < 20; ++i)
+    silent.push_back(connect());
+  for (int i = 0; i < 2; ++i)
+    watch(token);
+  EXPECT_TRUE(hasEnded(silent.front())) << "those without a token make room for each other";
+  EXPECT_EQ(ask(silent.back(), request("GET /healthz")).status, 200U);
+  EXPECT_EQ(get("/Bench/").status, 503U) << "a ninth one";
 }
 
 TEST_F(Bounds, WebSocketMakesRoomOnlyWhenNothingElseIsIdleAndNeverWithLinks)

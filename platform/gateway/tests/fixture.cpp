@@ -26,6 +26,7 @@ Bench::Bench(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name) : ZB
   setModuleDescription("does what a client may meet");
   bind("add", "adds", {"left", "right"}, &Bench::add);
   bind("echo", "gives back what it gets", {"value"}, &Bench::echo);
+  bind("fill", "gives the filler", {}, &Bench::fill);
   bind("nothing", "does nothing", {}, &Bench::nothing);
   bind("fail", "fails", {"text"}, &Bench::fail);
   bind("later", "gives a future that finishLater() completes", {"key"}, &Bench::later);

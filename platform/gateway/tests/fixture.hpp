@@ -52,6 +52,11 @@ public:
 
   int add(const int& left, const int& right) { return left + right; }
   vu::Value echo(const vu::Value& value) { return value; }
+  std::string fill()
+  {
+    ++filled;
+    return filler;
+  }
   void nothing() {}
   void fail(const std::string& text) { throw ZB::ZBError(getName(), "fail", text); }
   vu::Future<int> later(const std::string& key)
@@ -91,9 +96,10 @@ public:
   }
   bool waitForBlocked(int count) { return seen.waitFor("block " + std::to_string(count), patience); }
 
+  std::atomic<int> filled = 0;
   TestSupport::Event unblocked;
   TestSupport::Journal seen;
-  std::string filler; ///< makes the page longer
+  std::string filler; ///< makes the page longer, and is what fill() gives
   vu::Signal<int> happened;
   vu::Signal<std::string, vu::Value> eventRaised;
 

@@ -101,15 +101,36 @@ TEST_F(Http, RequestsOfStrangersAreRefused)
   EXPECT_EQ(get("/Bench/?eval=Bench.nothing()", {{"Sec-Fetch-Site", "same-origin"}}).status, 200u);
 }
 
-TEST_F(Http, TokenInTheAddressIsTradedForACookie)
+TEST_F(Http, SessionOfAPageHasACookieForPagesAndASecretForTheTab)
 {
-  const auto traded = get("/?token=admin-token", {}, "");
-  EXPECT_EQ(traded.status, 303u);
-  EXPECT_EQ(traded.header[http::field::location], "/");
-  const std::string cookie(traded.header[http::field::set_cookie]);
-  EXPECT_EQ(get("/Bench/", {{"Cookie", cookie.substr(0, cookie.find(';'))}}, "").body, "<html><body>Bench</body></html>");
-  EXPECT_EQ(get("/?token=wrong", {}, "").status, 401u);
-  EXPECT_EQ(get("//evil.example/?token=admin-token", {}, "").status, 401u) << "no redirection to another host";
+  const auto code = rpc(call("session.code"))["result"];
+  EXPECT_EQ(code["seconds"], 60);
+  const auto form = get("/Bench/", {{"Accept", "text/html,*/*"}}, "");
+  EXPECT_EQ(form.status, 401U);
+  EXPECT_NE(form.body.find("<form method=\"post\" action=\"/\">"), std::string::npos);
+  EXPECT_EQ(form.header["Referrer-Policy"], "same-origin") << "else the form's origin would not be told";
+  const auto enter = [this](const std::string& content) { return raw(request("POST /", {}, content, "")); };
+  EXPECT_EQ(enter("token=wrong").status, 401U);
+  EXPECT_EQ(enter(std::string(5000, 'x')).status, 413U);
+  const Answer entered[] = {get("/?token=admin-token", {}, ""), get("/?code=" + code["code"].get<std::string>(), {}, ""),
+                            enter("a=b&token=%20admin%2Dtoken+")};
+  for (const auto& answer : entered)
+  {
+    EXPECT_EQ(answer.status, 200U);
+    const std::string set(answer.header[http::field::set_cookie]);
+    EXPECT_EQ(set.substr(set.find(';')), "; Max-Age=43200; HttpOnly; SameSite=Strict; Path=/");
+    const Fields cookie{{"Cookie", set.substr(0, set.find(';'))}};
+    const std::string mark = "name=\"tarvik-secret\" content=\"";
+    const auto secret = answer.body.substr(answer.body.find(mark) + mark.size(), 64);
+    EXPECT_EQ(get("/Bench/", cookie, "").body, "<html><body>Bench</body></html>");
+    auto eval = cookie;
+    eval.emplace_back("Referer", url + "/Bench/");
+    EXPECT_EQ(get("/Bench/?eval=Bench.caller()", eval, "").body, "\"local\"");
+    EXPECT_EQ(get("/Bench/?eval=Bench.raise('k',1)", eval, "").status, 403U) << "an operator's at most";
+    EXPECT_EQ(post(call("Bench.caller"), cookie, "").status, 401U);
+    EXPECT_EQ(post(call("Bench.raise", R"(["k",1])"), cookie, secret).status, 200U);
+    EXPECT_EQ(rpc(call("session.code"), secret)["error"]["code"], -32001);
+  }
 }
 
 TEST_F(Http, PagesAreTheModulesOwnAndMayDoNoMoreThanTheyNeed)
@@ -135,9 +156,10 @@ TEST_F(Http, PagesAreTheModulesOwnAndMayDoNoMoreThanTheyNeed)
     EXPECT_EQ(get(target).header["Content-Security-Policy"], strict) << target;
   EXPECT_EQ(page.header["Content-Security-Policy"], "default-src 'none'; script-src 'unsafe-inline'; connect-src 'self'; "
                                                     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
+  EXPECT_EQ(get("/").header["Referrer-Policy"], "no-referrer");
   for (const auto& [name, value] : {std::pair{"X-Content-Type-Options", "nosniff"},
                                     {"X-Frame-Options", "DENY"},
-                                    {"Referrer-Policy", "no-referrer"},
+                                    {"Referrer-Policy", "same-origin"},
                                     {"Cache-Control", "no-store"},
                                     {"Cross-Origin-Resource-Policy", "same-origin"}})
     EXPECT_EQ(page.header[name], value) << name;
@@ -219,6 +241,35 @@ TEST_F(Http, WhatIsTooLargeOrUnreadableIsRefusedByName)
   EXPECT_EQ(raw(request("POST /rpc", {{"Transfer-Encoding", "chunked"}}) + "186a1\r\n" + std::string(100001, ' ')).status, 413u);
   EXPECT_EQ(get("/Bench/", {{"X-Long", std::string(20000, 'x')}}).status, 431u);
   EXPECT_EQ(raw("NONSENSE\r\n\r\n").status, 400u);
+}
+
+TEST_F(Http, BodyWhoseEndCannotBeToldIsRefusedAndNotTakenForARequest)
+{
+  const auto hidden = request("GET /Bench/?eval=Bench.later('hidden')");
+  const auto refuse = [&](const Fields& fields, const std::string& body = {})
+  {
+    auto socket = connect();
+    beast::flat_buffer buffer;
+    asio::write(socket, asio::buffer(request("POST /rpc", fields) + body + hidden));
+    EXPECT_EQ(receive(socket, std::move(buffer)).status, 400U) << fields.back().second;
+    EXPECT_THROW(receive(socket, std::move(buffer)), boost::system::system_error) << "it is closed";
+  };
+  const std::string name = "Transfer-Encoding";
+  for (const auto* const value : {"gzip", "gzip, chunked", "chunked, gzip", "identity", "", "xchunked", "chunked, chunked"})
+    refuse({{name, value}});
+  refuse({{name, "chunked"}, {name, "chunked"}}, "0\r\n\r\n");
+  refuse({{"Content-Length", "5"}, {name, "chunked"}}, "0\r\n\r\n");
+  refuse({{name, "chunked"}, {"Content-Length", "5"}}, "0\r\n\r\n");
+  const std::string extension = ";" + std::string(9000, 'x');
+  refuse({{name, "chunked"}}, "1" + extension + "\r\n \r\n1" + extension + "\r\n \r\n0\r\n\r\n");
+  refuse({{name, "chunked"}}, "1;" + std::string(1 << 20, 'x'));
+  refuse({{name, "chunked"}}, "0\r\nX: " + std::string(100000, 'x') + "\r\n\r\n");
+  EXPECT_TRUE(bench->seen.lines().empty());
+
+  const auto whole = call("Bench.add", "[1,2]");
+  const auto answer = raw(request("POST /rpc", {{name, "Chunked"}}) + "1;a=b\r\n" + whole.substr(0, 1) + "\r\n3D\r\n" + whole.substr(1) +
+                          std::string(62 - whole.size(), ' ') + "\r\n0;last\r\nX-After: all\r\n\r\n");
+  EXPECT_EQ(vu::Value::parse(answer.body)["result"], 3);
 }
 
 TEST_F(Http, StoppedGatewayAnswersWhatIsOpenAndTakesNothingMore)

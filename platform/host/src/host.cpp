@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include <packages/manifest.hpp>
 #include <root/root.hpp>
 #include <vu/objectbuilder.hpp>
 #include <zb/zbmemoryproxy.hpp>
@@ -55,6 +56,30 @@ fs::path findModules()
   throw std::runtime_error("the platform's modules are not beside " + here.string() + ": give --module-directory");
 }
 
+/// The running behaviors, by their names "UUID/PATH".
+std::vector<std::string> runningBehaviors(ZB::ZBBroker& broker)
+{
+  const auto manager = broker.getProxy("ZBBehaviorManager");
+  return manager ? manager->call<std::vector<std::string>>("getRunningBehaviors") : std::vector<std::string>();
+}
+
+/// What came of an installation: the version that was replaced, or null, and
+/// what of it ran, which that has stopped; what the package may call, and the
+/// faults of its projects.
+vu::Value installed(const vu::PackageInfo& package, const std::vector<vu::PackageInfo>& before, std::vector<std::string> running)
+{
+  vu::Value replaced;
+  for (const auto& other : before)
+    if (other.uuid() == package.uuid())
+      replaced = other.version();
+  std::erase_if(running, [prefix = package.uuid() + "/"](const std::string& name) { return !name.starts_with(prefix); });
+  return {{"uuid", package.uuid()},
+          {"replaced", replaced},
+          {"stopped", running},
+          {"may", package.may()},
+          {"faults", packages::toValue(packages::projectFaults(package.path(), package))}};
+}
+
 /// Installs a package that a client has sent. The package manager does not
 /// tell a bad package from a disk that fails: its check does.
 vu::Value installUpload(ZB::ZBBroker& broker, const fs::path& file, const std::string& sender)
@@ -69,7 +94,10 @@ vu::Value installUpload(ZB::ZBBroker& broker, const fs::path& file, const std::s
   };
   try
   {
-    return {{"uuid", packages.call<std::string>("install", file.string(), sender)}};
+    const auto before = packages.call<std::vector<vu::PackageInfo>>("packages");
+    auto running = runningBehaviors(broker);
+    const auto uuid = packages.call<std::string>("install", file.string(), sender);
+    return installed(packages.call<vu::PackageInfo>("package", uuid), before, std::move(running));
   }
   catch (const ZB::ZBError& failure)
   {
@@ -131,10 +159,10 @@ void Host::start()
   std::tie(gateway.address, gateway.port) = parseListen(_options.listen);
   gateway.tlsCertificate = _options.tlsCertificate;
   gateway.tlsKey = _options.tlsKey;
+  gateway.certificateTaken = [&directory = running->directory](const std::string& pem) { directory.writeCertificate(pem); };
   gateway.insecure = _options.insecure;
   gateway.limits = _options.limits;
   const auto access = gateway.access;
-  access->add(running->directory.makeToken(), {"local", Role::Admin});
   gateway.upload = installUpload;
   gateway.collectors = {writeBehaviorMetrics, writeLogMetrics};
   gateway.uploadDirectory = running->directory.layout().run;
@@ -150,15 +178,18 @@ void Host::start()
   broker.configuration = {{"root", _options.root.string()},
                           {"systemPackages", systemPackages},
                           {"url", running->url},
-                          {"tokenFile", running->directory.layout().token.string()},
                           {"packageLimits", {{"bytes", _options.packageBytes}, {"entries", _options.packageEntries}}},
                           {"history", {{"runs", _options.runs}}},
                           {"framemanager", _options.frameManager}};
+  if (!_options.tlsCertificate.empty())
+    broker.configuration["certificate"] = running->directory.layout().certificate.string();
   running->broker = ZB::ZBBroker::create(std::move(broker));
   _running = std::move(running);
   try
   {
-    _running->broker->createModule<Tokens>("Tokens", _running->directory.layout().tokens, access);
+    auto& directory = _running->directory; // outlives the broker
+    _running->broker->createModule<Tokens>("Tokens", directory.layout(), access,
+                                           [&directory](const std::string& token) { return directory.writeToken(token); });
     loadModules();
     _running->gateway->start(_running->broker);
     _running->directory.announce(_running->url);
@@ -198,7 +229,7 @@ void Host::probe(std::function<void()> done) const
   _running->gateway->post(
       [broker = _running->broker, done = std::move(done)]
       {
-        broker->pool()->post(
+        broker->pool()->postUrgent(
             [frames = broker->session()->find("ZBFrameManager"), done]
             {
               if (!frames)

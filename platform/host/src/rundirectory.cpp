@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gateway/access.hpp>
 #include <vu/log.hpp>
 
 namespace Tarvik
@@ -58,51 +57,80 @@ bool writeOver(const fs::path& file, const std::string& text)
   return written;
 }
 
+void create(const fs::path& directory)
+{
+  std::error_code error;
+  const bool made = fs::create_directories(directory, error);
+  if (error)
+    throw std::runtime_error("cannot create the directory " + directory.string() + ": " + error.message());
+  if (made && ::chmod(directory.c_str(), 0700) != 0)
+    throw failure("set the mode of", directory);
+}
+
+/// Whoever may change these files decides who comes in and what runs.
+void requireOwn(const fs::path& file)
+{
+  struct stat status
+  {
+  };
+  if (::stat(file.c_str(), &status) != 0)
+  {
+    if (errno == ENOENT)
+      return;
+    throw failure("examine", file);
+  }
+  if (status.st_uid != ::geteuid() && status.st_uid != 0)
+    throw std::runtime_error(file.string() + " belongs to another account (user " + std::to_string(status.st_uid) +
+                             "), which could change it: run \"chown " + std::to_string(::geteuid()) + " " + file.string() +
+                             "\", or give another --root");
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    throw std::runtime_error(file.string() + " can be changed by others: run \"chmod go-w " + file.string() + "\"");
+}
+
 } // namespace
 
 RunDirectory::RunDirectory(const fs::path& root) : _layout(root)
 {
-  for (const auto& directory : {_layout.packages, _layout.preferences, _layout.run})
-  {
-    std::error_code error;
-    fs::create_directories(directory, error);
-    if (error)
-      throw std::runtime_error("cannot create the directory " + directory.string() + ": " + error.message());
-  }
-  if (::chmod(_layout.run.c_str(), 0700) != 0)
-    throw failure("set the mode of", _layout.run);
-  _lock = ::open(_layout.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  create(root);
+  requireOwn(root);
+  // Not a file in it, which could be removed while it is locked.
+  _lock = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (_lock < 0)
-    throw failure("open", _layout.lock);
-  if (::flock(_lock, LOCK_EX | LOCK_NB) != 0)
+    throw failure("open", root);
+  try
   {
-    const int reason = errno;
+    if (::flock(_lock, LOCK_EX | LOCK_NB) != 0)
+      throw errno == EWOULDBLOCK
+          ? std::runtime_error("another host runs on the root " + root.string() + ": stop it, or give another --root")
+          : failure("lock", root);
+    for (const auto& directory : {_layout.packages, _layout.preferences, _layout.run})
+    {
+      create(directory);
+      requireOwn(directory);
+    }
+    for (const auto& file : {_layout.tokens, _layout.token, _layout.endpoint, _layout.certificate})
+      requireOwn(file);
+    if (::chmod(_layout.run.c_str(), 0700) != 0)
+      throw failure("set the mode of", _layout.run);
+    ::unlink(_layout.certificate.c_str()); // of a host that was killed
+  }
+  catch (...)
+  {
     ::close(_lock);
-    if (reason == EWOULDBLOCK)
-      throw std::runtime_error("another host runs on the root " + root.string() + ": stop it, or give another --root");
-    errno = reason;
-    throw failure("lock", _layout.lock);
+    throw;
   }
 }
 
 RunDirectory::~RunDirectory()
 {
-  // The lock's file stays: whoever waits for it must find the same one.
-  withdraw(_layout.endpoint);
-  withdraw(_layout.token);
+  for (const auto& file : {_layout.endpoint, _layout.certificate, _layout.token})
+    withdraw(file);
   ::close(_lock);
-}
-
-std::string RunDirectory::makeToken()
-{
-  auto token = Tarvik::makeToken();
-  write(_layout.token, token);
-  return token;
 }
 
 void RunDirectory::announce(const std::string& url) { write(_layout.endpoint, url); }
 
-void RunDirectory::write(const fs::path& file, const std::string& line) const
+bool RunDirectory::write(const fs::path& file, const std::string& line) const
 {
   const auto text = line + "\n";
   const auto spare = spareOf(file);
@@ -113,12 +141,13 @@ void RunDirectory::write(const fs::path& file, const std::string& line) const
   {
     if (!fs::exists(spare))
       ::rename(file.c_str(), spare.c_str()); // a killed host's
-    if (!writeOver(spare, text) || ::rename(spare.c_str(), file.c_str()) != 0)
-      vu::log::error("host", "RunDirectory",
-                     "the disk is full, and " + file.string() +
-                         " could not be written, by which this machine's clients and programs find the host; behaviors run. Make "
-                         "room, and start the host anew");
-    return;
+    if (writeOver(spare, text) && ::rename(spare.c_str(), file.c_str()) == 0)
+      return true;
+    vu::log::error("host", "RunDirectory",
+                   "the disk is full, and " + file.string() +
+                       " could not be written, by which this machine's clients and programs find the host; behaviors run. Make "
+                       "room, and start the host anew");
+    return false;
   }
   else if (reason != 0)
   {
@@ -129,6 +158,7 @@ void RunDirectory::write(const fs::path& file, const std::string& line) const
     throw failure("write", file);
   if (!fs::exists(spare))
     (void)writeNew(spare, std::string(spareSize, '\n'));
+  return true;
 }
 
 void RunDirectory::withdraw(const fs::path& file) const

@@ -18,7 +18,8 @@ class RunDirectory
 {
 public:
   /// Creates the root where it is missing and takes its lock. Throws
-  /// std::runtime_error when another host has it.
+  /// std::runtime_error when another host has it, or when others than the
+  /// user and the system's administrator may change what is in it.
   explicit RunDirectory(const std::filesystem::path& root);
   ~RunDirectory();
   RunDirectory(const RunDirectory&) = delete;
@@ -26,15 +27,19 @@ public:
 
   const RootLayout& layout() const { return _layout; }
 
-  /// Writes a fresh random token to its file and gives it.
-  std::string makeToken();
+  /// Writes the token of the host's own user; false where the disk is full.
+  bool writeToken(const std::string& token) { return write(_layout.token, token); }
+
+  /// Tells clients by which certificate they know the host, in PEM.
+  void writeCertificate(const std::string& pem) { write(_layout.certificate, pem); }
 
   /// Tells clients where the host is.
   void announce(const std::string& url);
 
 private:
-  /// Readable for the owner only, and whole at every moment.
-  void write(const std::filesystem::path& file, const std::string& line) const;
+  /// Readable for the owner only, and whole at every moment. A disk that is
+  /// full is an error in the log, and false.
+  bool write(const std::filesystem::path& file, const std::string& line) const;
   /// What the file leaves behind is the next one's spare.
   void withdraw(const std::filesystem::path& file) const;
 

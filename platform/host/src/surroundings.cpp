@@ -18,6 +18,7 @@ void prepareProcess()
     if (::fcntl(stream, F_GETFD) < 0)
       ::open("/dev/null", O_RDWR); // takes the lowest number, which is this one
   vu::os::raiseFileLimit();
+  vu::os::restrictNewFiles();
 }
 
 bool endsOnHangup()

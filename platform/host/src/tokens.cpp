@@ -1,13 +1,14 @@
 #include "tokens.hpp"
 
 #include <algorithm>
-#include <charconv>
-#include <ctime>
+
+#include <boost/algorithm/string/predicate.hpp>
 
 #include <storage/durablefile.hpp>
-#include <vu/conversion.hpp>
+#include <vu/log.hpp>
 #include <vu/session.hpp>
 #include <vu/text.hpp>
+#include <vu/threadpool.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -20,15 +21,12 @@ using ZB::ZBError;
 namespace
 {
 
-/// Shorter than a token, so that one taken for its name is refused unread.
-constexpr std::size_t longestName = 32;
-
-bool isName(const std::string& text)
-{
-  const auto allowed = [](unsigned char c) { return c < 0x80 && (std::isalnum(c) || c == '.' || c == '_' || c == '-'); };
-  return !text.empty() && text.size() <= longestName && std::isalnum(static_cast<unsigned char>(text.front())) &&
-         std::all_of(text.begin(), text.end(), allowed);
-}
+constexpr std::chrono::seconds retryInterval(1);
+/// A disk of a robot is not written for every request.
+constexpr std::chrono::hours usesInterval(1);
+/// What the answer to renew() has to leave by the old token's connection.
+constexpr std::chrono::seconds renewalGrace(1);
+constexpr int longestSeconds = 10 * 365 * 24 * 3600;
 
 std::string roleNames(const std::string& quote)
 {
@@ -38,42 +36,24 @@ std::string roleNames(const std::string& quote)
   return text;
 }
 
-/// The log and the records of packages give these names a meaning of their own.
-bool isReserved(const std::string& name) { return name == "local" || name == "host" || name == "system"; }
-
-std::string now()
+bool sameUses(const std::vector<TokenRecord>& some, const std::vector<TokenRecord>& others)
 {
-  const auto time = std::time(nullptr);
-  std::tm parts{};
-  ::gmtime_r(&time, &parts);
-  char text[sizeof "2026-03-04T10:20:30Z"];
-  std::strftime(text, sizeof text, "%FT%TZ", &parts);
-  return text;
+  return std::equal(some.begin(), some.end(), others.begin(), others.end(),
+                    [](const TokenRecord& one, const TokenRecord& other) { return one.lastUse == other.lastUse; });
 }
 
-TokenDigest digestFromHexadecimal(const std::string& text)
-{
-  TokenDigest digest{};
-  bool good = text.size() == 2 * digest.size();
-  for (std::size_t i = 0; good && i < digest.size(); ++i)
-  {
-    const char* const end = text.data() + 2 * i + 2;
-    good = std::from_chars(end - 2, end, digest[i], 16).ptr == end;
-  }
-  if (!good)
-    throw std::runtime_error("\"sha256\" holds no SHA-256 in hexadecimal digits");
-  return digest;
-}
+bool isOver(const TokenRecord& record) { return record.end && *record.end <= Access::Clock::now(); }
 
 } // namespace
 
-Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs::path file, std::shared_ptr<Access> access)
-    : ZBModule(std::move(broker), name), _file(std::move(file)), _access(std::move(access))
+Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, const RootLayout& root, std::shared_ptr<Access> access,
+               WriteLocal writeLocal)
+    : ZBModule(std::move(broker), name), _file(root.tokens), _access(std::move(access)), _writeLocal(std::move(writeLocal))
 {
   try
   {
     storage::removeTemporaryFiles(_file.parent_path());
-    _records = read();
+    _records = TokenFile::read(_file);
   }
   catch (const std::exception& error)
   {
@@ -82,8 +62,26 @@ Tokens::Tokens(std::shared_ptr<ZB::ZBBroker> broker, const std::string& name, fs
                       "; mend the file, or remove it to start without tokens");
   }
   for (auto& record : _records)
-    record.number = _access->add(record.digest, {record.name, record.role});
+    record.number = _access->add(record.digest, {record.name, record.role}, record.end);
+  _runs = std::make_unique<RunTokens>(root.runTokens, _access);
+  _local = makeLocal().first; // where nobody can be told, behaviors run all the same
   bindMethods();
+  writeUsesLater();
+}
+
+Tokens::~Tokens()
+{
+  _gate->closeAndDrain();
+  const std::lock_guard lock(_mutex);
+  try
+  {
+    if (auto records = current(); _unwritten || !sameUses(records, _records))
+      write(std::move(records));
+  }
+  catch (const std::exception& error)
+  {
+    vu::log::error("host", "tokens", std::string("what has changed of the tokens is not written down: ") + error.what());
+  }
 }
 
 void Tokens::bindMethods()
@@ -97,76 +95,169 @@ void Tokens::bindMethods()
   setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::add);
 
+  functionName("addTemporary", getName(), "Make a token that lets in for some time; it is told this once");
+  addParam("name", "whose it is, as for add");
+  addParam("role", roleNames("\""));
+  addParam("seconds", "how long it lets in, at most ten years");
+  setReturn("token", "the token");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::addTemporary);
+
   functionName("list", getName(), "Tell which tokens there are, but for the one of the running host");
-  setReturn("tokens", "[{name, role, created}], in the order of creation");
+  setReturn("tokens", "[{name, role, created, expires, lastUsed}], in the order of creation; null for never");
   setAccess(vu::Role::Admin);
   bindMethod(this, &Tokens::list);
 
   functionName("remove", getName(), "Take a token back and end the connections that it has opened");
   addParam("name", "whose it is");
+  setReturn("outcome", "{durable, reason}: whether a power cut would not bring it back, and else why it might");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &Tokens::remove);
+
+  functionName("renew", getName(), "Write a fresh token for the host's own user, and end the old one and its connections within seconds");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::renew);
+
+  functionName("_beginRun", getName(), "Make a token for the programs of one run of a behavior. INTERNAL");
+  addParam("caller", "on whose behalf they call services");
+  addParam("may", "what they may call beyond what an operator may, as manifests write it");
+  setReturn("run", "{number, file}: of the token, and of the file that holds it");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::beginRun);
+
+  functionName("_endRun", getName(), "Take the token of a run back, with its file and the connections that it has opened. INTERNAL");
+  addParam("number", "of the token; one that is not there is ignored");
+  setAccess(vu::Role::Admin);
+  bindMethod(this, &Tokens::endRun);
 }
 
-std::vector<Tokens::Record> Tokens::read() const
+std::pair<std::uint64_t, bool> Tokens::makeLocal() const
 {
-  if (!fs::exists(_file))
-    return {};
-  const auto content = vu::Value::parse(storage::readFile(_file));
-  std::vector<Record> records;
-  for (const auto& entry : content.at("tokens"))
+  const auto token = makeToken();
+  // Known before anybody can read it.
+  const auto number = _access->add(token, {"local", Role::Admin});
+  try
   {
-    Record record;
-    record.name = entry.at("name").get<std::string>();
-    const auto role = entry.at("role").get<std::string>();
-    const auto twice = std::any_of(records.begin(), records.end(), [&record](const Record& other) { return other.name == record.name; });
-    if (!isName(record.name) || isReserved(record.name) || twice)
-      throw std::runtime_error(vu::inQuotes(record.name) + (twice ? " stands there twice" : " is no name of a token"));
-    if (!vu::roleFromName(role))
-      throw std::runtime_error(vu::inQuotes(role) + " is no role");
-    record.role = *vu::roleFromName(role);
-    record.created = entry.at("created").get<std::string>();
-    record.digest = digestFromHexadecimal(entry.at("sha256").get<std::string>());
-    records.push_back(std::move(record));
+    return {number, _writeLocal(token)};
   }
+  catch (...)
+  {
+    _access->remove(number);
+    throw;
+  }
+}
+
+std::vector<TokenRecord> Tokens::current() const
+{
+  auto records = _records;
+  for (auto& record : records)
+    record.lastUse = std::max(record.lastUse, _access->lastUse(record.number)); // none is the least
   return records;
 }
 
-void Tokens::write(const std::vector<Record>& records) const
+void Tokens::write(std::vector<TokenRecord> records)
 {
-  auto tokens = vu::Value::array();
-  for (const auto& record : records)
-    tokens.push_back(
-        {{"name", record.name}, {"role", roleName(record.role)}, {"created", record.created}, {"sha256", toHexadecimal(record.digest)}});
-  storage::writeFileDurably(_file, vu::Value{{"tokens", tokens}}.dump(2) + "\n");
+  TokenFile::write(_file, records);
+  _records = std::move(records);
+  _unwritten = false;
 }
 
-std::string Tokens::add(const std::string& name, const std::string& role)
+void Tokens::later(std::chrono::milliseconds delay, std::function<void()> task) const
 {
-  if (!isName(name))
-    throw ZBError(getName(), "add", "a token's name is 1 to 32 letters, digits, '.', '_' or '-', a letter or digit first");
+  getParentBroker()->pool()->postAfter(delay,
+                                       [gate = _gate, task = std::move(task)]
+                                       {
+                                         if (const auto pass = gate->enter())
+                                           task();
+                                       });
+}
+
+void Tokens::writeLater()
+{
+  later(retryInterval,
+        [this]
+        {
+          const std::lock_guard lock(_mutex);
+          if (!_unwritten)
+            return;
+          try
+          {
+            write(current());
+            vu::log::info("host", "tokens", "the tokens are written down again");
+          }
+          catch (const fs::filesystem_error&) // told when it began
+          {
+            writeLater();
+          }
+        });
+}
+
+void Tokens::writeUsesLater()
+{
+  later(usesInterval,
+        [this]
+        {
+          writeUsesLater();
+          const std::lock_guard lock(_mutex);
+          auto records = current();
+          if (sameUses(records, _records))
+            return;
+          try
+          {
+            write(std::move(records));
+          }
+          catch (const fs::filesystem_error& error)
+          {
+            vu::log::warning("host", "tokens", std::string("when tokens were used is not written down: ") + error.what());
+          }
+        });
+}
+
+std::string Tokens::add(const std::string& name, const std::string& role) { return make("add", name, role, std::nullopt); }
+
+std::string Tokens::addTemporary(const std::string& name, const std::string& role, const int& seconds)
+{
+  if (seconds < 1 || seconds > longestSeconds)
+    throw ZBError(getName(), "addTemporary", "a token lets in for 1 to " + std::to_string(longestSeconds) + " seconds");
+  return make("addTemporary", name, role, Access::Clock::now() + std::chrono::seconds(seconds));
+}
+
+std::string Tokens::make(const std::string& method, const std::string& name, const std::string& role, std::optional<Time> end)
+{
+  if (!TokenFile::isName(name))
+    throw ZBError(getName(), method, "a token's name is 1 to 32 letters, digits, '.', '_' or '-', a letter or digit first");
   // The history tells a module's stops by the module's name.
-  if (isReserved(name) || getParentBroker()->session()->find(name))
-    throw ZBError(getName(), "add", "the name " + vu::inQuotes(name) + " is reserved: take another one");
+  const auto services = getParentBroker()->session()->services();
+  if (TokenFile::isReserved(name) ||
+      std::any_of(services.begin(), services.end(), [&name](const std::string& service) { return boost::iequals(name, service); }))
+    throw ZBError(getName(), method, "the name " + vu::inQuotes(name) + " is reserved: take another one");
   const auto wanted = vu::roleFromName(role);
   if (!wanted)
-    throw ZBError(getName(), "add", "there is no role " + vu::inQuotes(role) + ": give " + roleNames(""));
+    throw ZBError(getName(), method, "there is no role " + vu::inQuotes(role) + ": give " + roleNames(""));
   auto token = makeToken();
-  const std::lock_guard lock(_mutex);
-  if (std::any_of(_records.begin(), _records.end(), [&name](const Record& record) { return record.name == name; }))
-    throw ZBError(getName(), "add", "there is a token " + vu::inQuotes(name) + " already: remove it first, or take another name");
-  auto records = _records;
-  records.push_back({name, *wanted, now(), digestOf(token)});
+  std::unique_lock lock(_mutex);
+  auto records = current();
+  const auto former = std::find_if(records.begin(), records.end(), [&name](const TokenRecord& record) { return record.name == name; });
+  if (former != records.end() && !isOver(*former))
+    throw ZBError(getName(), method, "there is a token " + vu::inQuotes(name) + " already: remove it first, or take another name");
+  const auto ended = former == records.end() ? 0 : former->number;
+  if (former != records.end())
+    records.erase(former);
+  const auto digest = digestOf(token);
+  records.push_back({name, *wanted, Access::Clock::now(), end, std::nullopt, digest, 0});
   try
   {
-    write(records);
+    write(std::move(records));
   }
   catch (const fs::filesystem_error& error)
   {
-    throw ZBError(getName(), "add", "the token was not made: " + vu::validUtf8(error.what()));
+    throw ZBError(getName(), method, "the token was not made: " + vu::validUtf8(error.what()));
   }
-  records.back().number = _access->add(records.back().digest, {name, *wanted});
-  _records = std::move(records);
+  _records.back().number = _access->add(digest, {name, *wanted}, end);
+  lock.unlock();
+  if (ended != 0)
+    _access->remove(ended);
   return token;
 }
 
@@ -174,33 +265,75 @@ vu::Value Tokens::list()
 {
   auto result = vu::Value::array();
   const std::lock_guard lock(_mutex);
-  for (const auto& record : _records)
-    result.push_back({{"name", record.name}, {"role", roleName(record.role)}, {"created", record.created}});
+  for (const auto& record : current())
+    result.push_back({{"name", record.name},
+                      {"role", roleName(record.role)},
+                      {"created", TokenFile::timeValue(record.created)},
+                      {"expires", TokenFile::timeValue(record.end)},
+                      {"lastUsed", TokenFile::timeValue(record.lastUse)}});
   return result;
 }
 
-void Tokens::remove(const std::string& name)
+vu::Value Tokens::beginRun(const std::string& caller, const std::vector<std::string>& may)
+{
+  try
+  {
+    const auto run = _runs->begin(caller, may);
+    return {{"number", run.number}, {"file", run.file.string()}};
+  }
+  catch (const std::exception& error)
+  {
+    throw ZBError(getName(), "_beginRun", vu::validUtf8(error.what()));
+  }
+}
+
+vu::Value Tokens::remove(const std::string& name)
 {
   std::uint64_t number = 0;
+  std::string reason;
   {
     const std::lock_guard lock(_mutex);
-    auto records = _records;
-    const auto found = std::find_if(records.begin(), records.end(), [&name](const Record& record) { return record.name == name; });
+    auto records = current();
+    const auto found = std::find_if(records.begin(), records.end(), [&name](const TokenRecord& record) { return record.name == name; });
     if (found == records.end())
       throw ZBError(getName(), "remove", "there is no token of this name; list() tells which there are");
     number = found->number;
     records.erase(found);
+    _records = records;
     try
     {
-      write(records);
+      write(std::move(records));
     }
     catch (const fs::filesystem_error& error)
     {
-      throw ZBError(getName(), "remove", "the token was not removed and is still good: " + vu::validUtf8(error.what()));
+      reason = vu::validUtf8(error.what());
+      vu::log::error("host", "tokens", "the removal of a token is not written down yet, and is tried again: " + reason);
+      if (!std::exchange(_unwritten, true))
+        writeLater();
     }
-    _records = std::move(records);
   }
   _access->remove(number);
+  return {{"durable", reason.empty()}, {"reason", reason}};
+}
+
+void Tokens::renew()
+{
+  const std::lock_guard lock(_renewal);
+  try
+  {
+    const auto [fresh, written] = makeLocal();
+    if (!written)
+    {
+      _access->remove(fresh);
+      throw std::runtime_error("the disk is full");
+    }
+    const auto old = std::exchange(_local, fresh);
+    later(renewalGrace, [access = _access, old] { access->remove(old, "the token was renewed"); });
+  }
+  catch (const std::runtime_error& error)
+  {
+    throw ZBError(getName(), "renew", "the token was not renewed: " + vu::validUtf8(error.what()));
+  }
 }
 
 } // namespace Tarvik

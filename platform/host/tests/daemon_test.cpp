@@ -1,6 +1,7 @@
 #include "fixture.hpp"
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 
 #include <fcntl.h>
@@ -77,6 +78,7 @@ TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)
 {
   Process first(arguments());
   first.firstLine();
+  std::filesystem::remove_all(root / "run"); // which gives nobody the root
   const std::pair<std::vector<std::string>, std::string> cases[] = {{arguments(), "another host runs on the root"},
                                                                     {{TARVIKD, "--root", "/proc/nowhere"}, "/proc/nowhere"},
                                                                     {{TARVIKD, "--nonsense"}, "--nonsense"}};
@@ -87,6 +89,27 @@ TEST_F(DaemonProcess, FailedStartSaysWhyOnStderrAndNothingOnStdout)
     EXPECT_THAT(daemon.error(), testing::HasSubstr(named));
     EXPECT_EQ(daemon.output(), "");
   }
+}
+
+TEST_F(DaemonProcess, WhatTheHostMakesIsForItsUserAloneAndProgramsGetWhatItWasStartedWith)
+{
+  const auto former = ::umask(0);
+  {
+    Process daemon(arguments());
+    ::umask(former);
+    daemon.firstLine();
+    connect()->call("Tokens.add", {"alice", "observer"}).value();
+    connect()->call("ZBPreferences.writePrefFile", {"p", vu::Value::object(), false}).value();
+    play("<run command=\"touch made\"/>", "runEnded");
+    daemon.signal(SIGTERM);
+    daemon.waitForEnd();
+  }
+  std::vector<std::string> open;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+    if ((static_cast<unsigned>(entry.status().permissions()) & 077) != 0)
+      open.push_back(entry.path().filename());
+  EXPECT_THAT(open, testing::UnorderedElementsAre("behavior.xar", "made")) << "the test's own, and the program's";
+  EXPECT_EQ(mode("made"), 0666U);
 }
 
 TEST_F(DaemonProcess, ALogThatNobodyReadsAnyMoreHoldsUpNothing)

@@ -1,5 +1,7 @@
 #include "fixture.hpp"
 
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 
 #include <behaviormetrics.hpp>
@@ -8,6 +10,7 @@
 
 using namespace Tarvik;
 using namespace HostTest;
+namespace fs = std::filesystem;
 using HostInProcess = RootFixture;
 using testing::HasSubstr;
 
@@ -78,7 +81,6 @@ TEST_F(HostInProcess, GivesEverySettingToWhomItIsFor)
   EXPECT_EQ(configuration, (vu::Value{{"root", root.string()},
                                       {"systemPackages", {"/system"}},
                                       {"url", host.url()},
-                                      {"tokenFile", (root / "run/token").string()},
                                       {"packageLimits", {{"bytes", 11}, {"entries", 22}}},
                                       {"history", {{"runs", 33}}},
                                       {"framemanager", {{"terminateGraceMs", 77}}}}));
@@ -118,6 +120,36 @@ TEST_F(HostInProcess, FailedStartNamesTheFaultAndLeavesNothingBehind)
   Host host(options);
   host.start();
   EXPECT_TRUE(host.url().starts_with("http://[::1]:"));
+}
+
+TEST_F(HostInProcess, WhatOthersCouldChangeIsRefusedByName)
+{
+  {
+    Host host(options);
+    host.start();
+    connect()->call("Tokens.add", {"alice", "observer"}).value();
+  }
+  const auto start = [this] { return errorOf([this] { Host(options).start(); }); };
+  for (const auto* const name : {".", "packages", "preferences", "run", "tokens"})
+    for (const auto access : {fs::perms::group_write, fs::perms::others_write})
+    {
+      const auto file = (root / name).lexically_normal();
+      const auto mode = fs::status(file).permissions();
+      fs::permissions(file, mode | access);
+      const auto text = start();
+      EXPECT_THAT(text, HasSubstr("\"chmod go-w " + root.string())) << name;
+      EXPECT_THAT(text, HasSubstr(std::string(name) == "." ? "" : name));
+      fs::permissions(file, mode);
+    }
+  if (::geteuid() == 0) // nobody else may give files away
+    for (const auto* const name : {"tokens", "."})
+    {
+      ASSERT_EQ(::chown((root / name).c_str(), 12345, 12345), 0);
+      EXPECT_THAT(start(), HasSubstr("belongs to another account (user 12345)"));
+      ASSERT_EQ(::chown((root / name).c_str(), 0, 0), 0);
+    }
+  Host host(options);
+  host.start();
 }
 
 TEST_F(HostInProcess, ModuleThatCannotBeLoadedOrThrowsIsNamedAndTheRestWorks)

@@ -1,5 +1,10 @@
 #include <network/stream.hpp>
 
+#include <stdexcept>
+
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
 #include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/websocket/teardown.hpp>
@@ -15,13 +20,25 @@ struct Stream::Secure : asio::ssl::stream<beast::tcp_stream&>
   using stream::stream;
 };
 
-Stream::Stream(asio::ip::tcp::socket socket, asio::ssl::context* context)
-    : _tcp(std::make_unique<beast::tcp_stream>(std::move(socket))), _secure(context ? std::make_unique<Secure>(*_tcp, *context) : nullptr)
+Fingerprint fingerprintOf(const std::string& pem)
+{
+  const std::unique_ptr<BIO, decltype(&::BIO_free)> memory(::BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &::BIO_free);
+  const std::unique_ptr<X509, decltype(&::X509_free)> certificate(::PEM_read_bio_X509(memory.get(), nullptr, nullptr, nullptr),
+                                                                  &::X509_free);
+  Fingerprint fingerprint{};
+  if (!certificate || ::X509_digest(certificate.get(), ::EVP_sha256(), fingerprint.data(), nullptr) != 1)
+    throw std::invalid_argument("there is no certificate");
+  return fingerprint;
+}
+
+Stream::Stream(asio::ip::tcp::socket socket, Context context)
+    : _context(std::move(context)), _tcp(std::make_unique<beast::tcp_stream>(std::move(socket))),
+      _secure(_context ? std::make_unique<Secure>(*_tcp, *_context) : nullptr)
 {
   setNoDelay();
 }
 
-Stream::Stream(asio::io_context& io, asio::ssl::context* context) : Stream(asio::ip::tcp::socket(io), context) {}
+Stream::Stream(asio::io_context& io, Context context) : Stream(asio::ip::tcp::socket(io), std::move(context)) {}
 
 Stream::Stream(Stream&& other) noexcept = default;
 Stream::~Stream() = default;
@@ -37,6 +54,25 @@ void Stream::acceptHandshake(Done done) { _secure->async_handshake(asio::ssl::st
 void Stream::handshakeWith(const std::string& host, Done done)
 {
   _secure->set_verify_callback(asio::ssl::host_name_verification(host));
+  handshake(host, std::move(done));
+}
+
+void Stream::handshakeWith(const std::string& host, const Fingerprint& only, Done done)
+{
+  _secure->set_verify_callback(
+      [only](bool, asio::ssl::verify_context& verified)
+      {
+        auto* const store = verified.native_handle();
+        Fingerprint found{};
+        // Who has signed it does not matter, so that faults above it do not.
+        return ::X509_STORE_CTX_get_error_depth(store) > 0 ||
+               (::X509_digest(::X509_STORE_CTX_get_current_cert(store), ::EVP_sha256(), found.data(), nullptr) == 1 && found == only);
+      });
+  handshake(host, std::move(done));
+}
+
+void Stream::handshake(const std::string& host, Done done)
+{
   error_code isName;
   asio::ip::make_address(host, isName);
   if (isName) // addresses are not sent as server names

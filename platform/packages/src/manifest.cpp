@@ -3,16 +3,20 @@
 #include <algorithm>
 #include <cctype>
 #include <initializer_list>
+#include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <pugixml.hpp>
 
-#include <packages/packageerror.hpp>
+#include <packages/projectreader.hpp>
 #include <storage/durablefile.hpp>
 #include <vu/text.hpp>
+
+#include "characters.hpp"
 
 namespace packages
 {
@@ -56,14 +60,41 @@ std::vector<std::string_view> split(std::string_view path)
 
 bool namesProjectFile(std::string_view path) { return split(path).back() == projectFile; }
 
+std::string projectOf(const std::string& behavior)
+{
+  return behavior == "." ? projectFile : namesProjectFile(behavior) ? behavior : behavior + "/" + projectFile;
+}
+
 class ManifestReader
 {
 public:
   explicit ManifestReader(const std::string& text) : _text(text) {}
 
-  vu::PackageInfo::Data read(const fs::path& directory)
+  void read() { readPackage(parse()); }
+
+  /// Nothing but what stands in "may": for each behavior of a large package
+  /// that is loaded, the whole would be read.
+  void readRights()
   {
-    const auto result = _document.load_buffer(_text.data(), _text.size());
+    for (const auto may : parse().children("may"))
+      readRight(may);
+  }
+
+  void findProjects(const fs::path& directory) const
+  {
+    for (const auto& [node, path] : _projects)
+      if (std::error_code error; !fs::is_regular_file(directory / path, error))
+        fail(node, "the project file " + inQuotes(path) + " is missing in the package");
+  }
+
+  vu::PackageInfo::Data& data() { return _data; }
+
+private:
+  pugi::xml_node parse()
+  {
+    if (const auto bad = findBadCharacter(_text))
+      fail(static_cast<std::ptrdiff_t>(bad->offset), bad->text);
+    const auto result = _document.load_buffer(_text.data(), _text.size(), pugi::parse_default, pugi::encoding_utf8);
     if (!result)
       fail(result.offset, std::string("this is no XML: ") + result.description());
     pugi::xml_node package;
@@ -74,20 +105,15 @@ public:
           fail(node, "expected one element \"package\", found " + inQuotes(node.name()));
         package = node;
       }
-    readPackage(package);
-    for (const auto& [node, path] : _projects)
-      if (std::error_code error; !fs::is_regular_file(directory / path, error))
-        fail(node, "the project file " + inQuotes(path) + " is missing in the package");
-    return std::move(_data);
+    return package;
   }
 
-private:
   [[noreturn]] void fail(std::ptrdiff_t offset, const std::string& message) const
   {
     const auto position = std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(_text.size()));
     const auto line = 1 + std::count(_text.begin(), _text.begin() + position, '\n');
-    throw PackageError(std::string(manifestFile) + ", line " + std::to_string(line) + ", offset " + std::to_string(position) + ": " +
-                       message);
+    throw FaultyFile(std::string(manifestFile) + ", line " + std::to_string(line) + ", offset " + std::to_string(position) + ": " + message,
+                     {manifestFile, static_cast<std::size_t>(line), message});
   }
   [[noreturn]] void fail(const pugi::xml_node& node, const std::string& message) const { fail(node.offset_debug(), message); }
 
@@ -101,11 +127,13 @@ private:
     if (_data.uuid == "User" || _data.uuid == "System")
       fail(package, "the uuid " + inQuotes(_data.uuid) + " is reserved; choose another one");
     _data.version = attribute(package, "version");
-    for (const auto node : elements(package, {"name", "description", "behavior"}))
+    for (const auto node : elements(package, {"name", "description", "behavior", "may"}))
     {
       const std::string_view element = node.name();
       if (element == "behavior")
         readBehavior(node);
+      else if (element == "may")
+        readRight(node);
       else
       {
         auto& texts = element == "name" ? _data.names : _data.descriptions;
@@ -114,6 +142,23 @@ private:
           fail(node, "there is another " + inQuotes(element) + " of the locale " + inQuotes(locale));
       }
     }
+  }
+
+  void readRight(const pugi::xml_node& may)
+  {
+    checkAttributes(may, {"call"});
+    elements(may, {});
+    const auto call = requiredAttribute(may, "call");
+    try
+    {
+      (void)Rights({call});
+    }
+    catch (const std::invalid_argument& error)
+    {
+      fail(may, error.what());
+    }
+    if (_rights.insert(call).second)
+      _data.may.push_back(call);
   }
 
   void readBehavior(const pugi::xml_node& behavior)
@@ -132,7 +177,7 @@ private:
       tags[locale].push_back(std::move(text));
     }
     _data.behaviors.emplace_back(path, attribute(behavior, "nature"), std::move(tags));
-    _projects.emplace_back(behavior, path == "." ? projectFile : namesProjectFile(path) ? path : path + "/" + projectFile);
+    _projects.emplace_back(behavior, projectOf(path));
   }
 
   void checkPath(const pugi::xml_node& node, const std::string& path) const
@@ -161,7 +206,7 @@ private:
   }
 
   /// Empty when it is not given.
-  std::string attribute(const pugi::xml_node& node, const char* name) const { return checkedText(node, node.attribute(name).value()); }
+  static std::string attribute(const pugi::xml_node& node, const char* name) { return node.attribute(name).value(); }
 
   std::string requiredAttribute(const pugi::xml_node& node, const char* name) const
   {
@@ -202,46 +247,83 @@ private:
     const auto isSpace = [](unsigned char c) { return std::isspace(c) != 0; };
     text.erase(std::find_if_not(text.rbegin(), text.rend(), isSpace).base(), text.end());
     text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), isSpace));
-    return {std::move(locale), checkedText(node, std::move(text))};
-  }
-
-  /// Records travel as JSON, which takes nothing but UTF-8.
-  std::string checkedText(const pugi::xml_node& node, std::string text) const
-  {
-    try
-    {
-      (void)vu::Value(text).dump();
-    }
-    catch (const vu::Value::exception&)
-    {
-      fail(node, "the text " + inQuotes(text) + " is not valid UTF-8");
-    }
-    return text;
+    return {std::move(locale), std::move(text)};
   }
 
   const std::string& _text;
   pugi::xml_document _document;
   vu::PackageInfo::Data _data;
   std::set<std::string> _paths;
+  std::set<std::string> _rights;
   std::vector<std::pair<pugi::xml_node, std::string>> _projects;
 };
+
+/// None where there is no manifest.
+std::optional<std::string> manifestText(const fs::path& directory)
+{
+  try
+  {
+    return storage::readFile(directory / manifestFile, largestManifest);
+  }
+  catch (const fs::filesystem_error& error)
+  {
+    if (error.code() == std::errc::no_such_file_or_directory)
+      return std::nullopt;
+    throw PackageError(std::string(manifestFile) + " cannot be read: " + error.code().message());
+  }
+}
 
 } // namespace
 
 vu::PackageInfo::Data readManifest(const fs::path& directory)
 {
-  std::string text;
-  try
+  const auto text = manifestText(directory);
+  if (!text)
+    throw PackageError(std::string("there is no ") + manifestFile + " at the top of the package");
+  ManifestReader reader(*text);
+  reader.read();
+  reader.findProjects(directory);
+  return std::move(reader.data());
+}
+
+Rights readRights(const fs::path& directory)
+{
+  const auto text = manifestText(directory);
+  if (!text)
+    return {};
+  ManifestReader reader(*text);
+  reader.readRights();
+  return Rights(reader.data().may);
+}
+
+std::vector<Fault> projectFaults(const fs::path& directory, const vu::PackageInfo& package)
+{
+  std::vector<Fault> faults;
+  for (const auto& behavior : package.behaviors())
   {
-    text = storage::readFile(directory / manifestFile, largestManifest);
+    const auto project = projectOf(behavior.path());
+    try
+    {
+      readProject(directory.string(), project);
+    }
+    catch (const FaultyFile& faulty)
+    {
+      faults.push_back(faulty.fault());
+    }
+    catch (const PackageError& error)
+    {
+      faults.push_back({project, 1, error.description()});
+    }
   }
-  catch (const fs::filesystem_error& error)
-  {
-    if (error.code() == std::errc::no_such_file_or_directory)
-      throw PackageError(std::string("there is no ") + manifestFile + " at the top of the package");
-    throw PackageError(std::string(manifestFile) + " cannot be read: " + error.code().message());
-  }
-  return ManifestReader(text).read(directory);
+  return faults;
+}
+
+vu::Value toValue(const std::vector<Fault>& faults)
+{
+  auto values = vu::Value::array();
+  for (const auto& [file, line, text] : faults)
+    values.push_back({{"file", file}, {"line", line}, {"text", vu::validUtf8(text)}});
+  return values;
 }
 
 } // namespace packages

@@ -8,12 +8,13 @@
 #include <stdexcept>
 #include <string_view>
 
-#include <boost/locale/utf.hpp>
 #include <pugixml.hpp>
 
 #include <packages/packageerror.hpp>
 #include <packages/projectfile.hpp>
 #include <packages/shellwords.hpp>
+
+#include "characters.hpp"
 
 namespace packages
 {
@@ -39,7 +40,8 @@ public:
 
   Project read()
   {
-    checkCharacters();
+    if (const auto bad = findBadCharacter(_text))
+      fault(bad->offset, bad->text);
     // parse_fragment keeps text outside the root, which would be passed over in silence otherwise.
     const auto result = _document.load_buffer(_text.data(), _text.size(), pugi::parse_default | pugi::parse_fragment, pugi::encoding_utf8);
     if (!result)
@@ -65,7 +67,8 @@ private:
   [[noreturn]] void fault(std::size_t offset, const std::string& what) const
   {
     offset = std::min(offset, _text.size());
-    throw PackageError(_file + ":" + std::to_string(line(offset)) + " (offset " + std::to_string(offset) + "): " + what);
+    const auto found = line(offset);
+    throw FaultyFile(_file + ":" + std::to_string(found) + " (offset " + std::to_string(offset) + "): " + what, {_shortName, found, what});
   }
 
   [[noreturn]] void fault(pugi::xml_node node, const std::string& what) const { fault(offset(node), what); }
@@ -89,21 +92,6 @@ private:
         std::count(begin + static_cast<std::ptrdiff_t>(_lineOffset), begin + static_cast<std::ptrdiff_t>(offset), '\n'));
     _lineOffset = offset;
     return _line;
-  }
-
-  /// Event values and arguments travel as JSON, which is UTF-8.
-  void checkCharacters() const
-  {
-    namespace utf = boost::locale::utf;
-    for (auto position = _text.begin(); position != _text.end();)
-    {
-      const auto start = static_cast<std::size_t>(position - _text.begin());
-      const auto code = utf::utf_traits<char>::decode(position, _text.end());
-      if (code == utf::illegal || code == utf::incomplete)
-        fault(start, "the file is not UTF-8");
-      if (code == 0)
-        fault(start, "the file holds a zero byte");
-    }
   }
 
   std::string title(pugi::xml_node element, const std::string& what) const

@@ -67,7 +67,7 @@ TEST_F(Manifest, uuidsAndPathsOfTheAlphabetAreTakenAndNoOthers)
   Texts paths{
       "", "..", "./a", "a/.", "a/../b", "/a", "a/", "a//b", longest + "x", "behavior.xar/a", "mybehavior.xar", "a/behavior.xar.old"};
   for (const std::string character :
-       {"ä", "\\", "%", ";", "`", "(", ")", "&lt;", "&gt;", "&quot;", "&apos;", "&amp;", "&#9;", "&#10;", "&#13;", "&#127;"})
+       {"ä", "\\", "%", ";", "`", "(", ")", "&lt;", "&gt;", "&quot;", "&apos;", "&amp;", "&#9;", "&#10;", "&#13;"})
     for (const auto& text : {character + "b", "a" + character, "a" + character + "b"})
       uuids.push_back(text), paths.push_back(text);
   for (const auto& uuid : uuids)
@@ -76,6 +76,38 @@ TEST_F(Manifest, uuidsAndPathsOfTheAlphabetAreTakenAndNoOthers)
     EXPECT_THAT(errorOf([&] { parsePath(path); }), HasSubstr("the path ")) << path;
   for (const auto* uuid : {"User", "System"})
     EXPECT_THAT(errorOf([&] { parseUuid(uuid); }), HasSubstr("is reserved; choose another one")) << uuid;
+}
+
+TEST_F(Manifest, behaviorsMayCallWhatOperatorsMayTheMemoryAndWhatIsAskedFor)
+{
+  using vu::Role;
+  const std::string admins = " Tokens.add Tokens.list PackageManager.install";
+  const std::string always = "ZBMemory.insertData Arm.wave Arm.getState";
+  const std::pair<const char*, std::string> cases[] = {
+      {"", always},
+      {"<may call='Tokens.add'/>", always + " Tokens.add"},
+      {"<may call='Tokens.add'/><may call='PackageManager.*'/><may call='Tokens.add'/>", always + " Tokens.add PackageManager.install"},
+      {"<may call='Tokens.*'/>", always + " Tokens.add Tokens.list"},
+      {"<may call='Token.*'/><may call='Tokens.ad'/>", always},
+      {"<may call='*'/>", always + admins}};
+  for (const auto& [rights, allowed] : cases)
+  {
+    EXPECT_NO_THROW(parse("<package uuid='p'>" + std::string(rights) + "</package>"));
+    const auto may = packages::readRights(directory);
+    std::string found;
+    for (const auto& [service, method, least] : {std::tuple("ZBMemory", "insertData", Role::Admin),
+                                                 {"Arm", "wave", Role::Operator},
+                                                 {"Arm", "getState", Role::Observer},
+                                                 {"Tokens", "add", Role::Admin},
+                                                 {"Tokens", "list", Role::Admin},
+                                                 {"PackageManager", "install", Role::Admin}})
+      if (may.allow(service, method, least))
+        found += (found.empty() ? "" : " ") + std::string(service) + "." + method;
+    EXPECT_EQ(found, allowed) << rights;
+  }
+  std::filesystem::remove(directory / "manifest.xml");
+  EXPECT_EQ(packages::readRights(directory).refusal("Tokens", "add", Role::Admin),
+            "the behavior may not call Tokens.add: its package's manifest does not say <may call=\"Tokens.add\"/>");
 }
 
 TEST_F(Manifest, faultsAreToldWithLineAndThing)
@@ -94,12 +126,23 @@ TEST_F(Manifest, faultsAreToldWithLineAndThing)
       {"<package uuid='p'>\n\nstray</package>", "line 1", "holds no text"},
       {"<package uuid='p'>\n<name>A</name></package>", "line 2", "lacks the attribute \"locale\""},
       {"<package uuid='p'><name locale='en'>A</name>\n<name locale='en'>B</name></package>", "line 2", "another \"name\""},
-      {"<package uuid='p'><description locale='en'>\xff</description></package>", "line 1", "not valid UTF-8"},
+      {"<package uuid='p'><description locale='en'>\xff</description></package>", "line 1", "not UTF-8"},
+      {"<package uuid='p' version='1&#0;2'/>", "line 1, offset 28", "the reference &#0; stands for no character"},
+      {"<package uuid='p'>\n<name locale='en'>A&#x1b;B</name></package>", "line 2", "&#x1b; stands"},
+      {"<package uuid='p'>\n<may call='Tokens.add&#4294967296;x'/></package>", "line 2", "&#4294967296; stands"},
+      {"<package uuid='p' version='\x1b[2J'/>", "line 1", "the control character 27"},
+      {"<package uuid='p'>\n<may/></package>", "line 2", "lacks the attribute \"call\""},
+      {"<package uuid='p'>\n<may call='*' for='a'/></package>", "line 2", "no attribute \"for\""},
+      {"<package uuid='p'>\n<may call='*'>a</may></package>", "line 2", "holds no text"},
       {"<package uuid='p'>\n<behavior path='a' name='b'/></package>", "line 2", "no attribute \"name\""},
       {"<package uuid='p'>\n<behavior path='a'><tag locale='en'> </tag></behavior></package>", "line 2", "the tag is empty"},
       {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='a'/></package>", "line 3", "\"a\" stands in the package twice"},
       {"<package uuid='p'>\n<behavior path='a'/>\n<behavior path='b'/></package>", "line 3", "\"b/behavior.xar\" is missing"},
   };
+  for (const auto* call : {"", "Tokens", "Tokens.", ".add", "*.add", "**", "Tokens.*x", "Tokens.add.x", "Tokens add", " *", "T\xc3\xa4.a"})
+    EXPECT_THAT(errorOf([&] { parse("<package uuid='p'>\n<may call='" + std::string(call) + "'/></package>"); }),
+                AllOf(StartsWith("manifest.xml, line 2"), HasSubstr("is neither \"Service.method\", \"Service.*\" nor \"*\"")))
+        << call;
   for (const auto& [text, place, thing] : cases)
     EXPECT_THAT(errorOf([&, &text = text] { parse(text); }), AllOf(StartsWith("manifest.xml, " + place), HasSubstr(thing))) << text;
 }

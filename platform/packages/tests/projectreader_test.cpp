@@ -111,6 +111,8 @@ TEST(ProjectReader, NamesFileLineOffsetAndReasonOfEveryFault)
       {"<project format=\"1\">\n<wait seconds=\"1\"/>\n</projekt>", ":3 ", "the XML is damaged"},
       {"<project format=\"1\">\n\xff</project>", ":2 (offset 21): ", "not UTF-8"},
       {std::string("<project format=\"1\">\n\0</project>", 32), ":2 (offset 21): ", "zero byte"},
+      {withStep("<log message=\"a&#0;b\"/>"), ":2 (offset 47): ", "the reference &#0; stands for no character that a text may hold"},
+      {withStep("<log message=\"&#x9b;\"/>"), ":2 ", "the reference &#x9b; stands for no character"},
       {withStep("text"), ":", "text has no meaning in <project>"},
       {withStep("<dance/>"), in, "<dance> is not known; the steps are"},
       {withStep("<wait/>"), in, "<wait> needs the attribute \"seconds\""},

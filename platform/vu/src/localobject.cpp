@@ -69,6 +69,13 @@ bool LocalObject::givesFuture(const std::string& method) const
   return known && known->future;
 }
 
+bool LocalObject::isUrgent(const std::string& method) const
+{
+  const std::lock_guard lock(_mutex);
+  const auto* const known = _description.method(method);
+  return known && known->isUrgent();
+}
+
 Future<Value> LocalObject::post(const std::string& method, Value arguments) { return post(method, std::move(arguments), {}); }
 
 Future<Value> LocalObject::post(const std::string& method, Value arguments, std::function<bool()> wanted)

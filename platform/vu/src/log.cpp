@@ -14,6 +14,7 @@
 
 #include <vu/caller.hpp>
 #include <vu/error.hpp>
+#include <vu/text.hpp>
 
 #include "logwriter.hpp"
 
@@ -100,17 +101,7 @@ std::string oneLine(std::string_view text)
 {
   while (!text.empty() && text.back() == '\n')
     text.remove_suffix(1);
-  std::string line;
-  for (const char c : text)
-  {
-    if (c == '\n')
-      line += "\\n";
-    else if (static_cast<unsigned char>(c) < 0x20 && c != '\t')
-      line += fmt::format("\\x{:02x}", static_cast<unsigned>(c));
-    else
-      line += c;
-  }
-  return line;
+  return visible(text);
 }
 
 } // namespace

@@ -61,7 +61,7 @@ struct Object::Shared
   /// Made when it is first asked for: most handles only call.
   const std::shared_ptr<Line>& line()
   {
-    std::call_once(_lineMade, [this] { _line = Line::create(backend->pool()); });
+    std::call_once(_lineMade, [this] { _line = Line::create(backend->pool(), "signals of " + backend->name() + " to one handle"); });
     return _line;
   }
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <pwd.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -15,6 +16,7 @@ namespace
 
 constexpr rlim_t filesWanted = 65536;
 
+int startUmask = -1;
 rlim_t inherited = 0; // 0: the limit was not raised
 
 rlimit fileLimit()
@@ -25,6 +27,10 @@ rlimit fileLimit()
 }
 
 } // namespace
+
+void restrictNewFiles() { startUmask = static_cast<int>(::umask(077)); }
+
+int inheritedUmask() { return startUmask; }
 
 void raiseFileLimit()
 {

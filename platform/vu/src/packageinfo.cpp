@@ -89,6 +89,7 @@ PackageInfo::PackageInfo(const Value& value)
   data.names = member<Texts>(value, "names");
   data.descriptions = member<Texts>(value, "descriptions");
   data.behaviors = member<std::list<BehaviorInfo>>(value, "behaviors");
+  data.may = member<std::vector<std::string>>(value, "may");
   _data = std::make_shared<const Data>(std::move(data));
 }
 
@@ -111,6 +112,7 @@ std::string PackageInfo::description(const std::string& locale) const
   return _data ? textIn(_data->descriptions, locale) : std::string();
 }
 std::list<BehaviorInfo> PackageInfo::behaviors() const { return _data ? _data->behaviors : std::list<BehaviorInfo>(); }
+std::vector<std::string> PackageInfo::may() const { return _data ? _data->may : std::vector<std::string>(); }
 
 Value PackageInfo::toValue() const
 {
@@ -120,7 +122,7 @@ Value PackageInfo::toValue() const
   for (const auto& behavior : data.behaviors)
     behaviors.push_back(behavior.toValue());
   return {{"uuid", data.uuid},   {"version", data.version},           {"installer", data.installer}, {"path", data.path},
-          {"names", data.names}, {"descriptions", data.descriptions}, {"behaviors", behaviors}};
+          {"names", data.names}, {"descriptions", data.descriptions}, {"behaviors", behaviors},      {"may", data.may}};
 }
 
 void to_json(Value& value, const BehaviorInfo& info) { value = info.toValue(); }

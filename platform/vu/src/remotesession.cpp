@@ -106,7 +106,14 @@ struct RemoteSession::Implementation : std::enable_shared_from_this<Implementati
                        std::string("the arguments cannot be sent: ") + error.what(), ServiceError::Kind::InvalidArguments)));
       return promise.future();
     }
-    channel->send(std::move(text));
+    if (!channel->send(std::move(text)))
+    {
+      const auto dot = method.find('.');
+      take(id);
+      promise.setException(std::make_exception_ptr(
+          ServiceError(method.substr(0, dot), dot == std::string::npos ? "" : method.substr(dot + 1),
+                       "too many calls wait to be sent: the host, or the way to it, does not keep up", ServiceError::Kind::Overloaded)));
+    }
     return promise.future();
   }
 
@@ -232,7 +239,7 @@ struct RemoteSession::Implementation : std::enable_shared_from_this<Implementati
 
   const std::shared_ptr<ThreadPool> pool = std::make_shared<ThreadPool>();
   /// Of all callbacks of the session itself.
-  const std::shared_ptr<Line> line = Line::create(pool);
+  const std::shared_ptr<Line> line = Line::create(pool, "notifications of a session");
   std::unique_ptr<WebSocketChannel> channel;
 
   mutable std::mutex mutex; // guards the members below

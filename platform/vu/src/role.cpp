@@ -8,16 +8,17 @@ namespace vu
 namespace
 {
 
+/// "issue" does not begin with the word "is".
+bool beginsWithWord(std::string_view method, std::string_view word)
+{
+  return method.starts_with(word) && method.size() > word.size() && (method[word.size()] < 'a' || method[word.size()] > 'z');
+}
+
 bool isQuery(std::string_view method)
 {
-  for (const std::string_view prefix : {"get", "is", "has", "resolve"})
-    if (method.starts_with(prefix) && method.size() > prefix.size())
-    {
-      // "issue" is no "is…".
-      const char next = method[prefix.size()];
-      if (next < 'a' || next > 'z')
-        return true;
-    }
+  for (const std::string_view word : {"get", "is", "has", "resolve"})
+    if (beginsWithWord(method, word))
+      return true;
   constexpr std::array<std::string_view, 3> queries{"packages", "package", "behaviors"};
   return std::find(queries.begin(), queries.end(), method) != queries.end();
 }
@@ -50,5 +51,7 @@ Role leastRoleByName(std::string_view method)
     return Role::Observer;
   return method.starts_with('_') ? Role::Admin : Role::Operator;
 }
+
+bool isUrgentByName(std::string_view method) { return beginsWithWord(method, "stop"); }
 
 } // namespace vu

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <limits>
 #include <list>
 #include <map>
@@ -31,6 +32,7 @@ using namespace std::chrono_literals;
 namespace
 {
 constexpr auto stallTime = 5ms; // without progress, before a thread is added
+constexpr int mostUrgentInARow = 16;
 
 using Clock = std::chrono::steady_clock;
 
@@ -39,6 +41,18 @@ thread_local const void* poolOfThisThread = nullptr;
 
 struct ThreadPool::Implementation
 {
+  enum class Kind
+  {
+    Usual,
+    Call, ///< may be refused
+    Urgent
+  };
+  struct Posted
+  {
+    Task task;
+    std::string caller;
+  };
+
   explicit Implementation(Limits wanted) : limits(wanted), work(asio::make_work_guard(io))
   {
     limits.threads = std::max<std::size_t>(limits.threads, 1);
@@ -109,7 +123,7 @@ struct ThreadPool::Implementation
       mostRunning = running;
       periodBegan = now;
     }
-    return threads.size() > std::max(enough, running + queued);
+    return threads.size() > std::max(enough, running + queued());
   }
 
   /// Posts what is due and adds a thread whenever work waits, all threads are
@@ -123,12 +137,12 @@ struct ThreadPool::Implementation
     while (!closed)
     {
       const auto now = Clock::now();
-      if (queued > 0 && running >= threads.size() && seen == progress && now >= look && threads.size() < limits.maximum)
+      if (queued() > 0 && running >= threads.size() && seen == progress && now >= look && threads.size() < limits.maximum)
         grow();
       if (now >= look || (watching && look == Clock::time_point::max()))
       {
-        watching = queued > 0 || now < look;
-        seen = queued > 0 ? std::optional(progress) : std::nullopt;
+        watching = queued() > 0 || now < look;
+        seen = queued() > 0 ? std::optional(progress) : std::nullopt;
         look = watching ? now + stallTime : Clock::time_point::max();
       }
       if (!attendTo(lock, now))
@@ -143,14 +157,14 @@ struct ThreadPool::Implementation
     const auto firstLater = timers.upper_bound(now);
     if (timers.begin() == firstLater && departed.empty() && growthError.empty())
       return false;
-    std::vector<Timer> due;
+    std::vector<Posted> due;
     for (auto timer = timers.begin(); timer != firstLater; timer = timers.erase(timer))
       due.push_back(std::move(timer->second));
     auto leaving = std::exchange(departed, {});
     const auto trouble = std::exchange(growthError, {});
     lock.unlock();
     for (auto& timer : due)
-      post(timer.task, timer.caller, false);
+      post(timer.task, timer.caller, Kind::Usual);
     due.clear();
     for (auto& thread : leaving)
       thread.join();
@@ -161,46 +175,58 @@ struct ThreadPool::Implementation
   }
 
   /// False when the pool is closed.
-  bool post(Task& task, const std::string& caller, bool mayRefuse)
+  bool post(Task& task, const std::string& caller, Kind kind)
   {
     {
       const std::lock_guard lock(mutex);
       if (closed)
         return false;
-      if (mayRefuse && threads.size() >= limits.maximum && running >= limits.maximum && queued >= limits.queue)
+      if (kind == Kind::Call && threads.size() >= limits.maximum && running >= limits.maximum && queued() >= limits.queue)
         throw ServiceError(
-            {}, {}, "the host is overloaded: all its threads are busy and " + std::to_string(queued) + " calls wait; try again later",
+            {}, {}, "the host is overloaded: all its threads are busy and " + std::to_string(queued()) + " calls wait; try again later",
             ServiceError::Kind::Overloaded);
-      ++queued;
+      (kind == Kind::Urgent ? urgent : usual).push_back({std::move(task), caller});
       if (!std::exchange(watching, true))
         news.notify_all();
     }
-    asio::post(io, [this, task = std::move(task), caller]() mutable { run(std::move(task), caller); });
+    asio::post(io, [this] { runNext(); });
     return true;
   }
 
-  void run(Task task, const std::string& caller)
+  /// Of those that wait, the first urgent one; mutex held.
+  Posted takeNext()
   {
+    const bool isUrgent = !urgent.empty() && (usual.empty() || urgentInARow < mostUrgentInARow);
+    urgentInARow = isUrgent ? urgentInARow + 1 : 0;
+    auto& line = isUrgent ? urgent : usual;
+    auto next = std::move(line.front());
+    line.pop_front();
+    return next;
+  }
+
+  void runNext()
+  {
+    Posted next;
     {
       const std::lock_guard lock(mutex);
-      --queued;
+      next = takeNext();
       mostRunning = std::max(mostRunning, ++running);
       ++progress;
     }
     try
     {
-      const CallerScope scope(caller);
-      task();
+      const CallerScope scope(next.caller);
+      next.task();
     }
     catch (...)
     {
       log::callbackError("a posted task");
     }
-    task = nullptr;
+    next.task = nullptr;
     const std::lock_guard lock(mutex);
     --running;
     ++progress;
-    if (queued + running == 0)
+    if (queued() + running == 0)
       idle.notify_all();
   }
 
@@ -210,7 +236,7 @@ struct ThreadPool::Implementation
     const std::lock_guard lock(mutex);
     if (closed)
       return;
-    const auto timer = timers.emplace(due, Timer{std::move(task), currentCaller()});
+    const auto timer = timers.emplace(due, Posted{std::move(task), currentCaller()});
     if (timer == timers.begin())
       news.notify_all();
   }
@@ -218,10 +244,10 @@ struct ThreadPool::Implementation
   void close()
   {
     // Dropped last and outside the lock: it may hold the pool itself.
-    std::multimap<Clock::time_point, Timer> dropped;
+    std::multimap<Clock::time_point, Posted> dropped;
     {
       std::unique_lock lock(mutex);
-      idle.wait(lock, [this] { return closed || queued + running == 0; });
+      idle.wait(lock, [this] { return closed || queued() + running == 0; });
       if (std::exchange(closed, true))
         return;
       idle.notify_all();
@@ -237,11 +263,7 @@ struct ThreadPool::Implementation
       thread.join();
   }
 
-  struct Timer
-  {
-    Task task;
-    std::string caller;
-  };
+  std::size_t queued() const { return urgent.size() + usual.size(); }
 
   Limits limits;                // `maximum` guarded by mutex, the rest constant
   std::mutex mutex;             // guards the members down to closed
@@ -249,14 +271,16 @@ struct ThreadPool::Implementation
   std::condition_variable idle;
   std::list<std::thread> threads;
   std::list<std::thread> departed; // surplus threads that have left, to be joined
-  std::size_t queued = 0;
+  std::deque<Posted> urgent;       // each of these two waits for a turn of the context, which takes the next there is
+  std::deque<Posted> usual;
+  int urgentInARow = 0;
   std::size_t running = 0;
   std::uint64_t progress = 0;                                   // tasks begun and ended
   std::size_t mostRunning = 0;                                  // since periodBegan
   std::size_t enough = std::numeric_limits<std::size_t>::max(); // threads, by the last whole period
   Clock::time_point periodBegan = Clock::now();
   bool watching = false; // the supervisor looks, or is on its way to
-  std::multimap<Clock::time_point, Timer> timers;
+  std::multimap<Clock::time_point, Posted> timers;
   std::string growthError; // to be logged
   bool closed = false;
   std::thread supervisor;
@@ -281,13 +305,19 @@ ThreadPool::~ThreadPool()
 
 void ThreadPool::post(Task task)
 {
-  if (!_implementation->post(task, currentCaller(), false))
+  if (!_implementation->post(task, currentCaller(), Implementation::Kind::Usual))
     process()->post(std::move(task));
+}
+
+void ThreadPool::postUrgent(Task task)
+{
+  if (!_implementation->post(task, currentCaller(), Implementation::Kind::Urgent))
+    process()->postUrgent(std::move(task));
 }
 
 void ThreadPool::postCall(Task task)
 {
-  if (!_implementation->post(task, currentCaller(), true))
+  if (!_implementation->post(task, currentCaller(), Implementation::Kind::Call))
     process()->postCall(std::move(task));
 }
 
@@ -298,7 +328,7 @@ void ThreadPool::close() { _implementation->close(); }
 void ThreadPool::waitUntilIdle()
 {
   std::unique_lock lock(_implementation->mutex);
-  _implementation->idle.wait(lock, [this] { return _implementation->queued + _implementation->running == 0; });
+  _implementation->idle.wait(lock, [this] { return _implementation->queued() + _implementation->running == 0; });
 }
 
 bool ThreadPool::runsThisThread() const { return poolOfThisThread == _implementation.get(); }

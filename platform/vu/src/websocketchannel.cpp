@@ -1,8 +1,11 @@
 #include "websocketchannel.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <deque>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -66,13 +69,14 @@ namespace
 
 /// The host sends nothing larger: its own queue is not.
 constexpr std::size_t maximumMessage = 64 << 20;
+constexpr std::size_t mostOutgoing = 10000;
 
 class Channel final : public WebSocketChannel
 {
 public:
   Channel(const ConnectionOptions& options, HostAddress address, Handlers handlers)
-      : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _tls(makeContext()), _resolver(_io),
-        _webSocket(_io, _tls ? &*_tls : nullptr), _timer(_io)
+      : _options(options), _address(std::move(address)), _handlers(std::move(handlers)), _tls(makeContext()),
+        _fingerprint(readFingerprint()), _resolver(_io), _webSocket(_io, _tls), _timer(_io)
   {
   }
 
@@ -101,17 +105,25 @@ public:
     opened.get();
   }
 
-  void send(std::string text) override
+  bool send(std::string text) override
   {
+    const auto bytes = text.size();
+    if (const auto before = _outgoingBytes.fetch_add(bytes);
+        _outgoingMessages++ >= mostOutgoing || (before != 0 && before + bytes > _options.outgoingBytes))
+    {
+      left(bytes);
+      return false;
+    }
     asio::post(_io,
                [this, text = std::move(text)]() mutable
                {
                  if (_state != State::Open)
-                   return;
+                   return left(text.size());
                  _outgoing.push_back(std::move(text));
                  if (_outgoing.size() == 1)
                    write();
                });
+    return true;
   }
 
   void close() override
@@ -145,12 +157,22 @@ private:
     Ended
   };
 
+  void left(std::size_t bytes)
+  {
+    --_outgoingMessages;
+    _outgoingBytes -= bytes;
+  }
+
   void secure()
   {
     _webSocket.next_layer().setNoDelay();
     if (!_tls)
       return greet();
-    _webSocket.next_layer().handshakeWith(_address.host, [this](error_code error) { error ? fail(error.message()) : greet(); });
+    const auto done = [this](error_code error) { error ? fail(error.message()) : greet(); };
+    if (_fingerprint)
+      _webSocket.next_layer().handshakeWith(_address.host, *_fingerprint, done);
+    else
+      _webSocket.next_layer().handshakeWith(_address.host, done);
   }
 
   void greet()
@@ -201,6 +223,7 @@ private:
                              // The read fails as well, and tells.
                              if (error)
                                return closeSocket();
+                             left(_outgoing.front().size());
                              _outgoing.pop_front();
                              if (!_outgoing.empty())
                                write();
@@ -248,30 +271,51 @@ private:
     _io.stop(); // a timer of the WebSocket may still be waiting
   }
 
+  [[noreturn]] static void refuseFile(const std::string& what, const std::string& file, const std::string& reason)
+  {
+    throw ServiceError("session", "", "the " + what + " " + file + " cannot be read: " + reason, ServiceError::Kind::ConnectionLost);
+  }
+
   /// None without TLS.
-  std::optional<asio::ssl::context> makeContext() const
+  network::Stream::Context makeContext() const
   {
     if (!_address.secure)
-      return std::nullopt;
-    asio::ssl::context context(asio::ssl::context::tls_client);
-    context.set_verify_mode(asio::ssl::verify_peer);
+      return nullptr;
+    auto context = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_client);
+    ::SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
+    context->set_verify_mode(asio::ssl::verify_peer);
     error_code error;
-    if (_options.certificateAuthority.empty())
-      context.set_default_verify_paths(error);
-    else
-      context.load_verify_file(_options.certificateAuthority, error);
-    if (error)
-      throw ServiceError("session", "",
-                         "the certificate authority " + _options.certificateAuthority + " cannot be read: " + error.message(),
-                         ServiceError::Kind::ConnectionLost);
+    context->set_default_verify_paths(error); // a system without any has none that could be trusted
+    if (const auto& file = _options.certificateAuthority; !file.empty())
+      if (context->load_verify_file(file, error); error)
+        refuseFile("certificate authority", file, error.message());
     return context;
   }
 
+  std::optional<network::Fingerprint> readFingerprint() const
+  {
+    const auto& name = _options.hostCertificate;
+    if (!_address.secure || name.empty())
+      return std::nullopt;
+    std::ifstream file(name);
+    try
+    {
+      return network::fingerprintOf({std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()});
+    }
+    catch (const std::invalid_argument& error)
+    {
+      refuseFile("host's certificate", name, error.what());
+    }
+  }
+
+  std::atomic<std::size_t> _outgoingMessages = 0;
+  std::atomic<std::size_t> _outgoingBytes = 0;
   // The thread of the channel alone touches what follows, once it runs.
   const ConnectionOptions _options;
   const HostAddress _address;
   const Handlers _handlers;
-  std::optional<asio::ssl::context> _tls; // which the stream refers to
+  const network::Stream::Context _tls;
+  const std::optional<network::Fingerprint> _fingerprint;
   asio::io_context _io{1};
   asio::ip::tcp::resolver _resolver;
   websocket::stream<network::Stream, false> _webSocket; // without compression

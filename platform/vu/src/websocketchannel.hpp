@@ -33,7 +33,8 @@ public:
   WebSocketChannel& operator=(const WebSocketChannel&) = delete;
 
   /// Sent in the order of the calls; dropped when the connection has ended.
-  virtual void send(std::string text) = 0;
+  /// False, and it is not sent, when too much waits to be sent already.
+  virtual bool send(std::string text) = 0;
 
   /// Says goodbye, as long as a second allows, and joins the thread: no
   /// handler runs afterwards. Not to be called by a handler.

@@ -41,3 +41,25 @@ TEST(RemoteSession, HostThatSaysNothingIsPingedAndThenCountsAsLost)
   EXPECT_EQ(error.module() + "." + error.method(), "Arm.bend");
   EXPECT_FALSE(session.isConnected());
 }
+
+TEST(RemoteSession, CallsThatCannotBeSentAreRefusedBeforeTheyTakeAllMemory)
+{
+  TestSupport::Event release;
+  const StandInHost host(
+      [&](const std::string&, const vu::Value&)
+      {
+        release.wait(); // and reads nothing more meanwhile
+        return 1;
+      });
+  vu::RemoteSession::Options options{host.url(), "token", TestSupport::patience, {}};
+  options.outgoingBytes = 1 << 20;
+  vu::RemoteSession session(options);
+  const auto large = vu::Value::array({std::string(1 << 20, 'x')});
+  std::vector<vu::Future<vu::Value>> calls;
+  for (int i = 0; i < 16; ++i) // of which the system keeps some
+    calls.push_back(session.call("Arm.bend", large));
+  ASSERT_TRUE(calls.back().isFinished());
+  EXPECT_EQ(TestSupport::serviceErrorOf([&] { calls.back().value(); }).kind(), vu::ServiceError::Kind::Overloaded);
+  release.set();
+  EXPECT_EQ(calls.front().value(), 1);
+}

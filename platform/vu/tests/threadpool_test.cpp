@@ -44,6 +44,46 @@ TEST(ThreadPool, GrowsWhenAllThreadsAreBlockedAndShrinksUnderASteadyLoadAndNone)
   EXPECT_TRUE(TestSupport::eventually([&] { return pool.threadCount() == 2; })) << "and without any load";
 }
 
+TEST(ThreadPool, UrgentTasksGoAheadButNotForEver)
+{
+  ThreadPool pool({1, 1, 4096, 1s});
+  std::latch begun(1);
+  std::latch release(1);
+  pool.post(
+      [&]
+      {
+        begun.count_down();
+        release.wait();
+      });
+  begun.wait();
+  std::string order;
+  for (int i = 0; i < 3; ++i)
+    pool.post([&order] { order += 'u'; });
+  for (int i = 0; i < 40; ++i)
+    pool.postUrgent([&order] { order += '!'; });
+  release.count_down();
+  pool.waitUntilIdle();
+  EXPECT_EQ(order, std::string(16, '!') + 'u' + std::string(16, '!') + 'u' + std::string(8, '!') + 'u');
+}
+
+TEST(Line, ThatGrowsTooLongIsToldOnceAndCountedUntilItIsShort)
+{
+  const auto pool = std::make_shared<ThreadPool>();
+  const auto line = vu::Line::create(pool, "parcels for Arm");
+  const vu::log::Capture log;
+  const auto told = [&log] { return log.count(vu::log::Level::Warning, "10000 parcels for Arm wait"); };
+  std::latch release(1);
+  line->push([&] { release.wait(); });
+  for (std::size_t i = 0; i < vu::Line::tooMany + 500; ++i)
+    line->push([] {});
+  EXPECT_TRUE(TestSupport::eventually([&] { return told() == 1; }));
+  EXPECT_GE(vu::Line::tooLong()["parcels for Arm"], vu::Line::tooMany);
+  release.count_down();
+  pool->waitUntilIdle();
+  EXPECT_TRUE(vu::Line::tooLong().empty());
+  EXPECT_EQ(told(), 1u);
+}
+
 TEST(ThreadPool, TimersRunWhileAllThreadsAreBlocked)
 {
   ThreadPool pool({1, 4, 16, 1s});
@@ -138,7 +178,7 @@ TEST(ThreadPool, TaskThatThrowsIsLoggedAndTheNextOneRuns)
 TEST(Caller, IsInheritedByWhateverIsPostedAndEndsWithItsScope)
 {
   const auto pool = std::make_shared<ThreadPool>(ThreadPool::Limits{1, 1, 16, 1s});
-  const auto line = vu::Line::create(pool);
+  const auto line = vu::Line::create(pool, "parcels");
   const vu::Promise<void> promise(pool);
   std::map<std::string, std::string> seen; // touched by the pool's only thread, then after it
   const auto note = [&](const std::string& what) { seen[what] = vu::currentCaller(); };
@@ -167,7 +207,7 @@ TEST(Line, KeepsTheOrderOfEachOfManyThreadsAndRunsOneTaskAtATime)
 {
   constexpr int threads = 4, perThread = 500;
   const auto pool = std::make_shared<ThreadPool>(ThreadPool::Limits{4, 16, 16, 1s});
-  auto line = vu::Line::create(pool);
+  auto line = vu::Line::create(pool, "parcels");
   std::vector<std::vector<int>> seen(threads); // touched by the line alone
   std::atomic<int> inside{0}, overlaps{0};
   std::vector<std::jthread> pushers;

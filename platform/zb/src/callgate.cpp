@@ -26,21 +26,25 @@ Rights everyRight()
   return [](const Call&, vu::Role) { return std::nullopt; };
 }
 
+vu::ServiceError tooManyCalls(const std::string& service, const std::string& method, const ConnectionCalls& calls)
+{
+  return {service, method, "this connection has " + std::to_string(calls.limits().open) + " calls open already: wait for an answer",
+          Kind::Overloaded};
+}
+
 /// What a call holds from its beginning to its end.
 class CallGate::Passage
 {
 public:
-  Passage(std::shared_ptr<CallWatch> watch, std::shared_ptr<CallBound> bound) : _watch(std::move(watch)), _bound(std::move(bound)) {}
+  Passage(std::shared_ptr<CallWatch> watch, std::shared_ptr<ConnectionCalls> calls) : _watch(std::move(watch)), _calls(std::move(calls)) {}
 
   void takePlace(const Call& call)
   {
-    if (!_bound)
+    if (!_calls)
       return;
+    if (!_calls->enter())
+      throw tooManyCalls(call.service, call.method, *_calls);
     _counted = true;
-    if (_bound->open++ >= _bound->maximum)
-      throw vu::ServiceError(call.service, call.method,
-                             "this connection has " + std::to_string(_bound->maximum) + " calls open already: wait for an answer",
-                             Kind::Overloaded);
   }
 
   void underWay() const
@@ -52,7 +56,7 @@ public:
   void end(const std::exception_ptr& failure) const
   {
     if (_counted)
-      --_bound->open;
+      _calls->leave();
     if (_watch)
       _watch->ended(failure);
   }
@@ -61,7 +65,7 @@ public:
 
 private:
   const std::shared_ptr<CallWatch> _watch;
-  const std::shared_ptr<CallBound> _bound;
+  const std::shared_ptr<ConnectionCalls> _calls;
   bool _counted = false;
 };
 
@@ -75,7 +79,7 @@ template <typename Make> auto CallGate::pass(const Call& call, const Caller& cal
 {
   const auto object = _session->find(call.service);
   const auto least = object ? object->leastRole(call.method) : vu::leastRoleByName(call.method);
-  Passage passage(_observer ? _observer(call, caller, least) : nullptr, caller.bound);
+  Passage passage(_observer ? _observer(call, caller, least) : nullptr, caller.calls);
   try
   {
     passage.takePlace(call);
@@ -110,6 +114,41 @@ vu::Future<vu::Value> CallGate::post(Call call, const Caller& caller, std::funct
                     });
                 return answer.future();
               });
+}
+
+void CallGate::line(Call& call, const Caller& caller, std::size_t bytes, std::function<void(const vu::Future<vu::Value>& end)> done) const
+{
+  pass(call, caller,
+       [&](vu::LocalObject& object, const Passage& passage)
+       {
+         const auto finish = [passage, done = std::move(done)](const vu::Future<vu::Value>& end)
+         {
+           passage.end(end.exception());
+           done(end);
+         };
+         const auto refuse = [finish, service = call.service, method = call.method](const std::exception_ptr& reason)
+         {
+           try
+           {
+             std::rethrow_exception(reason);
+           }
+           catch (const vu::ServiceError& error) // which does not know of whom it is
+           {
+             finish(vu::makeFailedFuture<vu::Value>(
+                 std::make_exception_ptr(vu::ServiceError(service, method, error.description(), error.kind()))));
+           }
+         };
+         const auto urgent = object.isUrgent(call.method);
+         auto carryOut = [object = object.shared_from_this(), caller = caller.name, call = std::move(call), finish]
+         {
+           const vu::CallerScope scope(caller);
+           const auto result = object->call(call.method, call.arguments);
+           // What is there already is told on this thread: it costs less than
+           // another turn on the pool, and counts among the connection's own.
+           result.isFinished() ? finish(result) : result.then(finish);
+         };
+         caller.calls->push(object.pool(), {std::move(carryOut), refuse, bytes}, urgent);
+       });
 }
 
 vu::Value CallGate::begin(const Call& call, const Caller& caller) const

@@ -49,6 +49,13 @@ void ZBModuleCore::setAccess(vu::Role least)
   _method->access = least;
 }
 
+void ZBModuleCore::setUrgent()
+{
+  if (!_method)
+    throw std::logic_error("the urgency of " + _name + " belongs to no method");
+  _method->urgent = true;
+}
+
 vu::MethodDescription ZBModuleCore::takeMethod()
 {
   if (!_method)

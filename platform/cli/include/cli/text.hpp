@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,13 +18,17 @@ vu::Value argumentFromText(const std::string& text);
 
 /// Columns as wide as their widest cell, two spaces apart, no space at the end
 /// of a line; a newline after every row. The first row is the heading.
-std::string formatTable(const std::vector<std::vector<std::string>>& rows);
+std::string formatTable(std::vector<std::vector<std::string>> rows);
 
 /// The texts with ", " between them.
 std::string joined(const std::vector<std::string>& texts);
 
 /// In its two largest units: "0.2 s", "45.0 s", "2 min 5 s", "1 h 2 min", "3 d 4 h".
 std::string formatDuration(std::chrono::milliseconds duration);
+
+/// "45s", "10m", "12h" or "30d"; none when the text is none of these, or means
+/// no time at all.
+std::optional<std::chrono::seconds> parseDuration(const std::string& text);
 
 /// In one line: line ends and other control characters become spaces.
 std::string singleLine(const std::string& text);

@@ -21,19 +21,27 @@ namespace Tarvik
 struct GatewayLimits
 {
   std::size_t connections = 1024;
-  std::size_t connectionsPerPeer = 512; ///< from one address
+  std::size_t connectionsPerPeer = 512;  ///< from one address
+  std::size_t connectionsPerToken = 256; ///< that one token has let in
+  /// Of those in all and from one address, a quarter at most, kept for admins.
+  std::size_t connectionsForAdmins = 16;
+  /// That have not shown a token, and count among no others.
+  std::size_t connectionsWithoutToken = 128;
   std::size_t headerBytes = 16 << 10;
-  std::size_t messageBytes = 4 << 20;      ///< of a request's body or a WebSocket message
-  std::size_t uploadBytes = 256 << 20;     ///< of a file sent to "POST /packages"
-  std::size_t openCalls = 1000;            ///< per connection
-  std::size_t links = 1000;                ///< signals and subscriptions per WebSocket
-  std::size_t queuedMessages = 10000;      ///< that wait to be sent to one WebSocket
-  std::size_t queuedBytes = 64 << 20;      ///< the same in bytes
-  std::chrono::milliseconds header{10000}; ///< for a request's header to come whole
-  std::chrono::milliseconds body{30000};   ///< for its body, or the next 128 KiB of a file
-  std::chrono::milliseconds idle{60000};   ///< between two requests, and without a sign of life of a WebSocket
-  std::chrono::milliseconds send{30000};   ///< for an answer over HTTP to be taken
-  std::chrono::milliseconds close{2000};   ///< for a goodbye
+  std::size_t messageBytes = 4 << 20;       ///< of a request's body or a WebSocket message
+  std::size_t uploadBytes = 256 << 20;      ///< of a file sent to "POST /packages"
+  std::size_t openCalls = 1000;             ///< per connection
+  std::size_t runningCalls = 8;             ///< per connection, that occupy or wait for a thread
+  std::size_t unsentBytes = 8 << 20;        ///< of answers, before no further call of the connection begins
+  std::size_t unsentBytesInAll = 256 << 20; ///< of answers, signals and events of all connections
+  std::size_t links = 1000;                 ///< signals and subscriptions per WebSocket
+  std::size_t queuedMessages = 10000;       ///< that wait to be sent to one WebSocket
+  std::size_t queuedBytes = 64 << 20;       ///< the same in bytes
+  std::chrono::milliseconds header{10000};  ///< for a request's header to come whole
+  std::chrono::milliseconds body{30000};    ///< for its body, or the next 128 KiB of a file
+  std::chrono::milliseconds idle{60000};    ///< between two requests, and without a sign of life of a WebSocket
+  std::chrono::milliseconds send{30000};    ///< for an answer over HTTP to be taken
+  std::chrono::milliseconds close{2000};    ///< for a goodbye
 };
 
 /// The door of a broker: JSON-RPC over HTTP and WebSocket, the modules' pages
@@ -52,6 +60,9 @@ public:
     std::shared_ptr<Access> access = std::make_shared<Access>();
     std::string tlsCertificate; ///< PEM file with the chain; empty: no TLS
     std::string tlsKey;         ///< PEM file
+    /// Told the certificate that is served from now on, as PEM text: by
+    /// listen(), and later on the broker's pool, when its file has changed.
+    std::function<void(const std::string& pem)> certificateTaken;
     /// Allows to listen without TLS where others can listen in.
     bool insecure = false;
     GatewayLimits limits;
@@ -75,7 +86,8 @@ public:
   Gateway& operator=(const Gateway&) = delete;
 
   /// Takes the port and tells the address, "http://127.0.0.1:7110", which for
-  /// a listener on every address is this machine's own. Clients
+  /// a listener on every address is this machine's own, and with TLS has a name
+  /// that the certificate is good for, where there is one. Clients
   /// may connect from then on and wait for start(). Throws std::runtime_error
   /// that names the address, or the file, and the reason.
   std::string listen();

@@ -1,8 +1,8 @@
 // The list of behaviors, by package.
 
-import { arrange, byId, clock, element, setAttribute, setText, shownName, timeOfDay } from "./dom.js";
+import { arrange, byId, clock, element, setAttribute, setText, shownName, timeOfDay, visible } from "./dom.js";
 import { outcomes, reason } from "./history.js";
-import { removeButton } from "./packages.js";
+import { mayText, removeButton } from "./packages.js";
 
 const stateGlyphs = { installed: "○", loaded: "◐", running: "●" };
 
@@ -72,16 +72,18 @@ export class BehaviorList {
   #group(each, shown) {
     let group = this.#groups.get(each.uuid);
     if (!group) {
-      const parts = { title: element("span", { class: "title" }), about: element("span", { class: "muted" }), remove: element("span"), description: element("p", { class: "muted" }), list: element("ul") };
+      const parts = { title: element("span", { class: "title" }), about: element("span", { class: "muted" }), remove: element("span"), description: element("p", { class: "muted" }), rights: element("p", { class: "muted rights" }), list: element("ul") };
       const node = element("section", { class: "package" },
         element("div", { class: "bar" }, element("h3", {}, parts.title, " ", parts.about), element("span", { class: "space" }), parts.remove),
-        parts.description, parts.list);
+        parts.description, parts.rights, parts.list);
       group = { ...parts, node };
       this.#groups.set(each.uuid, group);
     }
     setText(group.title, each.title || each.uuid);
     setText(group.about, [each.title && each.title !== each.uuid ? each.uuid : "", each.version, each.installer === "system" ? "system" : ""].filter(Boolean).join(" · "));
     setText(group.description, each.behaviors.length ? each.description : "This package has no behaviors.");
+    setText(group.rights, mayText(each.may));
+    group.rights.hidden = !each.may.length;
     if (group.record !== JSON.stringify(each)) {
       group.record = JSON.stringify(each);
       group.remove.replaceChildren(...(this.host.mayInstall && each.installer !== "system" ? [removeButton(this.host, each)] : []));
@@ -100,7 +102,7 @@ export class BehaviorList {
     setText(row.glyph, stateGlyphs[state]);
     setText(row.state, state);
     setText(row.nature, behavior.nature);
-    if (row.tags.textContent !== behavior.tags.join("")) row.tags.replaceChildren(...behavior.tags.map((tag) => element("span", { class: "tag" }, tag)));
+    if (row.tags.textContent !== visible(behavior.tags.join(""))) row.tags.replaceChildren(...behavior.tags.map((tag) => element("span", { class: "tag" }, tag)));
     const last = history.latest(name);
     const over = last && last.outcome !== "running" && state !== "running";
     setText(row.last, over ? `${outcomes[last.outcome]?.glyph ?? ""} ${last.outcome === "finished" ? "ended" : `${reason(last)},`} ${timeOfDay(last.end ?? last.begin)}` : "");

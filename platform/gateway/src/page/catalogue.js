@@ -88,10 +88,10 @@ export class Catalogue extends EventTarget {
   }
 }
 
-function packageFrom({ uuid, version, installer, names, descriptions, behaviors }) {
+function packageFrom({ uuid, version, installer, names, descriptions, behaviors, may = [] }) {
   const inEnglish = (texts) => texts?.en_US ?? texts?.en ?? Object.values(texts ?? {})[0] ?? "";
   return {
-    uuid, version, installer,
+    uuid, version, installer, may,
     title: inEnglish(names),
     description: inEnglish(descriptions),
     behaviors: behaviors.map(({ path, nature, tags }) => ({

@@ -2,11 +2,17 @@
 
 const svgTags = new Set(["svg", "g", "rect", "line", "path", "text", "title"]);
 
+const steering = /[\u0000-\u0008\u000b-\u001f\u007f-\u009f\u2028-\u202e\u2066-\u2069]/g;
+
+/** Control characters and what turns the reading direction, written out: a name looks like what it is. */
+export const visible = (text) => String(text).replace(steering, (character) => `\\u${character.charCodeAt(0).toString(16).padStart(4, "0")}`);
+
 /** Makes an element. Functions become listeners, false and undefined leave an attribute out. */
 export function element(tag, attributes = {}, ...children) {
   const made = svgTags.has(tag) ? document.createElementNS("http://www.w3.org/2000/svg", tag) : document.createElement(tag);
   for (const [name, value] of Object.entries(attributes)) setAttribute(made, name, value);
-  made.append(...children.filter((child) => child !== null && child !== undefined && child !== false));
+  const shown = children.filter((child) => child !== null && child !== undefined && child !== false);
+  made.append(...shown.map((child) => (child instanceof Node ? child : visible(child))));
   return made;
 }
 
@@ -14,11 +20,15 @@ export function element(tag, attributes = {}, ...children) {
 export function setAttribute(node, name, value) {
   if (typeof value === "function") node.addEventListener(name, value);
   else if (value === false || value === undefined || value === null) node.removeAttribute(name);
-  else if (node.getAttribute(name) !== String(value)) node.setAttribute(name, value === true ? "" : value);
+  else {
+    const text = value === true ? "" : name === "title" || name === "aria-label" ? visible(value) : String(value);
+    if (node.getAttribute(name) !== text) node.setAttribute(name, text);
+  }
 }
 
 export function setText(node, text) {
-  if (node.textContent !== text) node.textContent = text;
+  const shown = visible(text);
+  if (node.textContent !== shown) node.textContent = shown;
 }
 
 export const byId = (id) => document.getElementById(id);

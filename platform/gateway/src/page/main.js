@@ -7,6 +7,7 @@ import { History } from "./history.js";
 import { Log } from "./log.js";
 import { offerInstallation } from "./packages.js";
 import { Connection, ConnectionLost } from "./rpc.js";
+import { secret } from "./session.js";
 import { TimeLine } from "./timeline.js";
 
 const address = new URL("rpc", location.href);
@@ -73,6 +74,7 @@ function showIdentity(identity) {
   takeBackInstallation = host.mayInstall ? offerInstallation(host) : () => {};
 }
 
+const enter = element("a", { href: "/?enter" }, "enter a token");
 const again = element("button", { type: "button", click: () => connection.retry() }, "Try now");
 
 function showNotice(text, ...more) {
@@ -88,7 +90,7 @@ connection.addEventListener("phase", () => {
     showNotice("");
     wasConnected = true;
   } else if (phase === "refused")
-    showNotice("The host does not know this page's token (any more): it writes a fresh one whenever it starts, and tokens can be removed. Run “tarvik open” on the host and open the address it prints.");
+    showNotice(`${secret ? "This tab's session is over: it ends after 12 hours, with its token and with the host." : "This tab has no session: each begins its own."} Run “tarvik open” on the host and open the address it prints here, or `, enter);
   else if (phase === "waiting") {
     showNotice(`The connection to the host is lost${reason ? `: ${reason}` : ""}. What you see is what was last known. `, again);
     if (wasConnected) log.add("page", "connection lost", reason);

@@ -1,6 +1,7 @@
 // Installing packages, from a file that is chosen or dropped, and removing them.
 
 import { byId, element, setText } from "./dom.js";
+import { bearer } from "./session.js";
 
 /** Makes the page take packages; gives what takes that back. */
 export function offerInstallation(host) {
@@ -42,12 +43,12 @@ async function install(host, files) {
     byId("upload").append(line);
     setText(text, `Sending ${file.name}…`);
     try {
-      const uuid = await send(file, (share) => {
+      const answer = await send(file, (share) => {
         progress.value = share;
         if (share === 1) setText(text, `Installing ${file.name}…`);
       });
-      setText(text, `Installed the package ${uuid}.`);
-      setTimeout(() => line.remove(), 8000);
+      setText(text, installedText(answer));
+      if (!answer.faults?.length) setTimeout(() => line.remove(), 8000);
     } catch (error) {
       line.classList.add("error");
       setText(text, `${file.name} is not installed: ${error.message}`);
@@ -58,6 +59,18 @@ async function install(host, files) {
   }
 }
 
+/** What an admin should know of a package: what it may call that not every behavior may. */
+export function mayText(may) {
+  if (!may.length) return "";
+  return may.includes("*") ? "May call everything." : `May call ${may.join(", ")}.`;
+}
+
+function installedText({ uuid, replaced, stopped = [], may = [], faults = [] }) {
+  const former = replaced === null || replaced === undefined ? "" : ` in the place of ${replaced ? `its version ${replaced}` : "the former one"}`;
+  return [`Installed the package ${uuid}${former}.`, stopped.length ? `This stopped ${stopped.join(", ")}.` : "", mayText(may),
+    ...faults.map(({ file, line, text }) => `${file}:${line}: ${text}.`)].filter(Boolean).join(" ");
+}
+
 /** A request of its own, since a page learns how far a fetch has come only on its way back. */
 function send(file, tell) {
   return new Promise((resolve, reject) => {
@@ -65,10 +78,11 @@ function send(file, tell) {
     request.upload.onprogress = ({ loaded, total }) => tell(total ? loaded / total : 1);
     request.onload = () => {
       if (request.status !== 201) return reject(new Error(request.responseText.trim() || `the host answers ${request.status}`));
-      resolve(JSON.parse(request.responseText).uuid);
+      resolve(JSON.parse(request.responseText));
     };
     request.onerror = () => reject(new Error("it could not be sent. Is it a zip archive that can be read, and not too large for this host?"));
     request.open("POST", "packages");
+    request.setRequestHeader("Authorization", bearer);
     request.setRequestHeader("Content-Type", "application/zip");
     request.send(file);
   });

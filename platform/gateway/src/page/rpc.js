@@ -1,5 +1,7 @@
 // The connection to the host: JSON-RPC over a WebSocket that comes back by itself.
 
+import { bearer, secret } from "./session.js";
+
 const longestDelay = 10_000;
 const heartbeat = 20_000;
 const patience = 10_000;
@@ -10,7 +12,7 @@ export class ConnectionLost extends Error {}
 /**
  * Emits "open" for each new connection, of which nothing is known yet, and
  * "phase" when `phase` changes: "connecting", "connected", "waiting" (for the
- * next attempt) or "refused" (the token does not let in).
+ * next attempt) or "refused" (this tab is not let in).
  * All open calls fail when a connection ends, so no answer outlives it.
  */
 export class Connection extends EventTarget {
@@ -36,8 +38,9 @@ export class Connection extends EventTarget {
   /** Connects now, unless that is under way. */
   retry() {
     if (this.#socket) return;
+    if (!secret) return this.#enter("refused");
     clearTimeout(this.#timer);
-    const socket = new WebSocket(this.#url);
+    const socket = new WebSocket(this.#url, ["tarvik", `tarvik.bearer.${secret}`]);
     this.#socket = socket;
     this.#timer = setTimeout(() => this.#lose(socket, "the host does not answer"), patience);
     socket.onopen = () => {
@@ -109,7 +112,7 @@ export class Connection extends EventTarget {
     }
     for (const call of calls) call.reject(new ConnectionLost("the connection to the host was lost: whether it did this is not known"));
     // A refused handshake looks to a page like any other failure: a plain request tells.
-    const refused = await fetch(location.pathname, { cache: "no-store", signal: AbortSignal.timeout(patience / 2) })
+    const refused = await fetch(location.pathname, { cache: "no-store", headers: { Authorization: bearer }, signal: AbortSignal.timeout(patience / 2) })
       .then(({ status }) => status === 401, () => false);
     const delay = refused ? longestDelay : Math.min(longestDelay, 500 * 2 ** this.#failures++) * (0.8 + 0.4 * Math.random());
     this.#socket = null;

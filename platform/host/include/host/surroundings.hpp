@@ -5,8 +5,9 @@ namespace Tarvik
 
 /// Makes a process independent of who has started it and how, before it has
 /// threads and opens files: a reader that goes away does not end it, no file
-/// takes the place of a closed standard stream, which would be written to, and
-/// as many files can be open as the system allows. Programs that it starts get
+/// takes the place of a closed standard stream, which would be written to, as
+/// many files can be open as the system allows, and files that it makes are for
+/// its user alone. Programs that it starts get
 /// what it was started with.
 void prepareProcess();
 

@@ -12,6 +12,7 @@
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -182,17 +183,20 @@ private:
 
 } // namespace ZB::FrameManager
 
-/// tarvik-guard GRACE FILES DIRECTORY PROGRAM [ARGUMENT...], with the socket of guardprotocol.hpp.
+/// tarvik-guard GRACE UMASK FILES DIRECTORY PROGRAM [ARGUMENT...], with the
+/// socket of guardprotocol.hpp. A negative umask stays as it is.
 int main(int argc, char** argv)
 {
-  if (argc < 5)
+  if (argc < 6)
   {
     std::fputs("tarvik-guard belongs to the frame manager, which runs programs with it\n", stderr);
     return 2;
   }
+  if (const int mask = std::atoi(argv[2]); mask >= 0)
+    ::umask(static_cast<mode_t>(mask));
   rlimit files{};
   ::getrlimit(RLIMIT_NOFILE, &files);
-  files.rlim_cur = std::strtoull(argv[2], nullptr, 10);
+  files.rlim_cur = std::strtoull(argv[3], nullptr, 10);
   ::setrlimit(RLIMIT_NOFILE, &files);
-  return ZB::FrameManager::Guard(std::chrono::milliseconds(std::atol(argv[1]))).run(argv[3], argv + 4);
+  return ZB::FrameManager::Guard(std::chrono::milliseconds(std::atol(argv[1]))).run(argv[4], argv + 5);
 }

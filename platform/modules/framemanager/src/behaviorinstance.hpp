@@ -7,6 +7,7 @@
 #include <string>
 
 #include <playedstep.hpp>
+#include <projectloader.hpp>
 #include <vu/future.hpp>
 
 namespace ZB::FrameManager
@@ -33,8 +34,8 @@ struct Ending
 class BehaviorInstance : public std::enable_shared_from_this<BehaviorInstance>
 {
 public:
-  BehaviorInstance(std::shared_ptr<const PlaySettings> settings, std::shared_ptr<const Project> project, std::string name, Strand strand,
-                   std::shared_ptr<vu::ThreadPool> continuations);
+  BehaviorInstance(std::shared_ptr<const PlaySettings> settings, std::shared_ptr<const LoadedBehavior> behavior, std::string name,
+                   Strand strand, std::shared_ptr<vu::ThreadPool> continuations);
 
   const std::string& name() const { return _name; }
 
@@ -50,6 +51,10 @@ public:
   /// as one likes; the first stop counts.
   void stop(Ending::Kind kind, const std::string& by = {});
 
+  /// Takes back what its programs were let in with; once it has ended, on a
+  /// thread that may block.
+  void endToken() const;
+
   /// How it ended; a stop is no failure, whatever came of it.
   vu::Future<Ending> ended() const { return _ended.future(); }
 
@@ -58,12 +63,13 @@ private:
   void xStop(Ending ending);
 
   const std::shared_ptr<const PlaySettings> _settings;
-  const std::shared_ptr<const Project> _project;
+  const std::shared_ptr<const LoadedBehavior> _behavior;
   const std::string _name;
   const Strand _strand;
   const vu::Promise<Ending> _ended;
   std::atomic<bool> _turnTaken = false;
-  // Used on the strand only.
+  // Used on the strand only, and after the end by nobody else.
+  std::shared_ptr<RunToken> _token;
   std::shared_ptr<PlayedStep> _root;
   std::optional<Ending> _stop;
 };

@@ -7,14 +7,16 @@
 namespace ZB::FrameManager
 {
 
-PlayedCalls::PlayedCalls(std::shared_ptr<const Play> play, const std::string& title, std::vector<CallStep> calls)
-    : PlayedStep(std::move(play), title), _calls(std::move(calls))
+PlayedCalls::PlayedCalls(std::shared_ptr<const Play> play, const std::string& title, const CallStep& step)
+    : PlayedStep(std::move(play), title), _gate(*this->play().settings->calls), _calls{step}
 {
 }
 
-std::vector<CallStep> PlayedCalls::ofEvent(const EventStep& step)
+PlayedCalls::PlayedCalls(std::shared_ptr<const Play> play, const std::string& title, const EventStep& step)
+    : PlayedStep(std::move(play), title),
+      _gate(*this->play().settings->eventCalls), _calls{{"ZBMemory", "declareEvent", vu::Value::array({step.key})},
+                                                        {"ZBMemory", "raiseEvent", vu::Value::array({step.key, step.value})}}
 {
-  return {{"ZBMemory", "declareEvent", vu::Value::array({step.key})}, {"ZBMemory", "raiseEvent", vu::Value::array({step.key, step.value})}};
 }
 
 void PlayedCalls::letGo()
@@ -33,12 +35,13 @@ void PlayedCalls::next()
   vu::Future<vu::Value> answer;
   try
   {
-    answer = play().settings->calls->post({call.service, call.method, call.arguments}, {play().caller, everyRight()},
-                                          [decided = _decided] { return !decided->exchange(true); });
+    answer =
+        _gate.post({call.service, call.method, call.arguments}, play().caller, [decided = _decided] { return !decided->exchange(true); });
   }
   catch (const vu::ServiceError& refusal)
   {
-    return fail(call.service + "." + call.method + ": " + refusal.description());
+    const bool notAllowed = refusal.kind() == vu::ServiceError::Kind::NotAllowed; // which names the call itself
+    return fail((notAllowed ? "" : call.service + "." + call.method + ": ") + refusal.description());
   }
   // The continuation runs on the broker's pool and may come when the step, the
   // behavior or the frame manager has gone; only the gate tells.

@@ -1,6 +1,5 @@
 #include <childprocess.hpp>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -101,8 +100,8 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
   ::posix_spawnattr_setsigdefault(&attributes.value, &all);
   ::posix_spawnattr_setflags(&attributes.value, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), std::to_string(vu::os::inheritedFileLimit()),
-                                     directory.string()};
+  std::vector<std::string> arguments{guard.filename().string(), std::to_string(grace.count()), std::to_string(vu::os::inheritedUmask()),
+                                     std::to_string(vu::os::inheritedFileLimit()), directory.string()};
   arguments.insert(arguments.end(), words.begin(), words.end());
 
   // Nothing here touches what the program lies on, which may be a file system
@@ -126,19 +125,6 @@ std::string cannotStart(const std::string& program, int error, const std::filesy
   std::error_code ignored;
   return "cannot start " + program + ": " + std::generic_category().message(error) +
          (std::filesystem::is_directory(directory, ignored) ? "" : " (the directory " + directory.string() + " has gone)");
-}
-
-std::vector<std::string> environmentWith(const std::vector<std::string>& values)
-{
-  auto result = values;
-  for (char** entry = environ; entry && *entry; ++entry)
-  {
-    const std::string text = *entry;
-    const auto name = text.substr(0, text.find('=') + 1);
-    if (std::none_of(values.begin(), values.end(), [&name](const auto& value) { return value.compare(0, name.size(), name) == 0; }))
-      result.push_back(text);
-  }
-  return result;
 }
 
 } // namespace ZB::FrameManager

@@ -36,8 +36,4 @@ ChildProcess startProcess(const std::filesystem::path& guard, std::chrono::milli
 /// Why a program could not be started in `directory`, for a person.
 std::string cannotStart(const std::string& program, int error, const std::filesystem::path& directory);
 
-/// This process's environment with `values` ("NAME=value") in the place of
-/// those of the same names.
-std::vector<std::string> environmentWith(const std::vector<std::string>& values);
-
 } // namespace ZB::FrameManager

@@ -15,8 +15,8 @@ class MakePlayed
 public:
   MakePlayed(const std::shared_ptr<const Play>& play, const std::string& title) : _play(play), _title(title) {}
 
-  std::shared_ptr<PlayedStep> operator()(const EventStep& action) const { return make<PlayedCalls>(PlayedCalls::ofEvent(action)); }
-  std::shared_ptr<PlayedStep> operator()(const CallStep& action) const { return make<PlayedCalls>(std::vector{action}); }
+  std::shared_ptr<PlayedStep> operator()(const EventStep& action) const { return make<PlayedCalls>(action); }
+  std::shared_ptr<PlayedStep> operator()(const CallStep& action) const { return make<PlayedCalls>(action); }
   std::shared_ptr<PlayedStep> operator()(const WaitStep& action) const { return make<PlayedWait>(action); }
   std::shared_ptr<PlayedStep> operator()(const ProgramStep& action) const { return make<PlayedProgram>(action); }
   std::shared_ptr<PlayedStep> operator()(const SequenceStep& action) const { return make<PlayedSequence>(action); }

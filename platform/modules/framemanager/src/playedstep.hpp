@@ -12,6 +12,7 @@
 #include <outputbudget.hpp>
 #include <packages/project.hpp>
 #include <playsettings.hpp>
+#include <runtoken.hpp>
 
 namespace ZB::FrameManager
 {
@@ -44,7 +45,8 @@ struct Play
   std::shared_ptr<const PlaySettings> settings;
   std::shared_ptr<const Project> project;
   std::string name;
-  std::string caller; ///< on whose behalf services are called
+  Caller caller; ///< its programs' token is this caller's, too
+  std::shared_ptr<RunToken> token;
   Strand strand;
   std::shared_ptr<OutputBudget> output;
   /// Why something of it lives on; empty where nothing does. Told even where

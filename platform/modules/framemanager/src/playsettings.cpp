@@ -6,7 +6,7 @@
 
 #include <dlfcn.h>
 
-#include <childprocess.hpp>
+#include <environment.hpp>
 
 namespace ZB::FrameManager
 {
@@ -42,6 +42,14 @@ const std::map<std::string, Duration>& durations()
   throw std::invalid_argument("the setting framemanager" + key + " must be " + wanted + ", not " + value.dump());
 }
 
+std::vector<std::string> readNames(const vu::Value& names)
+{
+  const auto good = [](const vu::Value& name) { return name.is_string() && namesVariables(name.get<std::string>()); };
+  if (!names.is_array() || !std::all_of(names.begin(), names.end(), good))
+    refuse(".environment", "an array of names of variables, such as [\"DISPLAY\", \"ROS_*\"], without those of TARVIK_", names);
+  return names.get<std::vector<std::string>>();
+}
+
 } // namespace
 
 std::chrono::milliseconds ClosingDeadline::shorten(std::chrono::milliseconds wanted) const
@@ -57,11 +65,6 @@ PlaySettings readSettings(const vu::Value& configuration)
 {
   PlaySettings settings;
   std::vector<std::string> variables;
-  if (configuration.contains("url"))
-    variables.push_back("TARVIK_URL=" + configuration.at("url").get<std::string>());
-  if (configuration.contains("tokenFile"))
-    variables.push_back("TARVIK_TOKEN_FILE=" + configuration.at("tokenFile").get<std::string>());
-  settings.environment = environmentWith(variables);
   const auto own = configuration.value("framemanager", vu::Value::object());
   if (!own.is_object())
     refuse("", "an object", own);
@@ -73,12 +76,19 @@ PlaySettings readSettings(const vu::Value& configuration)
         refuse("." + key, "a whole number from " + std::to_string(least) + " to " + std::to_string(greatest), value);
       settings.*member = std::chrono::milliseconds(value.get<int>());
     }
+    else if (key == "environment")
+      variables = readNames(value);
     else if (key != "guard")
       throw std::invalid_argument("there is no setting framemanager." + key);
     else if (!value.is_string() || !std::filesystem::path(value.get<std::string>()).is_absolute())
       refuse(".guard", "the absolute path of tarvik-guard", value);
     else
       settings.guard = value.get<std::string>();
+  settings.environment = inheritedEnvironment(variables);
+  if (configuration.contains("url"))
+    settings.environment.push_back("TARVIK_URL=" + configuration.at("url").get<std::string>());
+  if (configuration.contains("certificate"))
+    settings.environment.push_back("TARVIK_CERTIFICATE=" + configuration.at("certificate").get<std::string>());
   if (settings.guard.empty())
     settings.guard = findGuard();
   return settings;

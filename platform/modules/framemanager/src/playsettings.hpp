@@ -35,9 +35,13 @@ private:
 struct PlaySettings
 {
   std::shared_ptr<const CallGate> calls;
+  /// The same for `event` steps, which the log tells at debug level only.
+  std::shared_ptr<const CallGate> eventCalls;
+  /// Where the runs' tokens come from.
+  std::shared_ptr<vu::LocalSession> session;
   /// Lets late answers in; closed before the pool of the strands ends.
   std::shared_ptr<vu::Gate> gate;
-  /// Of the processes, as "NAME=value".
+  /// Of the processes, as "NAME=value"; each run adds its token's file.
   std::vector<std::string> environment;
   /// The executable that runs programs.
   std::filesystem::path guard;
@@ -49,7 +53,7 @@ struct PlaySettings
   const std::shared_ptr<std::atomic<std::uint64_t>> linesLeftOut = std::make_shared<std::atomic<std::uint64_t>>(0);
 };
 
-/// From a broker's configuration; leaves out calls and gate. Throws
+/// From a broker's configuration; leaves out calls, session and gate. Throws
 /// std::invalid_argument that names the setting.
 PlaySettings readSettings(const vu::Value& configuration);
 

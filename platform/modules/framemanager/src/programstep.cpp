@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
+#include <boost/asio/post.hpp>
+
 #include <childprocess.hpp>
 #include <descendants.hpp>
 #include <guardprotocol.hpp>
@@ -39,8 +41,44 @@ PlayedProgram::PlayedProgram(std::shared_ptr<const Play> play, const std::string
 
 void PlayedProgram::begin()
 {
+  play().token->file().then(
+      [gate = play().settings->gate, weak = weak_from_this()](const vu::Future<std::string>& file)
+      {
+        const auto pass = gate->enter();
+        if (!pass)
+          return;
+        if (auto self = std::static_pointer_cast<PlayedProgram>(weak.lock()))
+          boost::asio::post(self->play().strand,
+                            [self, file]
+                            {
+                              if (self->hasEnded())
+                                return;
+                              try
+                              {
+                                self->launch(file.value());
+                              }
+                              catch (...)
+                              {
+                                self->fail(vu::errorText(std::current_exception()));
+                              }
+                            });
+      });
+}
+
+void PlayedProgram::letGo()
+{
+  if (_guard == 0) // it waits for the token still
+    return end();
+  terminate();
+}
+
+void PlayedProgram::launch(const std::string& tokenFile)
+{
   const auto& settings = *play().settings;
-  auto child = startProcess(settings.guard, settings.terminateGrace, _step.words, play().project->directory, settings.environment);
+  auto environment = settings.environment;
+  if (!tokenFile.empty())
+    environment.push_back("TARVIK_TOKEN_FILE=" + tokenFile);
+  auto child = startProcess(settings.guard, settings.terminateGrace, _step.words, play().project->directory, environment);
   _guard = child.guard;
   try
   {

@@ -31,7 +31,9 @@ private:
   using Error = const boost::system::error_code&;
 
   void begin() override;
-  void letGo() override { terminate(); }
+  void letGo() override;
+  /// With the run's token, empty where there is none.
+  void launch(const std::string& tokenFile);
   std::shared_ptr<OutputReader> makeReader(FileDescriptor pipe, bool isError);
 
   void waitForReport();

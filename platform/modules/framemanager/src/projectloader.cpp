@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include <packages/manifest.hpp>
 #include <packages/projectreader.hpp>
 #include <vu/threadpool.hpp>
 
@@ -26,18 +27,24 @@ namespace
 
 struct Job
 {
-  std::shared_ptr<const packages::Project> project;
+  std::shared_ptr<const LoadedBehavior> behavior;
   std::exception_ptr error;
 };
+
+LoadedBehavior readBehavior(const std::string& packageDirectory, const std::string& projectFile)
+{
+  auto project = packages::readProject(packageDirectory, projectFile);
+  return {std::move(project), packages::readRights(packageDirectory)};
+}
 
 } // namespace
 
 ProjectLoader::ProjectLoader(std::chrono::milliseconds limit, Read read)
-    : _limit(limit), _read(read ? std::move(read) : packages::readProject), _state(std::make_shared<State>())
+    : _limit(limit), _read(read ? std::move(read) : readBehavior), _state(std::make_shared<State>())
 {
 }
 
-std::shared_ptr<const packages::Project> ProjectLoader::load(const std::string& packageDirectory, const std::string& projectFile)
+std::shared_ptr<const LoadedBehavior> ProjectLoader::load(const std::string& packageDirectory, const std::string& projectFile)
 {
   const auto deadline = std::chrono::steady_clock::now() + _limit;
   std::unique_lock lock(_state->mutex);
@@ -65,7 +72,7 @@ std::shared_ptr<const packages::Project> ProjectLoader::load(const std::string& 
         Job done;
         try
         {
-          done.project = std::make_shared<const packages::Project>(read(packageDirectory, projectFile));
+          done.behavior = std::make_shared<const LoadedBehavior>(read(packageDirectory, projectFile));
         }
         catch (...)
         {
@@ -77,11 +84,11 @@ std::shared_ptr<const packages::Project> ProjectLoader::load(const std::string& 
         state->changed.notify_all();
       });
   lock.lock();
-  await([&job] { return job->project || job->error; });
+  await([&job] { return job->behavior || job->error; });
   // The reader may hold the job a little longer, but nothing of what it read.
   if (const auto error = std::exchange(job->error, nullptr))
     std::rethrow_exception(error);
-  return std::exchange(job->project, nullptr);
+  return std::exchange(job->behavior, nullptr);
 }
 
 void ProjectLoader::close()

@@ -5,6 +5,7 @@
 
 #include <boost/asio/post.hpp>
 
+#include <zb/calllog.hpp>
 #include <zb/zbbroker.hpp>
 #include <zb/zberror.hpp>
 
@@ -51,7 +52,9 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
   try
   {
     auto settings = FrameManager::readSettings(broker.configuration());
-    settings.calls = std::make_shared<const CallGate>(broker.session());
+    settings.session = broker.session();
+    settings.calls = std::make_shared<const CallGate>(broker.session(), logCalls("framemanager"));
+    settings.eventCalls = std::make_shared<const CallGate>(broker.session(), logCalls("framemanager", vu::log::Level::Debug));
     settings.gate = std::move(gate);
     return std::make_shared<const PlaySettings>(std::move(settings));
   }
@@ -65,11 +68,12 @@ std::shared_ptr<const PlaySettings> makeSettings(const ZBBroker& broker, std::sh
 
 ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::string& name)
     : ZBModule(std::move(broker), name), _gate(std::make_shared<vu::Gate>()), _settings(makeSettings(*getParentBroker(), _gate)),
-      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool())), _pool(threads)
+      _loader(_settings->createTimeout), _lastEnds(vu::Line::create(getParentBroker()->pool(), "ends of behaviors")), _pool(threads)
 {
   setModuleDescription("Plays behaviors from their project files");
 
-  functionName("createBehavior", getName(), "Reads a project whole and makes an instance of it, ready to be played");
+  functionName("createBehavior", getName(),
+               "Reads a project whole, with the rights that its package asks for, and makes an instance of it, ready to be played");
   addParam("packageDirectory", "Absolute path of the package's directory");
   addParam("projectFile", "Path of the project file, relative to the package's directory and inside it");
   addParam("name", "Name of the behavior, for the log and the history");
@@ -95,6 +99,7 @@ ZBFrameManager::ZBFrameManager(std::shared_ptr<ZBBroker> broker, const std::stri
   functionName("deleteBehavior", getName(), "Stops an instance, ends its processes and lets go of it; returns when this is done");
   addParam("id", "Id of the instance");
   setAccess(vu::Role::Admin);
+  setUrgent();
   bindMethod(this, &ZBFrameManager::deleteBehavior);
 
   functionName("_beginClosing", getName(), "Stops all instances and refuses further ones, for a host that shuts down. INTERNAL");
@@ -165,17 +170,17 @@ void ZBFrameManager::refuseWhenClosing(const std::string& method) const
 
 std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, const std::string& projectFile, const std::string& name)
 {
-  std::shared_ptr<const packages::Project> project;
+  std::shared_ptr<const FrameManager::LoadedBehavior> behavior;
   try
   {
-    project = _loader.load(packageDirectory, projectFile);
+    behavior = _loader.load(packageDirectory, projectFile);
   }
   catch (const std::exception& error)
   {
     throw ZBError(getName(), "createBehavior", error.what());
   }
   const auto& continuations = getParentBroker()->pool();
-  auto instance = std::make_shared<BehaviorInstance>(_settings, std::move(project), name, _pool.makeStrand(), continuations);
+  auto instance = std::make_shared<BehaviorInstance>(_settings, std::move(behavior), name, _pool.makeStrand(), continuations);
   std::string id;
   {
     const std::lock_guard lock(_mutex);
@@ -272,6 +277,7 @@ void ZBFrameManager::conclude(const std::string& id, const Ending& ending)
       return;
     instance = std::move(found->second.instance);
   }
+  instance->endToken();
   const auto& [kind, failure, by, leftAlone] = ending;
   const bool failed = kind == Ending::Kind::Failed;
   if (failed)

@@ -30,11 +30,17 @@ namespace ZB
 /// returns. The start of an instance is announced before its first step, and
 /// so before its end, unless it is deleted during that very announcement.
 ///
-/// Configuration: "url" and "tokenFile" for the processes' environment;
+/// A behavior may call what its package's manifest says (packages::Rights),
+/// whoever plays it, and so may its programs: a token that the service
+/// "Tokens" makes for the run, where there is one, lets them in at "url".
+///
+/// Configuration: "url", and the file "certificate" that it is known by, for the
+/// processes' environment;
 /// "framemanager": {"terminateGraceMs": milliseconds between SIGTERM and
 /// SIGKILL, "createTimeoutMs", "playTimeoutMs": the longest that
 /// createBehavior() and playBehavior() may take, "guard": the path of
-/// tarvik-guard, if it is not beside the library}.
+/// tarvik-guard, if it is not beside the library, "environment": names of the
+/// variables that processes get of this one's, besides the common ones}.
 class ZBFrameManager final : public ZBModule
 {
 public:

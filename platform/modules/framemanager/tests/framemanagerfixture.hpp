@@ -41,6 +41,9 @@ public:
     bindMethod(this, &Robot::note);
     functionName("refuse", getName(), "Fails");
     bindMethod(this, &Robot::refuse);
+    functionName("reset", getName(), "Is nothing for everybody");
+    setAccess(vu::Role::Admin);
+    bindMethod(this, &Robot::reset);
     functionName("hold", getName(), "Stays open until released");
     setReturn("released", "Completes then");
     bindMethod(this, &Robot::hold);
@@ -52,6 +55,7 @@ public:
     notes.add(text);
   }
   void refuse() { throw ZBError(getName(), "refuse", "the arm is stuck"); }
+  void reset() {}
   vu::Future<void> hold()
   {
     held.add("");
@@ -83,7 +87,6 @@ protected:
     if (broker)
       broker->shutdown();
     configuration["url"] = "http://" + directory.string();
-    configuration["tokenFile"] = "/nowhere/token";
     configuration["framemanager"]["guard"] = guard;
     broker = ZBBroker::create({pool, configuration});
     broker->createModule<ZBMemory>("ZBMemory");

@@ -124,6 +124,7 @@ TEST_F(InstanceTest, DeletionStopsWhateverAStepWaitsFor)
 
 TEST_F(InstanceTest, BehaviorsMayDeleteThemselvesAndEachOtherAndIdsAreNeverUsedAgain)
 {
+  write("manifest.xml", "<package uuid='demo'><may call='ZBFrameManager.deleteBehavior'/></package>");
   EXPECT_EQ(run(deletion("fm-1") + "<repeat><wait seconds=\"0.001\"/></repeat>"), "");
   EXPECT_EQ(signalsOf("fm-1"), "stopped");
   for (int number = 2; number < 100; number += 2)

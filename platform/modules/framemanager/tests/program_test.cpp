@@ -28,7 +28,7 @@ TEST_F(ProgramTest, RunsInTheProjectsDirectoryWithCleanSurroundings)
   write("deep/inside/report.py", R"(import os, signal, sys
 print("directory", os.getcwd())
 print("arguments", sys.argv[1:])
-print("url", os.environ["TARVIK_URL"], os.environ["TARVIK_TOKEN_FILE"], "PATH" in os.environ)
+print("url", os.environ["TARVIK_URL"], "PATH" in os.environ)
 print("input", repr(sys.stdin.read()))
 print("open", sorted(fd for fd in map(int, os.listdir("/proc/self/fd")) if fd > 2)[1:])
 print("leads", os.getpid() == os.getpgid(0))
@@ -45,12 +45,37 @@ sys.stdout.write("no newline at the end")
   ::signal(SIGHUP, SIG_DFL);
   ::close(inherited);
   const std::string name = "demo/t: ";
-  EXPECT_THAT(output(capture),
-              ElementsAre(name + "directory " + (std::filesystem::canonical(directory.path()) / "deep/inside").string(),
-                          name + "arguments ['a b', '$HOME']", name + "url http://" + directory.string() + " /nowhere/token True",
-                          name + "input ''", name + "open []", name + "leads True", name + "blocked set()", name + "hangup True",
-                          name + "no newline at the end"));
+  EXPECT_THAT(output(capture), ElementsAre(name + "directory " + (std::filesystem::canonical(directory.path()) / "deep/inside").string(),
+                                           name + "arguments ['a b', '$HOME']", name + "url http://" + directory.string() + " True",
+                                           name + "input ''", name + "open []", name + "leads True", name + "blocked set()",
+                                           name + "hangup True", name + "no newline at the end"));
   EXPECT_THAT(output(capture, vu::log::Level::Warning), ElementsAre(name + "careful"));
+}
+
+TEST_F(ProgramTest, GetsTheVariablesThatAreNamedAndNothingOfAnotherHost)
+{
+  for (const auto* name : {"TARVIK_ROOT", "TARVIK_TOKEN_FILE", "TARVIK_URL", "SECRET", "ROS_DOMAIN_ID", "ROS", "DISPLAY", "LC_TIME", "TZ"})
+    ::setenv(name, "mine", 1);
+  const auto seen = [this](const vu::Value& names)
+  {
+    start({{"framemanager", {{"environment", names}}}});
+    const vu::log::Capture capture;
+    EXPECT_EQ(run("<run command=\"sh -c 'env | grep -E &quot;=mine$|^TARVIK_&quot; | sort | tr &quot;\\\\n&quot; &quot; &quot;'\"/>"), "");
+    return output(capture).empty() ? std::string() : output(capture).front();
+  };
+  const std::string url = "TARVIK_URL=http://" + directory.string() + " ";
+  EXPECT_EQ(seen(vu::Value::array()), "demo/t: LC_TIME=mine " + url + "TZ=mine ");
+  EXPECT_EQ(seen({"ROS_*", "DISPLAY"}), "demo/t: DISPLAY=mine LC_TIME=mine ROS_DOMAIN_ID=mine " + url + "TZ=mine ");
+  EXPECT_EQ(seen({"*"}), "demo/t: DISPLAY=mine LC_TIME=mine ROS=mine ROS_DOMAIN_ID=mine SECRET=mine " + url + "TZ=mine ");
+  for (const auto* name : {"TARVIK_ROOT", "TARVIK_TOKEN_FILE", "TARVIK_URL", "SECRET", "ROS_DOMAIN_ID", "ROS", "DISPLAY", "LC_TIME", "TZ"})
+    ::unsetenv(name);
+  for (const auto* bad : {"\"PATH\"", "[1]", "[\"\"]", "[\"A=B\"]", "[\"A*B\"]", "[\"TARVIK_ROOT\"]", "[\"TARVIK_*\"]"})
+    EXPECT_THAT(errorOf(
+                    [&] {
+                      start({{"framemanager", {{"environment", vu::Value::parse(bad)}}}});
+                    }),
+                testing::HasSubstr("framemanager.environment"))
+        << bad;
 }
 
 TEST_F(ProgramTest, TheWayItEndsDecidesTheOutcome)

@@ -25,7 +25,7 @@ TEST(ProjectLoaderTest, FilesThatDoNotAnswerHoldAFewReadersAndNobodyBeyondTheLim
                            answered.wait();
                          if (file == "bad.xar")
                            throw std::runtime_error("bad");
-                         return packages::Project{};
+                         return LoadedBehavior{};
                        });
   const auto failureOf = [&loader](const std::string& file) { return errorOf([&] { loader.load("/p", file); }); };
   EXPECT_EQ(failureOf("bad.xar"), "bad");
@@ -50,7 +50,7 @@ TEST(ProjectLoaderTest, ClosingSendsTheWaitingAwayAtOnce)
                        {
                          begun.set();
                          answered.wait();
-                         return packages::Project{};
+                         return LoadedBehavior{};
                        });
   const auto load = [&] { return errorOf([&] { loader.load("/p", "far.xar"); }); };
   auto waiting = std::async(std::launch::async, load);

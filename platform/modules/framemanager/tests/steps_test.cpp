@@ -89,17 +89,6 @@ TEST_F(StepsTest, AStepThatFailsNamesItselfItsPlaceAndTheReason)
   EXPECT_THAT(robot->notes.lines(), IsEmpty());
 }
 
-TEST_F(StepsTest, ServicesAreCalledOnBehalfOfThePlayer)
-{
-  const auto id = create(note("a") + "<wait seconds=\"0\"/>" + note("b"));
-  {
-    const vu::CallerScope caller("tester");
-    manager->playBehavior(id);
-  }
-  EXPECT_EQ(outcome(manager->waitForStopped(id)), "");
-  EXPECT_THAT(robot->callers.lines(), ElementsAre("tester", "tester"));
-}
-
 TEST_F(StepsTest, AServiceThatGoesAwayFailsTheCall)
 {
   const auto id = play("<repeat>" + note("x") + "</repeat>");

@@ -10,7 +10,7 @@ namespace ZB
 {
 
 SubscriberLine::SubscriberLine(std::string module, std::shared_ptr<vu::LocalSession> session, std::shared_ptr<vu::ThreadPool> pool)
-    : _module(std::move(module)), _session(std::move(session)), _line(vu::Line::create(std::move(pool)))
+    : _module(std::move(module)), _session(std::move(session)), _line(vu::Line::create(std::move(pool), "events for " + _module))
 {
 }
 

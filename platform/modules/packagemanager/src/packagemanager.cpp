@@ -113,7 +113,7 @@ void PackageManager::bindMethods()
 
   functionName("check", getName(), "Check whether a package could be installed, without installing it");
   addParam("path", "absolute path of the package's directory or zip archive");
-  setReturn("package", "the record that it would have");
+  setReturn("package", "the record that it would have, what it may call among it, and \"faults\": [{file, line, text}] of its projects");
   setAccess(vu::Role::Admin);
   bindMethod(this, &PackageManager::check);
 }
@@ -254,13 +254,15 @@ void PackageManager::remove(const std::string& uuid)
   _emitter.emit(ticket);
 }
 
-vu::PackageInfo PackageManager::check(const std::string& path)
+vu::Value PackageManager::check(const std::string& path)
 {
   if (!fs::path(path).is_absolute())
     throw ZBError(getName(), "check", "the path " + inQuotes(path) + " is not absolute");
-  auto package = guarded("check", inQuotes(path), [&] { return _store->inspect(path, _limits); });
-  refuseSystemPackage("check", package.uuid());
-  return package;
+  const auto package = guarded("check", inQuotes(path), [&] { return _store->inspect(path, _limits); });
+  refuseSystemPackage("check", package.info.uuid());
+  auto result = package.info.toValue();
+  result["faults"] = packages::toValue(package.faults);
+  return result;
 }
 
 void PackageManager::refuseSystemPackage(const char* method, const std::string& uuid)

@@ -56,8 +56,10 @@ public:
   void remove(const std::string& uuid);
 
   /// Fails where install() would, and gives the record that the package would
-  /// have, without an installer; changes nothing.
-  vu::PackageInfo check(const std::string& path);
+  /// have, without an installer, with the "faults" of its projects: [{file,
+  /// line, text}], with which it could be installed, though what has one
+  /// cannot be loaded. Changes nothing.
+  vu::Value check(const std::string& path);
 
 private:
   void bindMethods();

@@ -143,14 +143,17 @@ StagedPackage PackageStore::stage(const fs::path& source, const std::string& ins
   return staged;
 }
 
-vu::PackageInfo PackageStore::inspect(const fs::path& source, const UnpackLimits& limits) const
+InspectedPackage PackageStore::inspect(const fs::path& source, const UnpackLimits& limits) const
 {
-  if (fs::is_directory(source))
+  const auto inspected = [this](const fs::path& folder)
   {
-    refuseOwnSurroundings(source);
-    return recordOf(source, {});
-  }
-  return recordOf(unpackedOrCopied(source, limits).path(), {});
+    auto info = recordOf(folder, {});
+    return InspectedPackage{info, packages::projectFaults(folder, info)};
+  };
+  if (!fs::is_directory(source))
+    return inspected(unpackedOrCopied(source, limits).path());
+  refuseOwnSurroundings(source);
+  return inspected(source);
 }
 
 HiddenFolder PackageStore::unpackedOrCopied(const fs::path& source, const UnpackLimits& limits) const

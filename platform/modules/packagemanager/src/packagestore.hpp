@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <archive.hpp>
+#include <packages/packageerror.hpp>
 #include <vu/packageinfo.hpp>
 
 namespace ZB
@@ -40,6 +41,13 @@ struct StagedPackage
   vu::PackageInfo info; ///< as it will be once installed
 };
 
+/// A package that has been looked at.
+struct InspectedPackage
+{
+  vu::PackageInfo info;                ///< as it would be once installed
+  std::vector<packages::Fault> faults; ///< of its projects
+};
+
 /// The folder in which user packages are installed, one subfolder per uuid:
 /// the only record of what is installed.
 ///
@@ -64,8 +72,8 @@ public:
   /// `source` is the directory of a package, or a zip archive of one.
   StagedPackage stage(const std::filesystem::path& source, const std::string& installer, const UnpackLimits& limits) const;
 
-  /// The record that `source` would have, without changing anything for good.
-  vu::PackageInfo inspect(const std::filesystem::path& source, const UnpackLimits& limits) const;
+  /// What would come of `source`, without changing anything for good.
+  InspectedPackage inspect(const std::filesystem::path& source, const UnpackLimits& limits) const;
 
   /// Moves the package in, in the place of one of the same uuid. A failure
   /// leaves everything as it was. The old package goes with the result.

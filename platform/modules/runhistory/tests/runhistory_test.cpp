@@ -113,7 +113,7 @@ TEST_F(RunHistoryTest, EveryEndHasItsOutcomeAndItsReason)
       {"demo/broken", "failed", "failed at fail (broken/behavior.xar:2): no arm", "", [] {}},
       {"demo/wordy", "failed", "failed at fail (wordy/behavior.xar:2): " + wordy.substr(0, 4095) + "\uFFFD", "", [] {}},
       {"demo/long", "stopped", "stopped by bob", "bob", [&] { as("bob", "stopBehavior", "demo/long"); }},
-      {"demo/self", "stopped", "stopped by alice", "alice", [] {}},
+      {"demo/self", "stopped", "stopped by demo/self for alice", "demo/self for alice", [] {}},
       {"guests/removed", "removed", "package removed", "", [&] { as("bob", "remove", "guests", "PackageManager"); }},
       {"tools/replaced", "removed", "package removed", "", [&] { install(tools); }},
   };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,6 +16,13 @@
 namespace network
 {
 
+/// SHA-256 of a certificate.
+using Fingerprint = std::array<unsigned char, 32>;
+
+/// Of the first certificate in a PEM text. Throws std::invalid_argument when
+/// there is none.
+Fingerprint fingerprintOf(const std::string& pem);
+
 /// A TCP connection with or without TLS. HTTP and WebSocket are composed of
 /// dozens of operations, each with a handler of a type of its own; here they
 /// become one type, so that what lies below is compiled once (stream.cpp).
@@ -28,10 +36,12 @@ public:
   using Done = std::function<void(error_code)>;
   using Transferred = std::function<void(error_code, std::size_t)>;
 
-  /// TLS with a context; it must outlive the stream.
-  Stream(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* context);
+  using Context = std::shared_ptr<boost::asio::ssl::context>;
+
+  /// TLS with a context, which is kept; null: without.
+  Stream(boost::asio::ip::tcp::socket socket, Context context);
   /// For next_layer().async_connect() and then setNoDelay().
-  Stream(boost::asio::io_context& io, boost::asio::ssl::context* context);
+  Stream(boost::asio::io_context& io, Context context);
   Stream(Stream&& other) noexcept;
   ~Stream();
 
@@ -44,9 +54,11 @@ public:
   void setNoDelay();
 
   /// Of TLS; without it there is none of these. A client names the host whose
-  /// certificate it wants to see.
+  /// certificate it wants to see, or tells the fingerprint of the only one that
+  /// it takes, whatever names it has and until when.
   void acceptHandshake(Done done);
   void handshakeWith(const std::string& host, Done done);
+  void handshakeWith(const std::string& host, const Fingerprint& only, Done done);
   void shutdown(Done done);
 
   template <typename Buffers, typename Handler> void async_read_some(const Buffers& buffers, Handler&& handler)
@@ -64,6 +76,7 @@ public:
 private:
   struct Secure;
 
+  void handshake(const std::string& host, Done done);
   void read(const std::vector<boost::asio::mutable_buffer>& buffers, Transferred done);
   void write(const std::vector<boost::asio::const_buffer>& buffers, Transferred done);
   void tearDown(boost::beast::role_type role, Done done);
@@ -79,6 +92,7 @@ private:
     stream.tearDown(role, copyable<Done>(std::forward<Handler>(handler)));
   }
 
+  Context _context; ///< which the TLS layer refers to
   // The TLS layer refers to the TCP one, whose place must not change.
   std::unique_ptr<boost::beast::tcp_stream> _tcp;
   std::unique_ptr<Secure> _secure;

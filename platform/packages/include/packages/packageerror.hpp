@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <utility>
 
 #include <vu/error.hpp>
 
@@ -13,6 +15,26 @@ class PackageError : public vu::ServiceError
 {
 public:
   explicit PackageError(const std::string& text) : ServiceError("packages", "", text) {}
+};
+
+/// What is wrong with a package's file, and where.
+struct Fault
+{
+  std::string file;     ///< relative to the package
+  std::size_t line = 1; ///< the first is 1
+  std::string text;
+};
+
+/// The fault that ended the reading of a file.
+class FaultyFile : public PackageError
+{
+public:
+  FaultyFile(const std::string& text, Fault fault) : PackageError(text), _fault(std::move(fault)) {}
+
+  const Fault& fault() const { return _fault; }
+
+private:
+  Fault _fault;
 };
 
 } // namespace packages

@@ -15,7 +15,7 @@ struct RootLayout
 {
   explicit RootLayout(const std::filesystem::path& root)
       : packages(root / "packages"), preferences(root / "preferences"), run(root / "run"), endpoint(run / "endpoint"), token(run / "token"),
-        lock(run / "lock"), tokens(root / "tokens")
+        certificate(run / "certificate"), runTokens(run / "behaviors"), tokens(root / "tokens")
   {
   }
 
@@ -24,7 +24,9 @@ struct RootLayout
   std::filesystem::path run;      ///< the running host's, mode 0700
   std::filesystem::path endpoint; ///< its URL in one line
   std::filesystem::path token;    ///< an admin's token in one line, mode 0600
-  std::filesystem::path lock;
+  /// The one that it serves TLS with, where it does; a PEM text.
+  std::filesystem::path certificate;
+  std::filesystem::path runTokens; ///< of behaviors that play, mode 0700; each in a file of mode 0600
   std::filesystem::path tokens; ///< who has a token, and its digest; mode 0600
 };
 

@@ -31,8 +31,12 @@ struct MethodDescription
   bool future = false;
   /// The first role that may call it, where it declares one; not on the wire.
   std::optional<Role> access = {};
+  /// Whether it ends something, and so goes ahead of calls that wait; not on
+  /// the wire.
+  bool urgent = false;
 
   Role leastRole() const { return access ? *access : leastRoleByName(name); }
+  bool isUrgent() const { return urgent || isUrgentByName(name); }
 };
 
 struct SignalDescription

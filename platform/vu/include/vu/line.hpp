@@ -2,8 +2,11 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 
 #include <vu/future.hpp>
 #include <vu/threadpool.hpp>
@@ -16,7 +19,8 @@ namespace vu
 class Line : public std::enable_shared_from_this<Line>
 {
 public:
-  static std::shared_ptr<Line> create(std::shared_ptr<ThreadPool> pool);
+  /// `name` tells whose line it is, "events for Arm".
+  static std::shared_ptr<Line> create(std::shared_ptr<ThreadPool> pool, std::string name);
 
   void push(ThreadPool::Task task);
   /// Runs when `ready` has completed as well; until then the line stands still
@@ -36,6 +40,12 @@ public:
   /// Completes when all that stands in the line now has run.
   Future<void> passed();
 
+  /// From so many entries on a line is too long: whoever takes them does not
+  /// keep up. The log tells of it, once until the line is half as long.
+  static constexpr std::size_t tooMany = 10000;
+  /// How many entries stand in the lines that are too long, by their names.
+  static std::map<std::string, std::size_t> tooLong();
+
 private:
   /// Whether the line must stand still; then it is told when to go on.
   using Wait = std::function<bool(const ThreadPool::Task& goOn)>;
@@ -45,14 +55,17 @@ private:
     Wait wait; ///< may be empty
   };
 
-  explicit Line(std::shared_ptr<ThreadPool> pool) : _pool(std::move(pool)) {}
+  Line(std::shared_ptr<ThreadPool> pool, std::string name) : _pool(std::move(pool)), _name(std::move(name)) {}
+  void reportLength();
   void push(ThreadPool::Task task, Wait wait);
   void runNext();
 
   const std::shared_ptr<ThreadPool> _pool;
-  std::mutex _mutex; // guards both members below
+  const std::string _name;
+  std::mutex _mutex; // guards the members below
   std::deque<Entry> _entries;
   bool _running = false;
+  bool _isTooLong = false;
 };
 
 } // namespace vu

@@ -32,6 +32,8 @@ public:
   /// The first role that may call the method; by its name where there is none.
   Role leastRole(const std::string& method) const;
   bool givesFuture(const std::string& method) const;
+  /// Whether its calls go ahead of others that wait.
+  bool isUrgent(const std::string& method) const;
 
   /// A pass into the instance, empty once it has ended.
   Gate::Pass enter() { return _gate.enter(); }

@@ -10,6 +10,14 @@ namespace vu::os
 /// else "/".
 std::string home();
 
+/// From now on, files that this process makes are for its user alone. Once,
+/// before there are threads.
+void restrictNewFiles();
+
+/// The umask that this process was started with, which is for programs that it
+/// starts; -1 where it was not changed, and they have it anyway.
+int inheritedUmask();
+
 /// Lets this process have as many files open as it may, within reason, and
 /// remembers what it was started with. Once, before there are threads.
 void raiseFileLimit();

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <vu/valuefwd.hpp>
 
@@ -38,7 +39,8 @@ private:
 ///
 /// As a value: {"uuid": string, "version": string, "installer": string,
 /// "path": string (its directory, absolute), "names": {locale: string},
-/// "descriptions": {locale: string}, "behaviors": [BehaviorInfo]}.
+/// "descriptions": {locale: string}, "behaviors": [BehaviorInfo],
+/// "may": [string]}.
 class PackageInfo
 {
 public:
@@ -51,6 +53,7 @@ public:
     std::map<std::string, std::string> names;
     std::map<std::string, std::string> descriptions;
     std::list<BehaviorInfo> behaviors;
+    std::vector<std::string> may; ///< what it asks to call, as its manifest writes it
   };
 
   PackageInfo() = default;
@@ -66,6 +69,7 @@ public:
   std::string name(const std::string& locale) const;
   std::string description(const std::string& locale) const;
   std::list<BehaviorInfo> behaviors() const;
+  std::vector<std::string> may() const;
   Value toValue() const;
 
 private:

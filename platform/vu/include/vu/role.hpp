@@ -26,4 +26,8 @@ std::optional<Role> roleFromName(std::string_view name);
 /// a name that begins with an underscore an admin's, all else an operator's.
 Role leastRoleByName(std::string_view method);
 
+/// Whether a method that does not say so itself ends something, and so goes
+/// ahead of calls that wait: stop…
+bool isUrgentByName(std::string_view method);
+
 } // namespace vu

@@ -39,6 +39,11 @@ public:
   /// Never refuses. After close() has returned, tasks go to the process's pool.
   void post(Task task);
 
+  /// The same, ahead of all that is not urgent: for what ends something, and
+  /// for looking whether the pool still works. What is not urgent has its turn
+  /// after a number of those.
+  void postUrgent(Task task);
+
   /// For calls, which may be refused: throws a ServiceError of kind Overloaded
   /// when all threads there may be are busy and the queue is full.
   void postCall(Task task);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -8,10 +7,12 @@
 #include <optional>
 #include <string>
 
+#include <vu/error.hpp>
 #include <vu/future.hpp>
 #include <vu/role.hpp>
 #include <vu/session.hpp>
 #include <vu/value.hpp>
+#include <zb/connectioncalls.hpp>
 
 namespace ZB
 {
@@ -33,14 +34,8 @@ using Rights = std::function<std::optional<std::string>(const Call& call, vu::Ro
 Rights rightsOf(vu::Role role);
 Rights everyRight();
 
-/// The calls that one connection may have open at a time. They may outlive it.
-struct CallBound
-{
-  explicit CallBound(std::size_t most) : maximum(most) {}
-
-  const std::size_t maximum;
-  std::atomic<std::size_t> open = 0;
-};
+/// What a connection gets to hear that has as many calls open as it may.
+vu::ServiceError tooManyCalls(const std::string& service, const std::string& method, const ConnectionCalls& calls);
 
 /// Who wants a call that does not come from a module's own code.
 struct Caller
@@ -48,8 +43,8 @@ struct Caller
   std::string name; ///< which the service sees as vu::currentCaller()
   Rights rights;
   std::string address = {}; ///< where it is, for the log
-  /// Null: no bound but the pool's.
-  std::shared_ptr<CallBound> bound = {};
+  /// Of its connection; null: no bound but the pool's.
+  std::shared_ptr<ConnectionCalls> calls = {};
 };
 
 /// Looks on at one call; on any thread, but not on two at once.
@@ -83,6 +78,13 @@ public:
   /// future. `wanted` is asked once, when a thread takes the call up; where it
   /// says no, the call is not made and the future fails.
   vu::Future<vu::Value> post(Call call, const Caller& caller, std::function<bool()> wanted = {}) const;
+
+  /// The same for a caller with a connection, whose line the call stands in
+  /// until it is its turn; `bytes` is the size of the request. `done` gets the
+  /// end, once, on the pool and for a call that is not carried out on any
+  /// thread. What post() throws is thrown, but for a pool that is overloaded:
+  /// that is an end. `call` keeps its arguments then.
+  void line(Call& call, const Caller& caller, std::size_t bytes, std::function<void(const vu::Future<vu::Value>& end)> done) const;
 
   /// Makes the call on this thread and gives the result; null at once where
   /// the method gives a future, which is then under way. Throws what post()

@@ -38,8 +38,8 @@ protected:
   void setModuleDescription(const std::string& description);
 
   /// Opens the description of a method; `className` is the module's own name
-  /// and `mask` 0. It is completed by addParam(), setReturn(), setAccess()
-  /// and bindMethod().
+  /// and `mask` 0. It is completed by addParam(), setReturn(), setAccess(),
+  /// setUrgent() and bindMethod().
   /// Throws std::logic_error for a method without description.
   void functionName(const std::string& name, const std::string& className, const std::string& description, int mask = 0);
   void addParam(const std::string& name, const std::string& description);
@@ -47,6 +47,10 @@ protected:
   /// The first role that may call the method from outside the host. Where none
   /// is declared, its name decides: see vu::leastRoleByName().
   void setAccess(vu::Role least);
+
+  /// The method ends something: its calls go ahead of others that wait. So do
+  /// those of every method named stop….
+  void setUrgent();
 
   /// Advertises the method whose description is open. Calls come on any
   /// thread, several at once, from the moment the module is published until
