@@ -24,6 +24,7 @@ struct LogWriter::Queue
   std::vector<std::string> lines;
   std::size_t bytes = 0;
   std::uint64_t leftOut = 0; ///< since the last notice
+  bool full = false;         ///< since a line was left out: a shorter one would come before its time
   bool writing = false;
   bool closed = false;
 
@@ -69,8 +70,9 @@ void LogWriter::push(std::string line)
 {
   {
     const std::lock_guard lock(_queue->mutex);
-    if (_queue->lines.size() >= _queue->limits.lines || _queue->bytes + line.size() > _queue->limits.bytes)
+    if (_queue->full || _queue->lines.size() >= _queue->limits.lines || _queue->bytes + line.size() > _queue->limits.bytes)
     {
+      _queue->full = true;
       ++_queue->leftOut;
       ++_queue->allLeftOut;
       return;
@@ -97,6 +99,7 @@ void LogWriter::run(const std::shared_ptr<Queue>& queue)
       return;
     const auto lines = std::exchange(queue->lines, {});
     queue->bytes = 0;
+    queue->full = false;
     // What was left out found these lines in its way, and so comes after them.
     auto leftOut = std::exchange(queue->leftOut, 0);
     queue->writing = true;
