@@ -156,8 +156,9 @@ TEST_F(DaemonProcess, RaisesItsLimitOfFilesAndGivesProgramsTheirsBack)
 
 TEST_F(DaemonProcess, AFullDiskKeepsNeitherFromStartingNorFromPlaying)
 {
-  if (::mount("tmpfs", root.string().c_str(), "tmpfs", 0, "size=1m") != 0)
+  if (::mount("tmpfs", root.string().c_str(), "tmpfs", 0, "size=1m,mode=700") != 0)
     GTEST_SKIP() << "only root can mount a disk to fill";
+  const std::shared_ptr<void> mounted(nullptr, [this](void*) { ::umount2(root.string().c_str(), MNT_DETACH); });
   {
     Process before(arguments());
     EXPECT_NE(before.firstLine(), "");
@@ -180,5 +181,4 @@ TEST_F(DaemonProcess, AFullDiskKeepsNeitherFromStartingNorFromPlaying)
     EXPECT_EQ(daemon.waitForEnd(), 0) << daemon.error();
     EXPECT_FALSE(exists("run/token"));
   }
-  ::umount(root.string().c_str());
 }
