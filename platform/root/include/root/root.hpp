@@ -27,7 +27,7 @@ struct RootLayout
   /// The one that it serves TLS with, where it does; a PEM text.
   std::filesystem::path certificate;
   std::filesystem::path runTokens; ///< of behaviors that play, mode 0700; each in a file of mode 0600
-  std::filesystem::path tokens; ///< who has a token, and its digest; mode 0600
+  std::filesystem::path tokens;    ///< who has a token, and its digest; mode 0600
 };
 
 } // namespace Tarvik
