@@ -78,7 +78,6 @@ function(tarvik_module name entry library)
   endif()
   set_target_properties(${name} PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${TARVIK_MODULE_OUTPUT_DIR}
-    CXX_VISIBILITY_PRESET hidden
     LINK_DEPENDS ${script})
   install(TARGETS ${name} LIBRARY DESTINATION ${TARVIK_MODULE_INSTALL_DIR} COMPONENT platform)
   set_property(GLOBAL APPEND PROPERTY TARVIK_MODULES ${name})
