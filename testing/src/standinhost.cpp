@@ -62,8 +62,15 @@ struct StandInHost::Implementation
         rounds.push_back(methods);
       }
       for (const auto& call : calls)
-        stream.write(asio::buffer(
-            vu::Value{{"jsonrpc", "2.0"}, {"id", call.at("id")}, {"result", result(call.at("method"), call.at("params"))}}.dump()));
+      {
+        auto value = result(call.at("method"), call.at("params"));
+        outgoing.push_back({{"id", call.at("id")}, {"result", std::move(value)}});
+        for (auto& message : std::exchange(outgoing, {}))
+        {
+          message["jsonrpc"] = "2.0";
+          stream.write(asio::buffer(message.dump()));
+        }
+      }
     }
   }
 
@@ -74,7 +81,8 @@ struct StandInHost::Implementation
   Event pinged{2};
   std::atomic<bool> silent = false;
   std::atomic<bool> over = false;
-  mutable std::mutex mutex; // guards the members below
+  std::vector<vu::Value> outgoing; ///< of its thread
+  mutable std::mutex mutex;        // guards the members below
   int connection = -1;
   std::vector<std::vector<std::string>> rounds;
   std::thread thread;
@@ -106,6 +114,11 @@ std::vector<std::vector<std::string>> StandInHost::rounds() const
 {
   const std::lock_guard lock(_implementation->mutex);
   return _implementation->rounds;
+}
+
+void StandInHost::emit(const vu::Value& arguments)
+{
+  _implementation->outgoing.push_back({{"method", "signal"}, {"params", {{"link", 1}, {"arguments", arguments}}}});
 }
 
 Event& StandInHost::pinged() { return _implementation->pinged; }

@@ -4,7 +4,7 @@
 #include <cli/text.hpp>
 
 #include "behaviors.hpp"
-#include "stopall.hpp"
+#include "stopping.hpp"
 
 namespace Tarvik
 {
@@ -95,7 +95,7 @@ void callFor(Context& context, const std::string& method, const std::string& nam
 void stop(Context& context, const std::string& name, bool all)
 {
   if (!name.empty())
-    return callFor(context, "stopBehavior", name, "stopped");
+    return stopOne(context, name);
   if (!all)
     throw CommandError("stop: name a behavior, or write --all; \"tarvik --help\" tells how it is used", ExitCode::WrongUsage);
   stopAll(context);

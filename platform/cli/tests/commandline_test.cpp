@@ -113,13 +113,16 @@ TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
       {{"call", "ZBMemory.getData", "k"}, {"ZBMemory.getData"}},
       {{"token", "list"}, {"Tokens.list"}},
       {{"start", "test/a"}, {manager + "resolveBehaviorName", manager + "startBehavior"}},
+      {{"stop", "test/a"}, {manager + "resolveBehaviorName", manager + "stopBehavior", "session.connect"}},
       {{"status"},
        {"PackageManager.packages", manager + "getInstalledBehaviors", manager + "getLoadedBehaviors", manager + "getRunningBehaviors",
         "session.services"}}};
   for (const auto& [arguments, calls] : cases)
   {
     SCOPED_TRACE(arguments.front());
-    const auto result = [](const std::string&, const vu::Value& params) { return params.empty() ? vu::Value::array() : params[0]; };
+    const auto result = [](const std::string& method, const vu::Value& params) {
+      return method == "session.connect" ? vu::Value(1) : params.empty() ? vu::Value::array() : params[0];
+    };
     const TestSupport::StandInHost host(result, calls.size());
     TestSupport::writeFile(root / "run" / "endpoint", host.url());
     TestSupport::writeFile(root / "run" / "token", "secret");
@@ -128,23 +131,29 @@ TEST_F(CommandLine, asksForAllThatItNeedsAtOnce)
   }
 }
 
-TEST_F(CommandLine, stopAllGoesOnWhenOneIsRefusedAndNamesWhatIsLeft)
+TEST_F(CommandLine, stoppingGoesOnWhenOneIsRefusedAndNamesWhatIsLeft)
 {
   int lists = 0;
-  const auto result = [&lists](const std::string& method, const vu::Value&) -> vu::Value
+  TestSupport::StandInHost* self = nullptr;
+  const auto result = [&](const std::string& method, const vu::Value& params) -> vu::Value
   {
     if (method.ends_with("getRunningBehaviors"))
       return lists++ == 0 ? vu::Value{"p/a", "p/b", "p/c"} : vu::Value{"p/b"};
-    return 1;
+    if (method.ends_with("stopBehavior") && params[0] == "p/c")
+      self->emit({"fm-3", "p/c", "stopped", "", "deaf cannot be ended", "local"});
+    return method.ends_with("resolveBehaviorName") ? params[0] : vu::Value(1);
   };
-  const TestSupport::StandInHost host(result);
+  TestSupport::StandInHost host(result);
+  self = &host;
   TestSupport::writeFile(root / "run" / "endpoint", host.url());
   TestSupport::writeFile(root / "run" / "token", "secret");
-  expectError({"stop", "--all"}, 1, "not everything is stopped: \"p/b\" was started meanwhile", "");
+  expectError({"stop", "--all"}, 1, "not everything is stopped: \"p/b\" was started meanwhile, \"p/c\": deaf cannot be ended", "");
   std::size_t stops = 0;
   for (const auto& round : host.rounds())
     stops += round == Arguments{"ZBBehaviorManager.stopBehavior"};
   EXPECT_EQ(stops, 3U);
+  expectError({"stop", "p/c"}, 1, "\"p/c\" is not stopped: deaf cannot be ended", "");
+  EXPECT_EQ(run({"stop", "p/a"}), 0) << error.str();
 }
 
 } // namespace Tarvik

@@ -31,6 +31,9 @@ public:
   /// The methods that were called without an answer between them, sorted.
   std::vector<std::vector<std::string>> rounds() const;
 
+  /// Of the signal behind link 1; for the result's function, whose answer it precedes.
+  void emit(const vu::Value& arguments);
+
   /// Happens with the second ping; each is answered.
   Event& pinged();
 
