@@ -15,9 +15,11 @@ namespace
 
 constexpr std::size_t longestFault = 300;
 
-bool isTooDeep(std::string_view text)
+/// Why `text` would take too much to read; empty where it does not.
+std::string findExcess(std::string_view text)
 {
   std::size_t depth = 0;
+  std::size_t parts = 0;
   bool inText = false;
   for (std::size_t i = 0; i < text.size(); ++i)
   {
@@ -28,15 +30,18 @@ bool isTooDeep(std::string_view text)
         ++i;
       else if (c == '"')
         inText = false;
+      continue;
     }
-    else if (c == '"')
-      inText = true;
-    else if ((c == '[' || c == '{') && ++depth > maximumDepth)
-      return true;
-    else if ((c == ']' || c == '}') && depth > 0)
+    inText = c == '"';
+    const bool opens = c == '[' || c == '{';
+    if (opens && ++depth > maximumDepth)
+      return "values may be nested " + std::to_string(maximumDepth) + " deep";
+    if ((opens || inText) && ++parts > maximumParts)
+      return "a message may have " + std::to_string(maximumParts) + " arrays, objects and strings";
+    if ((c == ']' || c == '}') && depth > 0)
       --depth;
   }
-  return false;
+  return {};
 }
 
 /// What is wanted of `value` is moved out of it.
@@ -86,10 +91,9 @@ std::variant<Request, std::string> parseEntry(vu::Value& value)
 Message parse(std::string_view text)
 {
   Message message;
-  if (isTooDeep(text))
+  if (const auto excess = findExcess(text); !excess.empty())
   {
-    message.entries.emplace_back(
-        error(nullptr, InvalidRequest, "invalid request: values may be nested " + std::to_string(maximumDepth) + " deep"));
+    message.entries.emplace_back(error(nullptr, InvalidRequest, "invalid request: " + excess));
     return message;
   }
   vu::Value value;

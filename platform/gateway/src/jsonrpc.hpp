@@ -25,6 +25,8 @@ enum Code
 
 /// Deeper values are refused: they would be walked recursively.
 constexpr std::size_t maximumDepth = 128;
+/// Arrays, objects and strings of a message: each takes many times its text.
+constexpr std::size_t maximumParts = 200000;
 /// A longer batch is refused whole.
 constexpr std::size_t maximumBatch = 100;
 /// A longer message takes long enough to read that others would wait.

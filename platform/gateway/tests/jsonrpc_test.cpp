@@ -6,6 +6,9 @@ using namespace Tarvik;
 
 TEST(JsonRpcParse, RefusesWhatIsNoRequestWithTheCodeThatSaysWhy)
 {
+  std::string many = "1";
+  while (many.size() < 3 * JsonRpc::maximumParts)
+    many += ",{}";
   const std::pair<std::string, int> cases[] = {
       {"{", -32700},
       {"", -32700},
@@ -18,6 +21,7 @@ TEST(JsonRpcParse, RefusesWhatIsNoRequestWithTheCodeThatSaysWhy)
       {R"({"jsonrpc":"2.0","id":1,"method":7})", -32600},
       {R"({"jsonrpc":"2.0","id":[1],"method":"a.b"})", -32600},
       {std::string(1000000, '['), -32600},
+      {R"({"jsonrpc":"2.0","id":1,"method":"a.b","params":[)" + many + "]}", -32600},
       {R"({"jsonrpc":"2.0","id":1,"method":"ab"})", -32601},
       {R"({"jsonrpc":"2.0","id":1,"method":"a.b","params":{"x":1}})", -32602},
       {R"({"jsonrpc":"2.0","id":1,"method":"a.b","params":[")" + std::string(1000, '[') + "\"]}", 0}, // in a text, nothing is nested

@@ -3,6 +3,7 @@
 #include <csignal>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <vu/os.hpp>
@@ -10,8 +11,19 @@
 namespace Tarvik
 {
 
+namespace
+{
+
+/// Bytes of a block that goes back to the system when it is free. Left to
+/// itself, the C library raises this with every larger one that is freed, and
+/// the process keeps what the largest messages have taken.
+constexpr int largeBlock = 256 << 10;
+
+} // namespace
+
 void prepareProcess()
 {
+  ::mallopt(M_MMAP_THRESHOLD, largeBlock);
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGCHLD, SIG_DFL); // ignored, it takes away the children that this process collects itself
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})

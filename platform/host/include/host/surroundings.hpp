@@ -7,7 +7,7 @@ namespace Tarvik
 /// threads and opens files: a reader that goes away does not end it, no file
 /// takes the place of a closed standard stream, which would be written to, as
 /// many files can be open as the system allows, and files that it makes are for
-/// its user alone. Programs that it starts get
+/// its user alone. Large blocks of memory go back when they are free. Programs that it starts get
 /// what it was started with.
 void prepareProcess();
 
