@@ -29,12 +29,13 @@ void writePrivately(const fs::path& file, const std::string& text)
   if (descriptor < 0)
     throw failure("cannot make the file of a run's token", file);
   const bool written = ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  const auto unwritten = failure("cannot write a run's token", file);
+  const int reason = errno;
   ::close(descriptor);
   if (written)
     return;
   ::unlink(file.c_str());
-  throw unwritten;
+  errno = reason;
+  throw failure("cannot write a run's token", file);
 }
 
 } // namespace
