@@ -23,6 +23,10 @@ endif()
 # The tests themselves need not be fast, but compiled soon.
 add_library(tarvik_test_options INTERFACE)
 target_compile_options(tarvik_test_options INTERFACE -O0)
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # Fixtures stand in unnamed namespaces, of which each source has its own.
+  target_compile_options(tarvik_test_options INTERFACE -Wno-subobject-linkage)
+endif()
 
 # tarvik_precompiled(KIND LIBRARIES...): precompiled/KIND.hpp, compiled once for
 # all targets that tarvik_precompile() names. Half of the time to compile goes

@@ -19,7 +19,7 @@ void open(Context& context)
   context.out << address << "\n";
 }
 
-void add(Context& context, const std::string& name, const std::string& role, const std::string& expires)
+void addToken(Context& context, const std::string& name, const std::string& role, const std::string& expires)
 {
   const auto time = parseDuration(expires);
   if (!expires.empty() && !time)
@@ -32,7 +32,7 @@ void add(Context& context, const std::string& name, const std::string& role, con
   context.out << token << "\n";
 }
 
-void list(Context& context)
+void listTokens(Context& context)
 {
   const auto all = tokens(*context.connect()).call<vu::Value>("list");
   if (context.json)
@@ -49,7 +49,7 @@ void list(Context& context)
   context.out << formatTable(table);
 }
 
-void remove(Context& context, const std::string& name)
+void removeToken(Context& context, const std::string& name)
 {
   const auto outcome = tokens(*context.connect()).call<vu::Value>("remove", name);
   const bool durable = outcome.at("durable");
@@ -85,15 +85,15 @@ void addAccessCommands(Commands& commands)
   const auto role = std::make_shared<std::string>();
   const auto expires = std::make_shared<std::string>();
   auto* adding = commands.add(*group, "add", "Makes a token and prints it, this once",
-                              [name, role, expires](Context& context) { add(context, *name, *role, *expires); });
+                              [name, role, expires](Context& context) { addToken(context, *name, *role, *expires); });
   adding->add_option("NAME", *name, "Whose it is")->required();
   adding->add_option("--role", *role, "observer, operator or admin")->required()->type_name("ROLE");
   adding->add_option("--expires", *expires, "How long it lets in: 45s, 10m, 12h, 30d")->type_name("TIME");
-  commands.add(*group, "list", "Lists the tokens", list);
+  commands.add(*group, "list", "Lists the tokens", listTokens);
   commands.add(*group, "renew", "Replaces the token in run/token and ends the connections that the former one has opened", renew);
   commands
       .add(*group, "remove", "Takes a token back and ends the connections that it has opened",
-           [name](Context& context) { remove(context, *name); })
+           [name](Context& context) { removeToken(context, *name); })
       ->add_option("NAME", *name, "Whose it is")
       ->required();
 }

@@ -40,7 +40,7 @@ std::vector<Row> askForRows(const Behaviors& behaviors)
   return rows;
 }
 
-void list(Context& context)
+void listBehaviors(Context& context)
 {
   const auto session = context.connect();
   const Behaviors behaviors(*session);
@@ -151,7 +151,7 @@ void addDefaultCommands(Commands& commands)
 void addBehaviorCommands(Commands& commands)
 {
   const auto name = std::make_shared<std::string>();
-  commands.add("list", "Lists the behaviors with state, nature and tags", list);
+  commands.add("list", "Lists the behaviors with state, nature and tags", listBehaviors);
   commands.add("start", "Starts a behavior and returns", [name](Context& context) { callFor(context, "startBehavior", *name, "started"); })
       ->add_option("NAME", *name, "Behavior")
       ->required();

@@ -101,7 +101,7 @@ void install(Context& context, const std::string& path)
   finish(context, package, "installed", announcements.waitFor(package), {{"may", package.may()}, {"faults", checked.at("faults")}});
 }
 
-void remove(Context& context, const std::string& uuid)
+void removePackage(Context& context, const std::string& uuid)
 {
   const auto session = context.connect();
   const Behaviors behaviors(*session);
@@ -114,7 +114,7 @@ void remove(Context& context, const std::string& uuid)
   finish(context, package, "removed", announcements.waitFor(package));
 }
 
-void list(Context& context)
+void listPackages(Context& context)
 {
   const auto session = context.connect();
   const auto packages = session->service("PackageManager").value().call<std::vector<vu::PackageInfo>>("packages");
@@ -164,10 +164,10 @@ void addPackageCommands(Commands& commands)
            [text](Context& context) { install(context, *text); })
       ->add_option("PATH", *text, "The package")
       ->required();
-  commands.add(*group, "remove", "Removes a package", [text](Context& context) { remove(context, *text); })
+  commands.add(*group, "remove", "Removes a package", [text](Context& context) { removePackage(context, *text); })
       ->add_option("UUID", *text, "The package")
       ->required();
-  commands.add(*group, "list", "Lists the packages", list);
+  commands.add(*group, "list", "Lists the packages", listPackages);
   commands
       .add(*group, "check", "Tells whether a directory or a zip archive could be installed",
            [text](Context& context) { check(context, *text); })

@@ -23,7 +23,6 @@ namespace
 
 constexpr const char* installedEvent = "packageInstalled";
 constexpr const char* removedEvent = "packageRemoved";
-constexpr const char* systemInstaller = "system";
 constexpr std::size_t longestInstaller = 128;
 
 bool isSystemPackage(const vu::PackageInfo& package) { return package.installer() == systemInstaller; }

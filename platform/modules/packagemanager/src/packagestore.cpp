@@ -30,7 +30,6 @@ namespace
 constexpr const char* stagingPrefix = ".staging-";
 constexpr const char* removedPrefix = ".removed-";
 constexpr std::string_view replacedPrefix = ".replaced-";
-constexpr const char* systemInstaller = "system";
 
 bool isThere(const fs::path& path) { return fs::symlink_status(path).type() != fs::file_type::not_found; }
 

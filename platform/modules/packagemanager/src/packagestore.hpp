@@ -12,6 +12,9 @@
 namespace ZB
 {
 
+/// Who installed what the platform itself brought; no client is called so.
+inline constexpr const char* systemInstaller = "system";
+
 /// A hidden folder of the store, which goes away with its handle.
 class HiddenFolder
 {
