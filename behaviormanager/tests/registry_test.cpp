@@ -1,3 +1,7 @@
+#include <atomic>
+#include <string>
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -44,4 +48,30 @@ TEST(BehaviorRegistry, KeepsTheLinksOfAnInstanceUntilItsPlayIsClosed)
   EXPECT_EQ(registry.xBehaviorFailedLink("P/a"), 4U);
   EXPECT_THAT(registry.clear(), ElementsAre(ElementsAre(3, 4)));
   EXPECT_FALSE(registry.isOpen(second));
+}
+
+TEST(BehaviorRegistry, TheEndOfAnInstanceNeverTakesTheNextOneWithIt)
+{
+  constexpr int instances = 30000;
+  Registry registry;
+  registry.xSetFrameManagerId("P/a", "0");
+  std::atomic<int> ended = 0;
+  std::thread reporter(
+      [&]
+      {
+        while (ended < instances)
+          if (const auto id = std::to_string(ended); registry.xFrameManagerId("P/a") == id)
+            registry.endInstance("P/a", id);
+      });
+  int lost = 0;
+  for (int last = 0; last < instances; ++last)
+  {
+    ended = last;
+    const auto next = std::to_string(last + 1);
+    registry.xSetFrameManagerId("P/a", next);
+    lost += registry.xFrameManagerId("P/a") != next;
+  }
+  ended = instances;
+  reporter.join();
+  EXPECT_EQ(lost, 0);
 }
