@@ -37,6 +37,9 @@ std::shared_ptr<Certificate> loadCertificate(const Gateway::Options& options)
       options.tlsCertificate, options.tlsKey, options.certificateTaken ? options.certificateTaken : [](const std::string&) {});
 }
 
+/// An address of version six stands in brackets before its port.
+std::string asInUrl(const std::string& host) { return host.find(':') == std::string::npos ? host : "[" + host + "]"; }
+
 /// How clients on this machine name a listener, best by a name that its
 /// certificate is good for. "Every address" is none that a client could name.
 std::string hostName(const asio::ip::address& address, const Certificate* certificate)
@@ -52,7 +55,7 @@ std::string hostName(const asio::ip::address& address, const Certificate* certif
       names.push_back(asio::ip::host_name());
     name = certificate->findName(names).value_or(name);
   }
-  return name.find(':') == std::string::npos ? name : "[" + name + "]";
+  return asInUrl(name);
 }
 
 } // namespace
@@ -171,8 +174,7 @@ std::string Gateway::listen()
   const auto& server = _implementation->server;
   auto& acceptor = _implementation->acceptor;
   const auto& options = server->options;
-  const auto where =
-      (options.address.find(':') == std::string::npos ? options.address : "[" + options.address + "]") + ":" + std::to_string(options.port);
+  const auto where = asInUrl(options.address) + ":" + std::to_string(options.port);
   error_code error;
   const auto address = asio::ip::make_address(options.address, error);
   if (error)
