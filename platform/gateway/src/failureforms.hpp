@@ -3,6 +3,7 @@
 #include <array>
 #include <string_view>
 
+#include <network/jsonrpccode.hpp>
 #include <vu/error.hpp>
 
 namespace Tarvik
@@ -14,19 +15,19 @@ namespace Tarvik
 struct FailureForm
 {
   vu::ServiceError::Kind kind;
-  int code;
+  network::JsonRpcCode code;
   unsigned status;
   std::string_view result;
 };
 
 /// Whatever is not named among them is a service's own error, the first.
 inline constexpr std::array failureForms{
-    FailureForm{vu::ServiceError::Kind::Service, -32000, 500, "error"},
-    FailureForm{vu::ServiceError::Kind::UnknownService, -32601, 404, "unknown"},
-    FailureForm{vu::ServiceError::Kind::UnknownMethod, -32601, 404, "unknown"},
-    FailureForm{vu::ServiceError::Kind::InvalidArguments, -32602, 400, "invalid"},
-    FailureForm{vu::ServiceError::Kind::NotAllowed, -32001, 403, "refused"},
-    FailureForm{vu::ServiceError::Kind::Overloaded, -32002, 503, "overloaded"},
+    FailureForm{vu::ServiceError::Kind::Service, network::Failed, 500, "error"},
+    FailureForm{vu::ServiceError::Kind::UnknownService, network::MethodNotFound, 404, "unknown"},
+    FailureForm{vu::ServiceError::Kind::UnknownMethod, network::MethodNotFound, 404, "unknown"},
+    FailureForm{vu::ServiceError::Kind::InvalidArguments, network::InvalidParams, 400, "invalid"},
+    FailureForm{vu::ServiceError::Kind::NotAllowed, network::NotAllowed, 403, "refused"},
+    FailureForm{vu::ServiceError::Kind::Overloaded, network::Overloaded, 503, "overloaded"},
 };
 
 constexpr const FailureForm& formOf(vu::ServiceError::Kind kind)

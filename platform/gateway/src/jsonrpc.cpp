@@ -47,7 +47,8 @@ std::string findExcess(std::string_view text)
 /// What is wanted of `value` is moved out of it.
 std::variant<Request, std::string> parseEntry(vu::Value& value)
 {
-  const auto invalid = [](const vu::Value& id, const std::string& why) { return error(id, InvalidRequest, "invalid request: " + why); };
+  const auto invalid = [](const vu::Value& id, const std::string& why)
+  { return error(id, network::InvalidRequest, "invalid request: " + why); };
   if (!value.is_object())
     return invalid(nullptr, "it is no object");
   Request request;
@@ -68,7 +69,7 @@ std::variant<Request, std::string> parseEntry(vu::Value& value)
   {
     if (request.notification)
       return std::string();
-    return error(request.id, MethodNotFound, "'" + vu::shortened(name) + "' is no method: name it \"Service.method\"",
+    return error(request.id, network::MethodNotFound, "'" + vu::shortened(name) + "' is no method: name it \"Service.method\"",
                  {{"unknown", "method"}});
   }
   request.service = name.substr(0, dot);
@@ -79,7 +80,7 @@ std::variant<Request, std::string> parseEntry(vu::Value& value)
     {
       if (request.notification)
         return std::string();
-      return error(request.id, InvalidParams, "\"params\" must be an array: parameters are taken by position");
+      return error(request.id, network::InvalidParams, "\"params\" must be an array: parameters are taken by position");
     }
     request.params = std::move(*params);
   }
@@ -93,7 +94,7 @@ Message parse(std::string_view text)
   Message message;
   if (const auto excess = findExcess(text); !excess.empty())
   {
-    message.entries.emplace_back(error(nullptr, InvalidRequest, "invalid request: " + excess));
+    message.entries.emplace_back(error(nullptr, network::InvalidRequest, "invalid request: " + excess));
     return message;
   }
   vu::Value value;
@@ -104,14 +105,14 @@ Message parse(std::string_view text)
   catch (const vu::Value::exception& fault)
   {
     message.entries.emplace_back(
-        error(nullptr, ParseError, std::string("the message is no JSON: ") + vu::shortened(fault.what(), longestFault)));
+        error(nullptr, network::ParseError, std::string("the message is no JSON: ") + vu::shortened(fault.what(), longestFault)));
     return message;
   }
   if (!value.is_array())
     message.entries.push_back(parseEntry(value));
   else if (value.empty() || value.size() > maximumBatch)
     message.entries.emplace_back(
-        error(nullptr, InvalidRequest,
+        error(nullptr, network::InvalidRequest,
               "invalid request: a batch of " + std::to_string(value.size()) + ", which may have 1 to " + std::to_string(maximumBatch)));
   else
   {
@@ -129,7 +130,7 @@ std::string resultOfText(const vu::Value& id, const std::string& result)
   return R"({"id":)" + dump(id) + R"(,"jsonrpc":"2.0","result":)" + result + "}";
 }
 
-std::string error(const vu::Value& id, int code, const std::string& message, const vu::Value& data)
+std::string error(const vu::Value& id, network::JsonRpcCode code, const std::string& message, const vu::Value& data)
 {
   vu::Value error{{"code", code}, {"message", message}};
   if (!data.is_null())

@@ -6,22 +6,13 @@
 #include <variant>
 #include <vector>
 
+#include <network/jsonrpccode.hpp>
 #include <vu/error.hpp>
 #include <vu/value.hpp>
 
-/// JSON-RPC 2.0 as text and back; docs/protocol.md tells the codes.
+/// JSON-RPC 2.0 as text and back.
 namespace Tarvik::JsonRpc
 {
-
-/// Of messages that are no calls; those of calls that failed are in
-/// failureforms.hpp.
-enum Code
-{
-  ParseError = -32700,
-  InvalidRequest = -32600,
-  MethodNotFound = -32601,
-  InvalidParams = -32602
-};
 
 /// Deeper values are refused: they would be walked recursively.
 constexpr std::size_t maximumDepth = 128;
@@ -57,7 +48,7 @@ Message parse(std::string_view text);
 std::string result(const vu::Value& id, const vu::Value& value);
 /// The same for a result that is JSON already.
 std::string resultOfText(const vu::Value& id, const std::string& result);
-std::string error(const vu::Value& id, int code, const std::string& message, const vu::Value& data = {});
+std::string error(const vu::Value& id, network::JsonRpcCode code, const std::string& message, const vu::Value& data = {});
 /// The answer for what a call has thrown.
 std::string error(const vu::Value& id, const std::string& service, const std::string& method, const std::exception_ptr& failure);
 

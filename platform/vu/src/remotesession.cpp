@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include <network/jsonrpccode.hpp>
 #include <vu/line.hpp>
 #include <vu/log.hpp>
 
@@ -31,13 +32,13 @@ ServiceError::Kind kindOf(int code, const Value& data)
 {
   switch (code)
   {
-  case -32601:
+  case network::MethodNotFound:
     return data.value("unknown", "") == "service" ? ServiceError::Kind::UnknownService : ServiceError::Kind::UnknownMethod;
-  case -32602:
+  case network::InvalidParams:
     return ServiceError::Kind::InvalidArguments;
-  case -32001:
+  case network::NotAllowed:
     return ServiceError::Kind::NotAllowed;
-  case -32002:
+  case network::Overloaded:
     return ServiceError::Kind::Overloaded;
   default:
     return ServiceError::Kind::Service;
