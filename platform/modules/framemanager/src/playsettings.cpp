@@ -52,15 +52,6 @@ std::vector<std::string> readNames(const vu::Value& names)
 
 } // namespace
 
-std::chrono::milliseconds ClosingDeadline::shorten(std::chrono::milliseconds wanted) const
-{
-  using std::chrono::milliseconds;
-  if (!isSet())
-    return wanted;
-  const auto left = std::chrono::ceil<milliseconds>(Clock::time_point(Clock::duration(_deadline)) - Clock::now());
-  return std::clamp(left, milliseconds(0), wanted);
-}
-
 PlaySettings readSettings(const vu::Value& configuration)
 {
   PlaySettings settings;

@@ -14,23 +14,6 @@
 namespace ZB::FrameManager
 {
 
-/// The moment by which all programs have to have ended once the frame manager
-/// closes, the same for all of them. Thread-safe.
-class ClosingDeadline
-{
-public:
-  void set(std::chrono::milliseconds fromNow) { _deadline = (Clock::now() + fromNow).time_since_epoch().count(); }
-  bool isSet() const { return _deadline != none; }
-  /// `wanted`, or what is left until the deadline.
-  std::chrono::milliseconds shorten(std::chrono::milliseconds wanted) const;
-
-private:
-  using Clock = std::chrono::steady_clock;
-  static constexpr Clock::rep none = Clock::duration::max().count();
-
-  std::atomic<Clock::rep> _deadline = none;
-};
-
 /// What all behaviors of a frame manager have in common.
 struct PlaySettings
 {
@@ -49,7 +32,7 @@ struct PlaySettings
   std::chrono::milliseconds terminateGrace{2000};
   std::chrono::milliseconds createTimeout{10000};
   std::chrono::milliseconds playTimeout{10000};
-  const std::shared_ptr<ClosingDeadline> closing = std::make_shared<ClosingDeadline>();
+  const std::shared_ptr<std::atomic<bool>> closing = std::make_shared<std::atomic<bool>>(false);
   const std::shared_ptr<std::atomic<std::uint64_t>> linesLeftOut = std::make_shared<std::atomic<std::uint64_t>>(0);
 };
 

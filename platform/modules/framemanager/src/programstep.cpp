@@ -168,8 +168,7 @@ void PlayedProgram::timedOut(Error error)
 void PlayedProgram::terminate()
 {
   _terminating = true;
-  const auto& settings = *play().settings;
-  const auto grace = settings.closing->shorten(settings.terminateGrace);
+  const auto grace = play().settings->terminateGrace;
   const auto message = static_cast<std::int32_t>(grace.count());
   ::send(_control.native_handle(), &message, sizeof message, MSG_NOSIGNAL | MSG_DONTWAIT);
   expectEnd(grace);
@@ -186,7 +185,7 @@ void PlayedProgram::lookAfterGuard(Error error)
   if (error || hasEnded())
     return;
   const auto late = Clock::now() - _killAt;
-  if (late >= (play().settings->closing->isSet() ? closingKillLimit : killLimit))
+  if (late >= (*play().settings->closing ? closingKillLimit : killLimit))
     return giveUp();
   const bool halted = late >= guardLimit && isHalted(_guard);
   ::kill(_guard, SIGCONT);

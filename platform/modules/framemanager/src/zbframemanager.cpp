@@ -137,7 +137,7 @@ void ZBFrameManager::beginClosing()
     if (std::exchange(_closing, true))
       return;
   }
-  _settings->closing->set(_settings->terminateGrace);
+  *_settings->closing = true;
   _loader.close();
   for (const auto& [id, instance] : held())
     instance->stop(Ending::Kind::Shutdown);
@@ -196,7 +196,7 @@ std::string ZBFrameManager::createBehavior(const std::string& packageDirectory, 
           if (const auto pass = gate->enter())
             conclude(id, ended.value());
         };
-        if (settings->closing->isSet())
+        if (*settings->closing)
           line->push(announce);
         else
           announce();
