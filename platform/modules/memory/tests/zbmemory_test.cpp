@@ -244,7 +244,11 @@ TEST_F(Memory, concurrentRaisesReachSubscribersAndTheSignalInOneOrderOneAtATimeO
     raising = true;
     start.arrive_and_wait();
     for (int number = raiser * raises; number < (raiser + 1) * raises; ++number)
+    {
       number % 2 == 0 ? memory.raiseEvent("A", number) : memory.raiseMicroEvent("B", number);
+      memory.insertData("last", number);
+      EXPECT_GE(memory.getData("last").to<int>(), 0);
+    }
   };
   std::vector<std::jthread> threads;
   for (int raiser = 0; raiser < raisers; ++raiser)
