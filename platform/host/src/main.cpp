@@ -7,6 +7,7 @@
 #include <systemd/sd-daemon.h>
 
 #include <host/commandline.hpp>
+#include <host/freememory.hpp>
 #include <host/surroundings.hpp>
 #include <host/watchdog.hpp>
 
@@ -32,6 +33,7 @@ int main(int argc, char** argv)
     host.start();
     std::cout << "tarvikd ready: " << host.url() << "/" << std::endl;
     sd_notify(0, "READY=1");
+    const Tarvik::FreeMemory freeMemory(io);
     std::optional<Tarvik::Watchdog> watchdog;
     if (std::uint64_t limit = 0; sd_watchdog_enabled(0, &limit) > 0)
       watchdog.emplace(
